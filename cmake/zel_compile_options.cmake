@@ -1,0 +1,43 @@
+# Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+# The warning level and language of everything that is built here, and what the library itself adds to it.
+
+set(CMAKE_C_STANDARD 11)
+set(CMAKE_C_STANDARD_REQUIRED ON)
+set(CMAKE_C_EXTENSIONS OFF)
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+
+# Source names in texts are relative to the root: two checkouts in different places build the same bytes.
+add_compile_options(-ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
+# Large files and late dates on both targets. Neither type appears in a public signature.
+add_compile_definitions(_GNU_SOURCE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
+
+if(ZEL_SANITIZE)
+  add_compile_options(-fsanitize=address,undefined -fno-sanitize=vptr -fno-sanitize-recover=all
+    -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
+endif()
+if(ZEL_SMALL)
+  add_compile_definitions(ZEL_SMALL_CONSTANTS)
+endif()
+
+set(ZEL_WARNINGS -Wall -Wextra -Wpedantic -Wconversion -Wsign-conversion -Wshadow -Wformat=2 -Wcast-align -Wcast-qual
+  -Wundef -Wwrite-strings -Wdouble-promotion -Wnull-dereference -Wvla -Werror)
+set(ZEL_CXX_WARNINGS -Wold-style-cast -Wextra-semi -Wzero-as-null-pointer-constant
+  -Wsuggest-override -Wlogical-op -Wduplicated-cond -Wduplicated-branches)
+
+# zel_warnings(TARGET): the project's warning level, as errors.
+function(zel_warnings target)
+  target_compile_options(${target} PRIVATE ${ZEL_WARNINGS} "$<$<COMPILE_LANGUAGE:CXX>:${ZEL_CXX_WARNINGS}>")
+endfunction()
+
+# zel_library_options(TARGET): what every source of the library is compiled with. It needs nothing at run time but the
+# C library, exports what its public headers declare and nothing else, and cannot call an unbounded copy.
+function(zel_library_options target)
+  zel_warnings(${target})
+  set_target_properties(${target} PROPERTIES POSITION_INDEPENDENT_CODE ON CXX_VISIBILITY_PRESET hidden)
+  target_include_directories(${target} PRIVATE ${PROJECT_SOURCE_DIR})
+  target_compile_options(${target} PRIVATE -fno-exceptions -fno-rtti -fno-threadsafe-statics
+    -include ${PROJECT_SOURCE_DIR}/msg/base/prelude.h)
+endfunction()

@@ -1,0 +1,95 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// The idioms of descriptors.
+#include <components/platform/internal/descriptor.h>
+
+#include <msg/base/text.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstdint>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/select.h>
+#include <unistd.h>
+
+namespace zel {
+
+namespace {
+
+Readiness readiness_of(int result) {
+    if (result < 0) {
+        return Readiness::failed;
+    }
+    return result == 0 ? Readiness::timeout : Readiness::ready;
+}
+
+Readiness wait_with_select(int fd, long seconds, long microseconds) {
+    fd_set readable;
+    FD_ZERO(&readable);
+    FD_SET(fd, &readable);
+    struct timeval timeout = {.tv_sec = seconds, .tv_usec = microseconds};
+    return readiness_of(select(fd + 1, &readable, nullptr, nullptr, &timeout));
+}
+
+// A descriptor set ends at FD_SETSIZE; a descriptor beyond it is waited for by the call that has no set.
+Readiness wait_with_poll(int fd, long seconds, long microseconds) {
+    struct pollfd entry = {.fd = fd, .events = POLLIN, .revents = 0};
+    const int64_t milliseconds = int64_t{seconds} * 1000 + microseconds / 1000;
+    const int result = poll(&entry, 1, static_cast<int>(std::min<int64_t>(milliseconds, INT_MAX)));
+    if (result > 0 && (entry.revents & POLLNVAL) != 0) {
+        errno = EBADF;
+        return Readiness::failed;
+    }
+    return readiness_of(result);
+}
+
+} // namespace
+
+int set_blocking(int fd, bool blocking) {
+    const int flags = fcntl(fd, F_GETFL);
+    if (flags == -1) {
+        return -1;
+    }
+    return fcntl(fd, F_SETFL, blocking ? flags & ~O_NONBLOCK : flags | O_NONBLOCK);
+}
+
+void set_close_on_exec(int fd) {
+    const ErrnoKept kept;
+    fcntl(fd, F_SETFD, FD_CLOEXEC);
+}
+
+int close_keeping_errno(int fd) {
+    const ErrnoKept kept;
+    close(fd);
+    return -1;
+}
+
+int dup_above_standard(int fd) {
+    return fcntl(fd, F_DUPFD, STDERR_FILENO + 1);
+}
+
+int above_standard(int fd) {
+    if (fd > STDERR_FILENO) {
+        return fd;
+    }
+    const int moved = dup_above_standard(fd);
+    if (moved != -1) {
+        close_keeping_errno(fd);
+    }
+    return moved;
+}
+
+Readiness wait_readable(int fd, long seconds, long microseconds) {
+    if (fd < 0) {
+        errno = EBADF;
+        return Readiness::failed;
+    }
+    const auto wait = fd < FD_SETSIZE ? wait_with_select : wait_with_poll;
+    return wait(fd, seconds, microseconds);
+}
+
+bool is_interruption(int error) {
+    return error == EINTR || error == EAGAIN;
+}
+
+} // namespace zel

@@ -1,0 +1,94 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// Environment variables, reports of failed system calls, the distribution name.
+#include <components/platform/environment.h>
+
+#include <components/platform/internal/path.h>
+#include <msg/base/text.h>
+#include <msg/msg.h>
+
+#include <array>
+#include <cstdlib>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr size_t kErrorTextSize = 256;
+constexpr size_t kDistributionNameSize = 256;
+
+struct State {
+    FILE *error_report;        // the error-report stream, or null; chosen once
+    bool error_report_chosen;  // set by the first choice
+    std::array<char, kDistributionNameSize> distribution_name; // overwritten by each call
+};
+
+constinit State state = {};
+
+bool read_first_word(FILE *file, std::array<char, kDistributionNameSize> &word) {
+    static_assert(kDistributionNameSize == 256, "the conversion below names the size");
+    word.front() = '\0';
+    return fscanf(file, "%255s", word.data()) == 1;
+}
+
+} // namespace
+
+char *platform_getenv(const char *name) {
+    return getenv(name);
+}
+
+int platform_setenv(const char *name, const char *value) {
+    const size_t size = strlen(name) + strlen(value) + 2;
+    char *entry = static_cast<char *>(malloc(size));
+    if (entry == nullptr) {
+        return 0;
+    }
+    zel::format_text({entry, size}, "%s=%s", name, value);
+    putenv(entry); // the environment keeps the storage
+    return 0;
+}
+
+// DELIBERATE: any value chooses standard output, "2" and "stderr" included. The stream is for a developer at a terminal;
+// standard error already carries what the program says itself. Held by the test
+// PlatformPerror.EveryNonEmptyValueChoosesStandardOutput.
+void platform_perror_init() {
+    if (state.error_report_chosen) {
+        return;
+    }
+    state.error_report_chosen = true;
+    const char *value = platform_getenv("ZEL_PERROR");
+    state.error_report = value != nullptr && *value != '\0' ? stdout : nullptr;
+}
+
+void platform_perror(const char *text) {
+    const zel::ErrnoKept kept;
+    // A bounded copy on the stack: a report must get through when memory has run out.
+    std::array<char, kErrorTextSize> error_text;
+    zel::format_text(error_text, "%s", strerror(kept.value));
+    platform_perror_init();
+    msg_diag("%s: %s\n", text, error_text.data());
+    if (state.error_report != nullptr) {
+        fprintf(state.error_report, "%s: %s\n", text, error_text.data());
+        fflush(state.error_report);
+    }
+}
+
+// DELIBERATE: the file stays open, so that the installed file can be told from /proc for as long as the process lives.
+// Held by the test PlatformDistName.TheFileStaysOpen.
+char *platform_dist_name() {
+    const char *root = platform_getenv("ZEL_DIST");
+    zel::PathBuffer path;
+    if (root == nullptr || !zel::format_text(path, "%s/dist/DISTRIBUTION", root)) {
+        return nullptr;
+    }
+    FILE *file = fopen(path.data(), "r");
+    if (file == nullptr) {
+        return nullptr;
+    }
+    read_first_word(file, state.distribution_name);
+    return state.distribution_name.data();
+}
+
+int platform_is_writable_dir(const char *path) {
+    struct stat status;
+    return access(path, W_OK) == 0 && stat(path, &status) == 0 && S_ISDIR(status.st_mode) ? 1 : 0;
+}

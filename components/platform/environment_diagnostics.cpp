@@ -1,0 +1,104 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// The start-up diagnostics: where they go, and the echo of the arguments.
+#include <components/platform/environment.h>
+
+#include <components/platform/internal/path.h>
+#include <components/platform/internal/sleep.h>
+#include <msg/base/text.h>
+#include <msg/msg.h>
+
+#include <array>
+#include <ctime>
+#include <strings.h>
+
+namespace {
+
+// Set by the first choice of a destination, also when nothing is opened.
+constinit bool destination_chosen = false;
+
+// The directory, "/", the name of the file: a path of at most 4095 characters.
+using LogPath = std::array<char, 4096>;
+
+// Program names of the family carry one of these in front; the log says what is behind it.
+constexpr std::array<std::string_view, 3> kFamilyPrefixes = {"kyrel", "zel", "kq_"};
+
+std::string_view without_family_prefix(std::string_view name) {
+    for (const std::string_view prefix : kFamilyPrefixes) {
+        if (name.size() >= prefix.size() && strncasecmp(name.data(), prefix.data(), prefix.size()) == 0) {
+            return zel::part_from(name, prefix.size());
+        }
+    }
+    return name;
+}
+
+bool is_one_of(const char *value, const char *word, const char *digit) {
+    return strcasecmp(value, word) == 0 || strcmp(value, digit) == 0;
+}
+
+// Used without a test of its own: whoever sets these variables says where files go.
+const char *fallback_directory() {
+    for (const char *variable : {"ZEL_TMPDIR", "TMP", "TEMP"}) {
+        const char *directory = platform_getenv(variable);
+        if (directory != nullptr) {
+            return directory;
+        }
+    }
+    return "";
+}
+
+// DELIBERATE: the month counts from 00. Log files of many years sort by this stamp. Held by the test
+// PlatformDiagnostics.TheFileNameCarriesTheLocalTimeWithTheMonthFromZero.
+bool compose_path(LogPath &path, const char *directory, const char *name) {
+    constexpr int kCentury = 100;
+    const time_t now = time(nullptr);
+    struct tm local = {};
+    localtime_r(&now, &local);
+    return zel::format_text(path, "%s/zel%02d%02d%02d%02d%02d%02d%s.log", directory, local.tm_year - kCentury,
+                            local.tm_mon, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
+                            name == nullptr ? "" : name);
+}
+
+void open_log(const char *directory, const char *name) {
+    LogPath path;
+    if (!compose_path(path, directory, name)) {
+        return;
+    }
+    // Names have a resolution of one second: whoever starts after this pause has another.
+    zel::sleep_seconds(1);
+    FILE *file = fopen(path.data(), "w");
+    if (file != nullptr) {
+        msg_add_stream(MSG_DIAG, file);
+    }
+}
+
+} // namespace
+
+void platform_open_diagnostics(const char *name) {
+    if (destination_chosen) {
+        return;
+    }
+    destination_chosen = true;
+    const char *value = platform_getenv("ZEL_DIAGNOSTICS_PATH");
+    if (value == nullptr || *value == '\0' || strcmp(value, "0") == 0) {
+        return;
+    }
+    if (is_one_of(value, "stdout", "1")) {
+        msg_add_stream(MSG_DIAG, stdout);
+    } else if (is_one_of(value, "stderr", "2")) {
+        msg_add_stream(MSG_DIAG, stderr);
+    } else {
+        open_log(platform_is_writable_dir(value) ? value : fallback_directory(), name);
+    }
+}
+
+void platform_diag_startup(int32_t argc, char **argv, const char *name) {
+    zel::PathBuffer derived = {};
+    if (name == nullptr && argc > 0 && argv[0] != nullptr) {
+        const auto program = without_family_prefix(zel::without_extension(zel::last_component(argv[0])));
+        zel::copy_part(std::span(derived).first(derived.size() - 1), program);
+    }
+    platform_open_diagnostics(name == nullptr ? derived.data() : name);
+    for (int32_t index = 0; index < argc; ++index) {
+        msg_diag("argv[%d] = \"%s\"\n", index, argv[index]);
+    }
+}

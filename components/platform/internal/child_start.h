@@ -1,0 +1,22 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// What happens around fork and between fork and exec: one small step each.
+#ifndef ZEL_COMPONENTS_PLATFORM_INTERNAL_CHILD_START_H
+#define ZEL_COMPONENTS_PLATFORM_INTERNAL_CHILD_START_H
+
+#include <cstdint>
+
+namespace zel {
+
+// fork, with the output streams flushed first: a child that leaves by exit prints nothing twice. errno is kept but for
+// that of a fork that failed.
+int32_t fork_flushed();
+
+// In the child: makes the three descriptors its standard input, output and error, each closed after its last use.
+void redirect_standard(const int descriptors[3]);
+
+// In the child: makes /dev/null its standard input, output and error.
+void redirect_standard_to_null();
+
+} // namespace zel
+
+#endif

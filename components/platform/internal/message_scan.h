@@ -1,0 +1,26 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// Finding the end of a message in data that arrives in pieces: pure text work, no socket.
+#ifndef ZEL_COMPONENTS_PLATFORM_INTERNAL_MESSAGE_SCAN_H
+#define ZEL_COMPONENTS_PLATFORM_INTERNAL_MESSAGE_SCAN_H
+
+#include <cstdint>
+
+namespace zel {
+
+// How far the search for one message has come. What was searched is not searched again when more data is there.
+struct MessageScan {
+    char *data;        // start of the message
+    char **line_table; // start of each line found; PLATFORM_MAX_MESSAGE_LINES + 1 entries
+    int32_t lines;     // entries in use
+    int32_t line_start; // where the line that is being looked for begins
+    int32_t searched;   // no line end lies between line_start and here
+};
+
+// Goes on with the search in what is now length bytes of data. Returns the length of the message, with the CR of every
+// line and of the end replaced by NUL and the line table closed by null; or 0, with the data untouched, while it is not
+// complete. More lines than the table holds: an assertion that aborts.
+int32_t scan_message(MessageScan &scan, int32_t length);
+
+} // namespace zel
+
+#endif

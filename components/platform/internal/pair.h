@@ -1,0 +1,38 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// What the files of the pair unit share.
+#ifndef ZEL_COMPONENTS_PLATFORM_INTERNAL_PAIR_H
+#define ZEL_COMPONENTS_PLATFORM_INTERNAL_PAIR_H
+
+#include <components/platform/zel_pair_connection.h>
+
+namespace zel::pair {
+
+// The name of the unit, as assertions print it.
+inline constexpr const char *kUnitName = "components/platform/zel_pair_connection";
+
+// The forms of the environment string.
+inline constexpr int32_t kKindNone = 0;
+inline constexpr int32_t kKindPlain = 10;  // "pid-rtx_fd"
+inline constexpr int32_t kKindLocal = 12;  // "pid-rtx_fd_l"
+inline constexpr int32_t kKindHybrid = 13; // "pid-rtx_fd_w"
+
+// Outside the range of exit codes: not known yet.
+inline constexpr int32_t kExitStatusUnknown = 256;
+
+// The errno field of a handle whose environment string does not begin with two numbers.
+inline constexpr int32_t kBadEnvironmentString = -1;
+
+inline constexpr int kNoDescriptor = -1;
+
+// A new handle of that kind with nothing open yet, in storage from malloc. The function is named when there is none.
+PairHandle *create_handle(bool parent, int32_t kind, int blocking, const char *function);
+
+// The one descriptor of a pair serves both directions.
+void set_descriptor(PairHandle *ph, int fd);
+
+// From now on the process ignores the signal.
+void ignore_signal(int signal);
+
+} // namespace zel::pair
+
+#endif

@@ -1,0 +1,13 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// Sleeping a whole time, whatever signals arrive meanwhile.
+#ifndef ZEL_COMPONENTS_PLATFORM_INTERNAL_SLEEP_H
+#define ZEL_COMPONENTS_PLATFORM_INTERNAL_SLEEP_H
+
+namespace zel {
+
+// Returns when that many seconds have passed.
+void sleep_seconds(unsigned int seconds);
+
+} // namespace zel
+
+#endif

@@ -1,0 +1,33 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// Sleeping a whole time.
+#include <components/platform/internal/sleep.h>
+
+#include <cstdint>
+#include <ctime>
+#include <unistd.h>
+
+namespace zel {
+
+namespace {
+
+constexpr int64_t kMillisecondsPerSecond = 1000;
+constexpr int64_t kNanosecondsPerMillisecond = 1000000;
+
+int64_t milliseconds_now() {
+    struct timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * kMillisecondsPerSecond + now.tv_nsec / kNanosecondsPerMillisecond;
+}
+
+} // namespace
+
+// An interrupted sleep reports the seconds left, rounded down: under signals that arrive more often than once a second
+// the rest would be lost. So the clock decides whether to sleep again.
+void sleep_seconds(unsigned int seconds) {
+    const int64_t end = milliseconds_now() + seconds * kMillisecondsPerSecond;
+    for (int64_t left = end - milliseconds_now(); left > 0; left = end - milliseconds_now()) {
+        sleep(static_cast<unsigned int>((left + kMillisecondsPerSecond - 1) / kMillisecondsPerSecond));
+    }
+}
+
+} // namespace zel

@@ -1,0 +1,84 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// Finding a message: lines ended by CR LF, and an empty line behind them.
+#include <components/platform/socket.h>
+
+#include <components/platform/internal/message_scan.h>
+#include <components/platform/internal/socket_unit.h>
+#include <msg/base/assertion.h>
+
+namespace zel {
+
+namespace {
+
+constexpr int32_t kLineEndSize = 2;
+
+bool is_line_end(const char *text) {
+    return text[0] == '\r' && text[1] == '\n';
+}
+
+// The position behind the next CR LF of the current line, or 0. LF is what the C library searches for; the CR must
+// stand before it in the same line.
+int32_t find_line_end(MessageScan &scan, int32_t length) {
+    while (scan.searched < length) {
+        const char *from = scan.data + scan.searched;
+        const void *found = memchr(from, '\n', static_cast<size_t>(length - scan.searched));
+        if (found == nullptr) {
+            scan.searched = length;
+            return 0;
+        }
+        const auto newline = static_cast<int32_t>(static_cast<const char *>(found) - scan.data);
+        scan.searched = newline + 1;
+        if (newline > scan.line_start && scan.data[newline - 1] == '\r') {
+            return scan.searched;
+        }
+    }
+    return 0;
+}
+
+void add_line(MessageScan &scan, int32_t next_line) {
+    if (scan.lines >= PLATFORM_MAX_MESSAGE_LINES) {
+        assertion_failed("lines < PLATFORM_MAX_MESSAGE_LINES", kSocketUnit, "platform_parse_message");
+    }
+    scan.line_table[scan.lines++] = scan.data + scan.line_start;
+    scan.line_start = next_line;
+}
+
+// Every line ends two bytes before the next begins, and the last two bytes before the end of the message.
+int32_t close_message(MessageScan &scan) {
+    char *const end = scan.data + scan.line_start;
+    for (int32_t line = 1; line < scan.lines; ++line) {
+        scan.line_table[line][-kLineEndSize] = '\0';
+    }
+    end[-kLineEndSize] = '\0';
+    end[0] = '\0';
+    scan.line_table[scan.lines] = nullptr;
+    return scan.line_start + kLineEndSize;
+}
+
+} // namespace
+
+int32_t scan_message(MessageScan &scan, int32_t length) {
+    for (;;) {
+        // An empty line ends the message, but for the first: a message has at least one line.
+        if (scan.lines > 0 && scan.searched == scan.line_start) {
+            if (length - scan.line_start < kLineEndSize) {
+                return 0;
+            }
+            if (is_line_end(scan.data + scan.line_start)) {
+                return close_message(scan);
+            }
+        }
+        const int32_t next_line = find_line_end(scan, length);
+        if (next_line == 0) {
+            return 0;
+        }
+        add_line(scan, next_line);
+    }
+}
+
+} // namespace zel
+
+int platform_parse_message(char *data, int32_t length, char **line_table) {
+    zel::MessageScan scan = {.data = data, .line_table = line_table, .lines = 0, .line_start = 0, .searched = 0};
+    return zel::scan_message(scan, length);
+}

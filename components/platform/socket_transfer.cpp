@@ -1,0 +1,90 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// Transfers over a connected socket, and its blocking mode.
+#include <components/platform/socket.h>
+
+#include <components/platform/environment.h>
+#include <components/platform/internal/descriptor.h>
+
+#include <cerrno>
+#include <fcntl.h>
+
+namespace {
+
+constexpr long kPollMicroseconds = 100000;
+
+// Waits in steps, so that idle runs about ten times a second. Returns 1 when the socket can be read, -1 or -2.
+int wait_for_input(int socket, bool wait, PlatformIdle idle) {
+    for (;;) {
+        const zel::Readiness readiness = zel::wait_readable(socket, 0, wait ? kPollMicroseconds : 0);
+        const int error = errno; // before idle has its turn
+        if (idle != nullptr) {
+            idle();
+        }
+        if (readiness == zel::Readiness::ready) {
+            return 1;
+        }
+        if (readiness == zel::Readiness::timeout) {
+            if (!wait) {
+                return -2;
+            }
+            continue;
+        }
+        if (error != 0 && !zel::is_interruption(error)) {
+            errno = error;
+            platform_perror("select failed");
+            return -1;
+        }
+        errno = 0;
+    }
+}
+
+// One send that no signal cuts short before it has begun.
+ssize_t send_some(int socket, const char *data, size_t length) {
+    ssize_t count;
+    do {
+        count = send(socket, data, length, MSG_NOSIGNAL);
+    } while (count == -1 && errno == EINTR);
+    return count;
+}
+
+} // namespace
+
+int platform_select_recv(int socket, void *buffer, int32_t length, int wait, PlatformIdle idle) {
+    if (length < 1) {
+        return 0;
+    }
+    const int ready = wait_for_input(socket, wait != 0, idle);
+    if (ready < 0) {
+        return ready;
+    }
+    const ssize_t count = recv(socket, buffer, static_cast<size_t>(length), 0);
+    return count == 0 ? -1 : static_cast<int>(count);
+}
+
+int platform_send_all(int socket, const void *buffer, int32_t length) {
+    const char *data = static_cast<const char *>(buffer);
+    int32_t sent = 0;
+    while (sent < length) {
+        const ssize_t count = send_some(socket, data + sent, static_cast<size_t>(length - sent));
+        if (count < 1) {
+            return -1;
+        }
+        sent += static_cast<int32_t>(count);
+    }
+    return sent;
+}
+
+int platform_recv_guarded(int socket, void *buffer, int32_t length) {
+    if (length < 1) {
+        return -3;
+    }
+    return static_cast<int>(recv(socket, buffer, static_cast<size_t>(length), 0));
+}
+
+int platform_fd_is_blocking(int fd) {
+    return (fcntl(fd, F_GETFL) & O_NONBLOCK) == 0 ? 1 : 0;
+}
+
+int platform_fd_set_blocking(int fd, int blocking) {
+    return zel::set_blocking(fd, blocking != 0);
+}

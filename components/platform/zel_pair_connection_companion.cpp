@@ -1,0 +1,134 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// The companion's side of start-up: its end is found again from the environment.
+#include <components/platform/zel_pair_connection.h>
+
+#include <components/platform/environment.h>
+#include <components/platform/internal/pair.h>
+#include <components/platform/socket.h>
+#include <malloc/zel_malloc.h>
+#include <msg/msg.h>
+
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstdlib>
+
+namespace {
+
+using zel::pair::kBadEnvironmentString;
+using zel::pair::kKindNone;
+
+struct Tag {
+    const char *text;
+    int32_t kind;
+};
+
+// The longer tags first: the short one is a prefix of both.
+constexpr std::array<Tag, 3> kTags = {{
+    {"pid-rtx_fd_l", zel::pair::kKindLocal},
+    {"pid-rtx_fd_w", zel::pair::kKindHybrid},
+    {"pid-rtx_fd", zel::pair::kKindPlain},
+}};
+
+// What a companion may be told to ignore, in this order.
+constexpr std::array<int, 7> kIgnoredSignals = {SIGHUP, SIGINT, SIGQUIT, SIGABRT, SIGPIPE, SIGTERM, SIGURG};
+
+// The two numbers at the start of the environment string.
+struct Address {
+    int32_t pid;
+    int32_t number; // a descriptor, or in the hybrid arrangement a port
+};
+
+int32_t kind_of(const char *value) {
+    if (value == nullptr) {
+        return kKindNone;
+    }
+    for (const Tag &tag : kTags) {
+        if (strstr(value, tag.text) != nullptr) {
+            return tag.kind;
+        }
+    }
+    return kKindNone;
+}
+
+// Reads a decimal number; the position moves behind it. A number beyond 32 bits does not count as one.
+bool parse_number(const char **position, int32_t *number) {
+    char *end = nullptr;
+    errno = 0;
+    const long value = strtol(*position, &end, 10);
+    if (end == *position || errno == ERANGE || value < INT32_MIN || value > INT32_MAX) {
+        return false;
+    }
+    *position = end;
+    *number = static_cast<int32_t>(value);
+    return true;
+}
+
+bool parse_address(const char *value, Address *address) {
+    return parse_number(&value, &address->pid) && parse_number(&value, &address->number);
+}
+
+// DELIBERATE: the name of the variable is not freed; like a variable's own storage it lasts as long as the process. Held
+// by the test PairChildOpen.TheNameOfTheHybridVariableStaysAllocated.
+// DELIBERATE: any value that does not begin with 'f', 'F' or '0' means hybrid, "no" included. Held by the test
+// PairChildOpen.OnlyAnEmptyValueOrOneThatBeginsWithFOrZeroMeansNotHybrid.
+bool is_hybrid(const char *env_name) {
+    const char *name = zel_strdup2(env_name, "_HYBRID", "platform_pair_child_open", "hybrid variable name");
+    const char *value = platform_getenv(name);
+    return value != nullptr && strchr("fF0", *value) == nullptr;
+}
+
+void open_descriptor(PairHandle *ph, const char *value, bool ignore_signals) {
+    if (ignore_signals) {
+        for (const int signal : kIgnoredSignals) {
+            zel::pair::ignore_signal(signal);
+        }
+    }
+    Address address;
+    if (!parse_address(value, &address)) {
+        ph->error_number = kBadEnvironmentString;
+        return;
+    }
+    ph->companion_pid = address.pid;
+    zel::pair::set_descriptor(ph, address.number);
+}
+
+void open_connection(PairHandle *ph, const char *value) {
+    Address address;
+    if (!parse_address(value, &address)) {
+        ph->error_number = kBadEnvironmentString;
+        return;
+    }
+    ph->companion_pid = address.pid;
+    const int fd = platform_connect_host("localhost", address.number);
+    if (fd == -1) {
+        msg_diag("connection failed: %s\n", strerror(errno));
+        ph->error_number = errno;
+        return;
+    }
+    zel::pair::set_descriptor(ph, fd);
+    if (ph->blocking != 0) {
+        platform_fd_set_blocking(fd, 1);
+    }
+}
+
+} // namespace
+
+PairHandle *platform_pair_child_open(const char *env_name, int ignore_signals, int blocking) {
+    const char *value = platform_getenv(env_name);
+    const int32_t kind = kind_of(value);
+    PairHandle *ph = zel::pair::create_handle(false, kind, blocking, "platform_pair_child_open");
+    if (kind == kKindNone) {
+        // DELIBERATE: errno stays 0, so such a handle counts as healthy: no system call failed. The text and the
+        // descriptors show that it is not open. Held by the test PairChildOpen.AnUnsetVariableIsAHealthyHandle...
+        ph->error_text = "Failing to start due to wrong type on linux";
+        return ph;
+    }
+    if (is_hybrid(env_name)) {
+        open_connection(ph, value);
+    } else {
+        open_descriptor(ph, value, ignore_signals != 0);
+    }
+    return ph;
+}

@@ -1,0 +1,95 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// Waiting for processes, ending them, and the shared descriptor on /dev/null.
+#include <components/platform/zel_pair_connection.h>
+
+#include <components/platform/environment.h>
+#include <components/platform/internal/descriptor.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <sys/wait.h>
+
+namespace {
+
+// The shared null descriptor: open while there are references.
+struct State {
+    int references;
+    int fd;
+    FILE *stream; // what it was opened through
+};
+
+constinit State shared_null = {.references = 0, .fd = -1, .stream = nullptr};
+
+
+} // namespace
+
+int32_t platform_wait_nohang(int32_t pid, int32_t *exit_code, int32_t *signal) {
+    int32_t ignored_exit_code;
+    int32_t ignored_signal;
+    int32_t &code = *(exit_code == nullptr ? &ignored_exit_code : exit_code);
+    int32_t &term_signal = *(signal == nullptr ? &ignored_signal : signal);
+    code = 0;
+    term_signal = 0;
+    int status;
+    const int32_t result = waitpid(pid, &status, WNOHANG);
+    if (result != pid) {
+        return result;
+    }
+    if (WIFEXITED(status)) {
+        code = WEXITSTATUS(status);
+    }
+    if (WIFSIGNALED(status)) {
+        term_signal = WTERMSIG(status);
+    }
+    return result;
+}
+
+int32_t platform_wait_child(int32_t pid, int32_t *status) {
+    for (;;) {
+        const int32_t result = waitpid(pid, status, 0);
+        if (result != -1) {
+            return result;
+        }
+        platform_perror("waitpid: ");
+        if (!zel::is_interruption(errno)) {
+            return -1;
+        }
+        errno = 0;
+    }
+}
+
+// DELIBERATE: no pause and no escalation. SIGKILL is for a SIGTERM that could not be sent; a companion that handles
+// SIGTERM is given the time it takes. Held by the test KillAndReap.ACompanionThatDelaysItsEndIsWaitedForAndNotKilled.
+int platform_kill_and_reap(int32_t pid) {
+    // 0 and negative numbers are process groups, our own among them.
+    if (pid < 1) {
+        return 0;
+    }
+    if (kill(pid, SIGTERM) != 0 && kill(pid, SIGKILL) != 0) {
+        return 0;
+    }
+    platform_wait_child(pid, nullptr);
+    return 1;
+}
+
+int platform_null_fd_open() {
+    if (shared_null.references > 0) {
+        ++shared_null.references;
+        return shared_null.fd;
+    }
+    FILE *stream = fopen("/dev/null", "r+");
+    if (stream == nullptr) {
+        return -1;
+    }
+    shared_null = {.references = 1, .fd = fileno(stream), .stream = stream};
+    return shared_null.fd;
+}
+
+void platform_null_fd_close(int fd) {
+    if (shared_null.stream == nullptr || fd != shared_null.fd || --shared_null.references > 0) {
+        return;
+    }
+    fclose(shared_null.stream);
+    shared_null = {.references = 0, .fd = -1, .stream = nullptr};
+}

@@ -1,0 +1,17 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// What becomes of an allocation that failed.
+#ifndef ZEL_MALLOC_INTERNAL_REPORT_H
+#define ZEL_MALLOC_INTERNAL_REPORT_H
+
+#include <malloc/internal/core.h>
+#include <malloc/zel_malloc.h>
+
+namespace zel::memory {
+
+// Composes the report of a failed request of that size, from errno as the system allocator left it, and hands it to the
+// failure handler, whose result it returns; without a handler it is an error that ends the process.
+void *report_failure(size_t size, const Caller &caller);
+
+} // namespace zel::memory
+
+#endif

@@ -1,0 +1,156 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// The entries of the memory library, and the report of a request that failed.
+#include <malloc/internal/report.h>
+#include <malloc/zel_malloc.h>
+#include <msg/base/text.h>
+#include <msg/msg.h>
+
+#include <array>
+
+using zel::memory::by_function;
+using zel::memory::by_line;
+using zel::memory::Caller;
+using zel::memory::Method;
+using zel::memory::report_failure;
+using zel::memory::zel_free_core;
+using zel::memory::zel_malloc_core;
+using zel::memory::zel_realloc_core;
+
+namespace {
+
+constinit ZelMallocFailureHandler failure_handler = nullptr;
+
+constexpr size_t kReportSize = 10000;
+using Report = std::array<char, kReportSize>;
+
+void compose_short(Report &report, unsigned long size, const char *name, int error) {
+    if (error == ENOMEM) {
+        zel::format_text(report, "%s: Not enough memory to allocate %lu bytes.", name, size);
+        return;
+    }
+    zel::format_text(report, "%s: %s while trying to allocate %lu bytes.", name, strerror(error), size);
+}
+
+void compose_full(Report &report, unsigned long size, const Caller &caller, int error) {
+    const char *function = caller.place.function;
+    const char *purpose = caller.purpose_or_file;
+    if (error == ENOMEM) {
+        zel::format_text(report, "%s (via %s): Not enough memory to allocate %lu bytes for %s.", function, caller.name,
+                         size, purpose);
+        return;
+    }
+    zel::format_text(report, "%s (via %s): %s while trying to allocate %lu bytes for %s.", function, caller.name,
+                     strerror(error), size, purpose);
+}
+
+void compose_report(Report &report, unsigned long size, const Caller &caller, int error) {
+    if (caller.method == Method::file_line) {
+        zel::format_text(report, "%s in %s, line %d: Not enough memory to allocate %lu bytes.", caller.name,
+                         caller.purpose_or_file, caller.place.line, size);
+    } else if (caller.place.function != nullptr && caller.purpose_or_file != nullptr) {
+        compose_full(report, size, caller, error);
+    } else {
+        compose_short(report, size, caller.name, error);
+    }
+}
+
+using OnFailure = void *(size_t size, const Caller &caller);
+
+void *report_unless_out_of_memory(size_t size, const Caller &caller) {
+    return errno == ENOMEM ? nullptr : report_failure(size, caller);
+}
+
+void *allocate(size_t size, const Caller &caller, OnFailure on_failure = report_failure) {
+    if (size == 0) {
+        return nullptr;
+    }
+    void *block = zel_malloc_core(size, caller);
+    return block != nullptr ? block : on_failure(size, caller);
+}
+
+// DELIBERATE: the product is not tested for overflow; it wraps at the width of size_t, and what it wraps to is
+// allocated, cleared and reported. Held by the test ZelCalloc.TheProductWrapsWithoutATest.
+void *allocate_zeroed(size_t count, size_t size, const Caller &caller, OnFailure on_failure = report_failure) {
+    if (count == 0 || size == 0) {
+        return nullptr;
+    }
+    const size_t bytes = count * size;
+    void *block = zel_malloc_core(bytes, caller);
+    return block != nullptr ? memset(block, 0, bytes) : on_failure(bytes, caller);
+}
+
+void *reallocate(void *pointer, size_t size, const Caller &caller, OnFailure on_failure = report_failure) {
+    if (size == 0) {
+        zel_free(pointer);
+        return nullptr;
+    }
+    if (pointer == nullptr) {
+        return allocate(size, caller, on_failure);
+    }
+    void *block = zel_realloc_core(pointer, size, caller);
+    return block != nullptr ? block : on_failure(size, caller);
+}
+
+} // namespace
+
+void *zel::memory::report_failure(size_t size, const Caller &caller) {
+    Report report;
+    compose_report(report, size, caller, errno);
+    if (failure_handler == nullptr) {
+        msg_fatal("%s", report.data());
+    }
+    return failure_handler(size, report.data());
+}
+
+void *zel_malloc(size_t size, const char *function, const char *purpose) {
+    return allocate(size, by_function("zel_malloc", function, purpose));
+}
+
+void *zel_calloc(size_t count, size_t size, const char *function, const char *purpose) {
+    return allocate_zeroed(count, size, by_function("zel_calloc", function, purpose));
+}
+
+void *zel_realloc(void *pointer, size_t size, const char *function, const char *purpose) {
+    return reallocate(pointer, size, by_function("zel_realloc", function, purpose));
+}
+
+void *zel_malloc_fl(size_t size, const char *name, int32_t line, const char *file) {
+    return allocate(size, by_line(name, line, file));
+}
+
+void *zel_calloc_fl(size_t count, size_t size, const char *name, int32_t line, const char *file) {
+    return allocate_zeroed(count, size, by_line(name, line, file));
+}
+
+void *zel_realloc_fl(void *pointer, size_t size, const char *name, int32_t line, const char *file) {
+    return reallocate(pointer, size, by_line(name, line, file));
+}
+
+void *zel_malloc_if_room(size_t size) {
+    return allocate(size, by_function("zel_malloc_if_room", nullptr, nullptr), report_unless_out_of_memory);
+}
+
+void *zel_calloc_if_room(size_t count, size_t size) {
+    return allocate_zeroed(count, size, by_function("zel_calloc_if_room", nullptr, nullptr),
+                           report_unless_out_of_memory);
+}
+
+void *zel_realloc_if_room(void *pointer, size_t size) {
+    return reallocate(pointer, size, by_function("zel_realloc_if_room", nullptr, nullptr), report_unless_out_of_memory);
+}
+
+void zel_free(void *pointer) {
+    if (pointer != nullptr) {
+        zel_free_core(pointer);
+    }
+}
+
+ZelMallocFailureHandler zel_malloc_set_failure_handler(ZelMallocFailureHandler handler) {
+    const ZelMallocFailureHandler previous = failure_handler;
+    failure_handler = handler;
+    return previous;
+}
+
+unsigned long zel_malloc_total_requested() {
+    return zel::memory::state.total_requested;
+}

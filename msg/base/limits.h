@@ -1,0 +1,35 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// The sizes that a build with shrunken constants makes tiny, so that every table grows and every text is formatted more
+// than once in each test.
+#ifndef ZEL_MSG_BASE_LIMITS_H
+#define ZEL_MSG_BASE_LIMITS_H
+
+#include <cstddef>
+#include <cstdint>
+
+namespace zel {
+
+#ifdef ZEL_SMALL_CONSTANTS
+inline constexpr bool kSmall = true;
+#else
+inline constexpr bool kSmall = false;
+#endif
+
+// First size of the text of a message: almost every message needs one allocation.
+inline constexpr size_t kFirstTextSize = kSmall ? 1 : 10000;
+
+// Slots by which a stream list grows.
+inline constexpr int32_t kStreamListStep = kSmall ? 1 : 5;
+
+// First size of a text that the memory library formats.
+inline constexpr size_t kFirstFormattedSize = kSmall ? 1 : 16;
+
+// Bytes taken from a socket in one receive of the message loop.
+inline constexpr size_t kReceiveSize = kSmall ? 3 : 8192;
+
+// The area in which the lines of an outgoing message are framed; a line too long for it is framed in storage of its own.
+inline constexpr size_t kFramingSize = kSmall ? 8 : 8192;
+
+} // namespace zel
+
+#endif

@@ -1,0 +1,42 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// Bounded text, and the error number kept across work that may change it.
+#ifndef ZEL_MSG_BASE_TEXT_H
+#define ZEL_MSG_BASE_TEXT_H
+
+#include <cerrno>
+#include <cstdarg>
+#include <span>
+#include <string_view>
+
+namespace zel {
+
+// Parts of a text. Those of string_view itself can throw, which takes a library that this one does without; these end
+// where the text ends.
+constexpr std::string_view first_part(std::string_view text, size_t length) {
+    return {text.data(), length < text.size() ? length : text.size()};
+}
+
+constexpr std::string_view part_from(std::string_view text, size_t position) {
+    const size_t skipped = position < text.size() ? position : text.size();
+    return {text.data() + skipped, text.size() - skipped};
+}
+
+// Copies what fits of the text into the target, without a NUL. Returns how many characters that was.
+size_t copy_part(std::span<char> target, std::string_view text);
+
+// Formats into the buffer, cut to what fits with its NUL. Returns whether the whole text fitted.
+bool format_text(std::span<char> buffer, const char *format, ...) __attribute__((format(printf, 2, 3)));
+bool vformat_text(std::span<char> buffer, const char *format, va_list args) __attribute__((format(printf, 2, 0)));
+
+// Restores errno where its scope ends, so that what is done on the side does not show.
+struct ErrnoKept {
+    const int value = errno;
+    ErrnoKept() = default;
+    ErrnoKept(const ErrnoKept &) = delete;
+    ErrnoKept &operator=(const ErrnoKept &) = delete;
+    ~ErrnoKept() { errno = value; }
+};
+
+} // namespace zel
+
+#endif

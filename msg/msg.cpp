@@ -1,0 +1,254 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// The core writer: one message, formatted, cut into lines and written to the streams of its type.
+#include <msg/msg.h>
+
+#include <msg/base/limits.h>
+#include <msg/base/text.h>
+#include <msg/internal/cut.h>
+#include <msg/internal/settings.h>
+#include <msg/internal/state.h>
+#include <msg/internal/streams.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <unistd.h>
+
+namespace zel::msg {
+
+constinit State state = {
+    .streams_ready = false,
+    .streams = {},
+    .last = {},
+    .prefixes = {{{.text = "", .owned = nullptr},
+                  {.text = "Warning: ", .owned = nullptr},
+                  {.text = "", .owned = nullptr},
+                  {.text = "Error: ", .owned = nullptr},
+                  {.text = "Internal error: ", .owned = nullptr}}},
+    .width_settled = false,
+};
+
+namespace {
+
+using Indentation = std::array<char, kIndentationSize>;
+
+// One message on its way out.
+struct Message {
+    Channel channel;
+    int fmt_type;
+    const char *lead;   // opens the next line: the prefix, then the indentation
+    size_t lead_length; // columns that a line's opening takes, the mp prefix included
+    Indentation indentation;
+};
+
+Indentation indentation_under(std::string_view prefix) {
+    Indentation spaces = {};
+    std::fill_n(spaces.begin(), std::min(prefix.size(), spaces.size() - 1), ' ');
+    return spaces;
+}
+
+const char *lead_text(const Lead &lead) {
+    return lead.longer == nullptr ? lead.fixed.data() : lead.longer;
+}
+
+// A copy of our own: the text at hand lives in a prefix that may be set, or in a message that is about to end. A long
+// one that finds no memory is cut.
+Lead copy_lead(std::string_view text) {
+    Lead lead = {};
+    if (text.size() >= lead.fixed.size()) {
+        lead.longer = strdup(text.data());
+    }
+    copy_part(std::span(lead.fixed).first<kIndentationSize - 1>(), text);
+    return lead;
+}
+
+void record(const Message &message) {
+    Lead lead = copy_lead(message.lead);
+    free(state.last.lead.longer);
+    state.last = {.type = message.channel.type,
+                  .fmt_type = message.fmt_type,
+                  .primary_only = message.channel.primary_only ? 1 : 0,
+                  .lead = lead};
+}
+
+void end_line(const Channel &channel) {
+    write_streams(channel, "\n");
+    state.column = 0;
+}
+
+// Columns of an endless line are counted up to the largest number and no further.
+void advance_column(size_t length) {
+    const auto space = static_cast<size_t>(INT32_MAX - state.column);
+    state.column += static_cast<int32_t>(std::min(length, space));
+}
+
+void open_line(Message &message) {
+    if (!message.channel.primary_only) {
+        write_streams(message.channel, prefix_text(PrefixKind::mp));
+    }
+    write_streams(message.channel, message.lead);
+    advance_column(message.lead_length);
+    message.lead = message.indentation.data();
+}
+
+// Writes the first characters of the text. The streams take whole strings, so the text is ended there meanwhile.
+void write_piece(const Channel &channel, char *text, size_t length) {
+    const char behind = text[length];
+    text[length] = '\0';
+    write_streams(channel, text);
+    text[length] = behind;
+}
+
+char *write_raw(const Channel &channel, char *text) {
+    char *newline = strchr(text, '\n');
+    if (newline != nullptr) {
+        write_piece(channel, text, static_cast<size_t>(newline + 1 - text));
+        state.column = 0;
+        return newline + 1;
+    }
+    const size_t length = strlen(text);
+    write_streams(channel, text);
+    advance_column(length);
+    return text + length;
+}
+
+// A lead text longer than the width leaves no room on any line that it opens. Such a line takes its first word whole;
+// otherwise every line would be passed on empty to the next, for ever.
+char *write_wrapped(const Channel &channel, char *text, char *end, int32_t width, bool line_just_opened) {
+    ptrdiff_t room = width - state.column;
+    if (line_just_opened) {
+        room = std::max<ptrdiff_t>(room, 0);
+    }
+    const size_t length = break_point({text, static_cast<size_t>(end - text)}, room);
+    write_piece(channel, text, length);
+    advance_column(length);
+    text += length;
+    text += leading_blanks({text, static_cast<size_t>(end - text)});
+    if (*text == '\n') {
+        end_line(channel);
+        ++text;
+    }
+    return text;
+}
+
+void require_known_layout(const Message &message) {
+    if (message.fmt_type >= MSG_FMT_RAW && message.fmt_type <= MSG_FMT_LINE) {
+        return;
+    }
+    const auto fatal = message.channel.primary_only ? msg_primary_fatal : msg_fatal;
+    fatal("Internal error: Bad MSG_FMT_TYPE: %d", message.fmt_type);
+}
+
+// Writes the next piece of the text on the current line; returns where the rest begins.
+char *write_next(const Message &message, char *text, char *end, bool line_just_opened) {
+    const int32_t width = msg_get_width_limit();
+    if (width == 0) {
+        return write_raw(message.channel, text);
+    }
+    require_known_layout(message);
+    if (message.fmt_type == MSG_FMT_RAW) {
+        return write_raw(message.channel, text);
+    }
+    return write_wrapped(message.channel, text, end, width, line_just_opened);
+}
+
+// Ends a line that is open: one that an earlier message left, or one that this message has just filled.
+void break_line(const Channel &channel, bool at_start) {
+    if (state.column == 0) {
+        return;
+    }
+    end_line(channel);
+    if (at_start) {
+        flush_streams(channel);
+    }
+}
+
+void write_text(Message &message, char *text, bool continuation) {
+    char *const end = text + strlen(text);
+    bool first = true;
+    do {
+        if (!first || !continuation) {
+            break_line(message.channel, first);
+        }
+        first = false;
+        const bool opens_line = state.column == 0;
+        if (opens_line) {
+            open_line(message);
+        }
+        text = write_next(message, text, end, opens_line);
+    } while (text < end);
+}
+
+void refuse_format(const Channel &channel, const char *format) {
+    const auto fatal = channel.primary_only ? msg_primary_fatal : msg_fatal;
+    fatal("Internationalization interface not yet supported.\n"
+          "However, the format string \"%s\" began with a dollar sign.  "
+          "Use two dollar signs if you really want the string to begin a dollar sign.",
+          format);
+}
+
+// A leading dollar sign is reserved for message catalogues. Two of them stand for one.
+const char *checked_format(const Channel &channel, const char *format) {
+    if (format[0] != '$') {
+        return format;
+    }
+    if (format[1] != '$') {
+        refuse_format(channel, format);
+    }
+    return format + 1;
+}
+
+// No memory for the message: the one thing that can still be said needs none.
+void report_lost_message() {
+    constexpr std::string_view text = "A message could not be formatted and is lost.\n";
+    [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, text.data(), text.size());
+}
+
+size_t lead_length_of(const Channel &channel, std::string_view prefix) {
+    const std::string_view mp = channel.primary_only ? "" : prefix_text(PrefixKind::mp);
+    return prefix.size() + mp.size();
+}
+
+} // namespace
+
+} // namespace zel::msg
+
+using namespace zel::msg;
+
+void _msg_output(int type, int fmt_type, int primary_only, int continuation, const char *prefix, const char *format,
+                 va_list args) {
+    if (primary_only != 0 && state.primary == 0) {
+        return;
+    }
+    const char *opening = prefix == nullptr ? "" : prefix;
+    const Channel channel = {.type = type, .primary_only = primary_only != 0};
+    Message message = {.channel = channel,
+                       .fmt_type = fmt_type,
+                       .lead = opening,
+                       .lead_length = lead_length_of(channel, opening),
+                       .indentation = indentation_under(opening)};
+    _msg_get_stream_desc(type);
+    char *text = msg_vformat_alloc(checked_format(channel, format), args, zel::kFirstTextSize);
+    if (text == nullptr) {
+        report_lost_message();
+        record(message);
+        return;
+    }
+    write_text(message, text, continuation != 0);
+    free(text);
+    if (fmt_type == MSG_FMT_LINE) {
+        end_line(channel);
+        flush_streams(channel);
+    }
+    record(message);
+}
+
+void msg_vcont(const char *format, va_list args) {
+    if (state.last.type == 0) {
+        msg_fatal("MSG_CONT called before any other message function.");
+    }
+    // Taken out of the record: a report in the middle of this message writes a record of its own.
+    LastMessage last = state.last;
+    state.last.lead.longer = nullptr;
+    _msg_output(last.type, last.fmt_type, last.primary_only, 1, lead_text(last.lead), format, args);
+    free(last.lead.longer);
+}

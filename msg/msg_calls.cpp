@@ -1,0 +1,162 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// The output calls by name: each is the core writer with some arguments filled in.
+#include <msg/internal/settings.h>
+#include <msg/msg.h>
+
+#include <cerrno>
+#include <cstdlib>
+
+using zel::msg::prefix_text;
+using zel::msg::PrefixKind;
+using zel::msg::state;
+
+// The body of an output call: only the function that has the variable arguments can open them.
+#define OUTPUT(type, fmt_type, primary_only, prefix)                                                                   \
+    do {                                                                                                               \
+        va_list args;                                                                                                  \
+        va_start(args, format);                                                                                        \
+        _msg_output((type), (fmt_type), (primary_only), 0, (prefix), format, args);                                    \
+        va_end(args);                                                                                                  \
+    } while (false)
+
+#define INFO(fmt_type, primary_only) OUTPUT(MSG_INFO, (fmt_type), (primary_only), prefix_text(PrefixKind::print))
+#define WARNING(fmt_type, primary_only) OUTPUT(MSG_WARNING, (fmt_type), (primary_only), prefix_text(PrefixKind::warn))
+#define ERROR(fmt_type, primary_only) OUTPUT(MSG_ERROR, (fmt_type), (primary_only), prefix_text(PrefixKind::error))
+#define INTERNAL_ERROR(fmt_type, primary_only)                                                                         \
+    OUTPUT(MSG_ERROR, (fmt_type), (primary_only), prefix_text(PrefixKind::internal_error))
+
+namespace {
+
+// Adds the system's text under the message just written. A primary-only message that was not written has no second line
+// either: it would continue somebody else's.
+[[noreturn]] void add_system_error_and_exit(int error, bool primary_only) {
+    if (!primary_only || state.primary != 0) {
+        MSG_CONT("System error message: %s", strerror(error));
+    }
+    exit(1);
+}
+
+} // namespace
+
+void msg_print(const char *format, ...) {
+    INFO(MSG_FMT_LINE, 0);
+}
+
+void msg_print_no_prefix(const char *format, ...) {
+    OUTPUT(MSG_INFO, MSG_FMT_LINE, 0, "");
+}
+
+void msg_print_with_prefix(const char *prefix, const char *format, ...) {
+    OUTPUT(MSG_INFO, MSG_FMT_LINE, 0, prefix);
+}
+
+void msg_print_wrap(const char *format, ...) {
+    INFO(MSG_FMT_WRAP, 0);
+}
+
+void msg_print_raw(const char *format, ...) {
+    INFO(MSG_FMT_RAW, 0);
+}
+
+void msg_warn(const char *format, ...) {
+    WARNING(MSG_FMT_LINE, 0);
+}
+
+void msg_warn_wrap(const char *format, ...) {
+    WARNING(MSG_FMT_WRAP, 0);
+}
+
+void msg_warn_raw(const char *format, ...) {
+    WARNING(MSG_FMT_RAW, 0);
+}
+
+void msg_primary_print(const char *format, ...) {
+    INFO(MSG_FMT_LINE, 1);
+}
+
+void msg_primary_print_wrap(const char *format, ...) {
+    INFO(MSG_FMT_WRAP, 1);
+}
+
+void msg_primary_print_raw(const char *format, ...) {
+    INFO(MSG_FMT_RAW, 1);
+}
+
+void msg_primary_warn(const char *format, ...) {
+    WARNING(MSG_FMT_LINE, 1);
+}
+
+void msg_primary_warn_wrap(const char *format, ...) {
+    WARNING(MSG_FMT_WRAP, 1);
+}
+
+void msg_primary_warn_raw(const char *format, ...) {
+    WARNING(MSG_FMT_RAW, 1);
+}
+
+void msg_error_ex(int primary_only, const char *format, ...) {
+    ERROR(MSG_FMT_LINE, primary_only);
+}
+
+void msg_error_ex_wrap(int primary_only, const char *format, ...) {
+    ERROR(MSG_FMT_WRAP, primary_only);
+}
+
+void msg_error_ex_raw(int primary_only, const char *format, ...) {
+    ERROR(MSG_FMT_RAW, primary_only);
+}
+
+void msg_internal_error_ex(int primary_only, const char *format, ...) {
+    INTERNAL_ERROR(MSG_FMT_LINE, primary_only);
+}
+
+void msg_internal_error_ex_wrap(int primary_only, const char *format, ...) {
+    INTERNAL_ERROR(MSG_FMT_WRAP, primary_only);
+}
+
+void msg_internal_error_ex_raw(int primary_only, const char *format, ...) {
+    INTERNAL_ERROR(MSG_FMT_RAW, primary_only);
+}
+
+void msg_error(const char *format, ...) {
+    ERROR(MSG_FMT_LINE, 0);
+}
+
+void msg_fatal(const char *format, ...) {
+    ERROR(MSG_FMT_LINE, 0);
+    exit(1);
+}
+
+void msg_internal_error(const char *format, ...) {
+    INTERNAL_ERROR(MSG_FMT_LINE, 0);
+    exit(1);
+}
+
+void msg_fatal_syserr(const char *format, ...) {
+    const int error = errno;
+    ERROR(MSG_FMT_LINE, 0);
+    add_system_error_and_exit(error, false);
+}
+
+void msg_primary_fatal(const char *format, ...) {
+    ERROR(MSG_FMT_LINE, 1);
+    exit(1);
+}
+
+void msg_primary_internal_error(const char *format, ...) {
+    INTERNAL_ERROR(MSG_FMT_LINE, 1);
+    exit(1);
+}
+
+void msg_primary_fatal_syserr(const char *format, ...) {
+    const int error = errno;
+    ERROR(MSG_FMT_LINE, 1);
+    add_system_error_and_exit(error, true);
+}
+
+void MSG_CONT(const char *format, ...) {
+    va_list args;
+    va_start(args, format);
+    msg_vcont(format, args);
+    va_end(args);
+}

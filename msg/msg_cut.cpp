@@ -1,0 +1,52 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// Where a line of a message breaks.
+#include <msg/internal/cut.h>
+
+#include <msg/base/text.h>
+
+#include <algorithm>
+
+namespace zel::msg {
+
+namespace {
+
+constexpr std::string_view kBlanks = " \t";
+constexpr std::string_view kWordEnds = " \t\n";
+
+// The end of the line if it is not more than that many characters away, else npos. Looks no further, so that cutting a
+// long paragraph takes time in proportion to its length.
+size_t line_end_within(std::string_view rest, size_t room) {
+    const size_t newline = first_part(rest, room + 1).find('\n');
+    if (newline != std::string_view::npos) {
+        return newline;
+    }
+    return rest.size() <= room ? rest.size() : std::string_view::npos;
+}
+
+} // namespace
+
+size_t leading_blanks(std::string_view text) {
+    return std::min(text.find_first_not_of(kBlanks), text.size());
+}
+
+size_t break_point(std::string_view rest, ptrdiff_t room) {
+    const auto width = static_cast<size_t>(std::max<ptrdiff_t>(room, 0));
+    if (room >= 0) {
+        const size_t line_end = line_end_within(rest, width);
+        if (line_end != std::string_view::npos) {
+            return line_end;
+        }
+    }
+    const size_t blanks = leading_blanks(rest);
+    if (blanks == rest.size() || static_cast<ptrdiff_t>(blanks) > room) {
+        return 0;
+    }
+    const size_t blank = first_part(rest, width + 1).find_last_of(kBlanks);
+    if (blank != std::string_view::npos && blank >= blanks) {
+        return blank;
+    }
+    // A first word longer than the room is written whole and overflows; behind blanks it moves to the next line.
+    return blanks == 0 ? std::min(rest.find_first_of(kWordEnds), rest.size()) : 0;
+}
+
+} // namespace zel::msg

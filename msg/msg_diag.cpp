@@ -1,0 +1,85 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// Diagnostic lines.
+#include <msg/base/text.h>
+#include <msg/internal/streams.h>
+#include <msg/msg.h>
+
+#include <array>
+
+namespace {
+
+constexpr size_t kDiagnosticSize = 16384;
+using DiagnosticText = std::array<char, kDiagnosticSize>;
+
+// The text of a diagnostic line on its way to a stream: collected, so that a line is one write, and handed over when the
+// buffer is full, so that no line is too long.
+struct Outgoing {
+    FILE *stream;
+    size_t used = 0;
+    DiagnosticText text;
+};
+
+void hand_over(Outgoing &out) {
+    fwrite(out.text.data(), 1, out.used, out.stream);
+    out.used = 0;
+}
+
+void put(Outgoing &out, std::string_view piece) {
+    while (!piece.empty()) {
+        const size_t length = zel::copy_part(std::span(out.text).last(out.text.size() - out.used), piece);
+        piece.remove_prefix(length);
+        out.used += length;
+        if (out.used == out.text.size()) {
+            hand_over(out);
+        }
+    }
+}
+
+// DELIBERATE: the text is read as a format a second time. Callers rely on it and double their percent signs. There is
+// nothing to convert, so only the two conversions that take no argument are carried out; any other stands as it is.
+// Held by the tests MsgDiag.ThePercentSignOfTheSecondPass...
+void write_second_pass(FILE *stream, std::string_view text, const char *error_text) {
+    Outgoing out = {.stream = stream, .text = {}};
+    size_t percent;
+    while ((percent = text.find('%')) != std::string_view::npos) {
+        const char conversion = percent + 1 < text.size() ? text[percent + 1] : '\0';
+        const bool known = conversion == '%' || conversion == 'm';
+        put(out, zel::first_part(text, percent + (conversion == 'm' ? 0 : 1)));
+        if (conversion == 'm') {
+            put(out, error_text);
+        }
+        text.remove_prefix(percent + (known ? 2 : 1));
+    }
+    put(out, text);
+    hand_over(out);
+}
+
+void write_line(FILE *stream, const char *text, const char *error_text) {
+    if (strchr(text, '%') == nullptr) {
+        fputs(text, stream);
+        return;
+    }
+    write_second_pass(stream, text, error_text);
+}
+
+} // namespace
+
+void msg_diag(const char *format, ...) {
+    const zel::ErrnoKept kept;
+    const MsgStreamDesc *desc = _msg_get_stream_desc(MSG_DIAG);
+    if (desc->count == 0) {
+        return;
+    }
+    DiagnosticText text;
+    va_list args;
+    va_start(args, format);
+    zel::vformat_text(text, format, args);
+    va_end(args);
+    const char *error_text = strerror(kept.value);
+    for (int32_t index = 0; index < desc->count; ++index) {
+        write_line(desc->streams[index], text.data(), error_text);
+        if (desc->sync != 0) {
+            zel::msg::force_to_disk(desc->streams[index]);
+        }
+    }
+}

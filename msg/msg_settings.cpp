@@ -1,0 +1,123 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// Prefixes, the width limit and the primary flag.
+#include <msg/internal/settings.h>
+#include <msg/msg.h>
+
+#include <algorithm>
+#include <cstdlib>
+
+using zel::msg::prefix_text;
+using zel::msg::PrefixKind;
+using zel::msg::state;
+
+namespace {
+
+zel::msg::Prefix &prefix_of(PrefixKind kind) {
+    return state.prefixes[static_cast<size_t>(kind) - 1];
+}
+
+// DELIBERATE: the warning speaks of the print prefix whichever setter failed; the number tells them apart, and log
+// readers search for this one sentence. Held by the test MsgPrefix.ASetterWithoutMemoryWarnsAndKeepsThePrefix.
+void set_prefix(PrefixKind kind, const char *text) {
+    const char *wanted = text == nullptr ? "" : text;
+    const size_t size = strlen(wanted) + 1;
+    char *copy = static_cast<char *>(malloc(size));
+    if (copy == nullptr) {
+        msg_warn("%d: Couldn't allocate %d characters to store print prefix. Prefix unchanged.",
+                 static_cast<int>(kind), static_cast<int>(size));
+        return;
+    }
+    // Copied before the old text goes: a caller who hands a prefix its own text back loses nothing.
+    memcpy(copy, wanted, size);
+    zel::msg::Prefix &prefix = prefix_of(kind);
+    free(prefix.owned);
+    prefix = {.text = copy, .owned = copy};
+}
+
+constexpr long kWidestFromEnvironment = 32766;
+
+// DELIBERATE: a number can widen the limit but not narrow it, so that a user's terminal setting never breaks texts that
+// were laid out for the default. Held by the test MsgWidth.TheVariableWidensTheDefaultButNeverNarrowsIt.
+void settle_width() {
+    state.width_settled = true;
+    const char *text = getenv("ZEL_MSGERR_WRAP");
+    if (text == nullptr) {
+        return;
+    }
+    char *end = nullptr;
+    const long number = strtol(text, &end, 10);
+    if (end == text) {
+        return;
+    }
+    const bool usable = number >= 1 && number <= kWidestFromEnvironment;
+    state.width = usable ? std::max(state.width, static_cast<int32_t>(number)) : 0;
+}
+
+} // namespace
+
+const char *zel::msg::prefix_text(PrefixKind kind) {
+    return prefix_of(kind).text;
+}
+
+void msg_set_print_prefix(const char *text) {
+    set_prefix(PrefixKind::print, text);
+}
+
+void msg_set_warn_prefix(const char *text) {
+    set_prefix(PrefixKind::warn, text);
+}
+
+void msg_set_mp_prefix(const char *text) {
+    set_prefix(PrefixKind::mp, text);
+}
+
+void msg_set_error_prefix(const char *text) {
+    set_prefix(PrefixKind::error, text);
+}
+
+void msg_set_internal_error_prefix(const char *text) {
+    set_prefix(PrefixKind::internal_error, text);
+}
+
+const char *msg_get_print_prefix() {
+    return prefix_text(PrefixKind::print);
+}
+
+const char *msg_get_warn_prefix() {
+    return prefix_text(PrefixKind::warn);
+}
+
+const char *msg_get_mp_prefix() {
+    return prefix_text(PrefixKind::mp);
+}
+
+const char *msg_get_error_prefix() {
+    return prefix_text(PrefixKind::error);
+}
+
+const char *msg_get_internal_error_prefix() {
+    return prefix_text(PrefixKind::internal_error);
+}
+
+void msg_set_width_limit(int32_t width) {
+    if (width < 0) {
+        msg_fatal("msg_set_width_limit: Width cannot be less than 0!");
+    }
+    state.width = width;
+    state.width_settled = true;
+}
+
+int32_t msg_get_width_limit() {
+    if (!state.width_settled) {
+        settle_width();
+    }
+    return state.width;
+}
+
+void msg_set_primary(int flag) {
+    state.primary = flag;
+}
+
+int msg_is_primary() {
+    return state.primary;
+}

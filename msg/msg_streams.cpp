@@ -1,0 +1,210 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// The stream lists of the message types, and writing to them.
+#include <msg/base/limits.h>
+#include <msg/internal/state.h>
+#include <msg/internal/streams.h>
+#include <msg/msg.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <unistd.h>
+
+using zel::msg::state;
+
+namespace {
+
+struct TypeEntry {
+    int type;
+    const char *name;
+};
+
+constexpr std::array<TypeEntry, zel::msg::kTypeCount> kTypes = {{
+    {MSG_INFO, "informational"},
+    {MSG_DEBUG, "debug"},
+    {MSG_WARNING, "warning"},
+    {MSG_ERROR, "error"},
+    {MSG_DIAG, "diag"},
+}};
+static_assert(MSG_INFO == 1 && MSG_DEBUG == 2 && MSG_WARNING == 4 && MSG_ERROR == 8 && MSG_DIAG == 16);
+static_assert(MSG_FMT_RAW == 0 && MSG_FMT_WRAP == 1 && MSG_FMT_LINE == 2);
+
+// The place of a type in the table, or kTypeCount for an unknown one.
+size_t type_index(int type) {
+    const auto *entry = std::find_if(kTypes.begin(), kTypes.end(), [type](const TypeEntry &e) { return e.type == type; });
+    return static_cast<size_t>(entry - kTypes.begin());
+}
+
+[[noreturn]] void out_of_first_slots() {
+    fputs("Couldn't allocate initial storage space for stream output array.", stderr);
+    exit(1);
+}
+
+// Makes room for one more stream. The first slots of a list are needed for the program to say anything at all; without
+// them it ends. A list that exists stays as it is.
+bool grow(MsgStreamDesc *desc) {
+    const int32_t capacity = desc->capacity + zel::kStreamListStep;
+    const size_t bytes = static_cast<size_t>(capacity) * sizeof(FILE *);
+    auto *streams = static_cast<FILE **>(desc->streams == nullptr ? malloc(bytes) : realloc(desc->streams, bytes));
+    if (streams == nullptr && desc->streams == nullptr) {
+        out_of_first_slots();
+    }
+    if (streams == nullptr) {
+        msg_warn("Couldn't allocate more storage for stream array.  Not adding stream.");
+        return false;
+    }
+    desc->streams = streams;
+    desc->capacity = capacity;
+    return true;
+}
+
+void append(MsgStreamDesc *desc, FILE *stream) {
+    if (desc->count == desc->capacity && !grow(desc)) {
+        return;
+    }
+    desc->streams[desc->count++] = stream;
+}
+
+void remove_first(MsgStreamDesc *desc, FILE *stream) {
+    FILE **const end = desc->streams + desc->count;
+    FILE **const found = std::find(desc->streams, end, stream);
+    if (found != end) {
+        std::copy(found + 1, end, found);
+        --desc->count;
+    }
+}
+
+// The table is built on the first call that touches a list. It is marked ready before the standard streams are added,
+// because adding asks for the table.
+void init_streams() {
+    if (state.streams_ready) {
+        return;
+    }
+    state.streams_ready = true;
+    state.streams = {};
+    state.streams[type_index(MSG_INFO)].sync = 1;
+    msg_add_stream(MSG_INFO | MSG_DEBUG, stdout);
+    msg_add_stream(MSG_WARNING | MSG_ERROR, stderr);
+}
+
+template <typename Action>
+void for_each_type(int type_mask, Action action) {
+    init_streams();
+    for (size_t index = 0; index < kTypes.size(); ++index) {
+        if ((type_mask & kTypes[index].type) != 0) {
+            action(&state.streams[index]);
+        }
+    }
+}
+
+bool has_stream(int type) {
+    return _msg_get_stream_desc(type)->count > 0;
+}
+
+// Drops a stream that failed, and says so in the middle of the failing message, like any warning.
+void drop_stream(const zel::msg::Channel &channel, FILE *stream, const char *operation) {
+    msg_remove_stream(channel.type, stream);
+    fflush(stream);
+    const int error = errno;
+    const auto warn = channel.primary_only ? msg_primary_warn : msg_warn;
+    const char *name = msg_type_name(channel.type);
+    if (error == 0) {
+        warn("EOF error during %s of %s message.  This stream will no longer be used.", operation, name);
+        return;
+    }
+    warn("Error during %s of %s message.  This stream will no longer be used.", operation, name);
+    MSG_CONT("Stream error was: %s", strerror(error));
+}
+
+// DELIBERATE: when a stream is dropped the list closes up and the walk goes on with the next index, so the stream that
+// moved into the gap misses this one piece. Whoever reads a log relies on each piece standing there at most once.
+// Held by the test MsgStreams.TheStreamBehindAFailedOneMissesThatOnePiece.
+template <typename Operation>
+void for_each_stream(const zel::msg::Channel &channel, const char *word, Operation succeeds) {
+    const MsgStreamDesc *desc = _msg_get_stream_desc(channel.type);
+    for (int32_t index = 0; index < desc->count; ++index) {
+        FILE *stream = desc->streams[index];
+        if (!succeeds(stream)) {
+            drop_stream(channel, stream, word);
+        }
+    }
+}
+
+} // namespace
+
+namespace zel::msg {
+
+void write_streams(const Channel &channel, const char *text) {
+    for_each_stream(channel, "output", [text](FILE *stream) { return fputs(text, stream) >= 0; });
+}
+
+void flush_streams(const Channel &channel) {
+    for_each_stream(channel, "flush", [](FILE *stream) { return fflush(stream) == 0; });
+}
+
+void force_to_disk(FILE *stream) {
+    fflush(stream);
+    fsync(fileno(stream));
+}
+
+} // namespace zel::msg
+
+void msg_add_stream(int type_mask, FILE *stream) {
+    if (stream == nullptr) {
+        return;
+    }
+    for_each_type(type_mask, [stream](MsgStreamDesc *desc) { append(desc, stream); });
+}
+
+void msg_remove_stream(int type_mask, FILE *stream) {
+    for_each_type(type_mask, [stream](MsgStreamDesc *desc) { remove_first(desc, stream); });
+}
+
+void msg_clear_streams(int type_mask) {
+    for_each_type(type_mask, [](MsgStreamDesc *desc) { desc->count = 0; });
+}
+
+MsgStreamDesc *_msg_get_stream_desc(int type) {
+    init_streams();
+    const size_t index = type_index(type);
+    if (index == kTypes.size()) {
+        msg_fatal("Internal error (_msg_get_stream_desc): Unknown message type: %d", type);
+    }
+    return &state.streams[index];
+}
+
+int msg_info_has_stream() {
+    return has_stream(MSG_INFO) ? 1 : 0;
+}
+
+int msg_warn_has_stream() {
+    return has_stream(MSG_WARNING) ? 1 : 0;
+}
+
+const char *msg_type_name(int type) {
+    const size_t index = type_index(type);
+    if (index == kTypes.size()) {
+        msg_fatal("Internal error: Unknown message type: %d", type);
+    }
+    return kTypes[index].name;
+}
+
+// DELIBERATE: mode 0 does not clear a flag, so that no part of a program takes from another the promise that its lines
+// are on disk. Held by the test MsgStreams.SyncModeZeroDoesNotClearTheFlag.
+// DELIBERATE: a query that names more than one type gives -1: each further type's flag is compared with the mode asked
+// for, which none equals. Held by the test MsgStreams.ASyncQueryOfTwoTypesGivesMinusOne.
+int msg_sync_mode(int type_mask, int mode) {
+    int result = -2;
+    for_each_type(type_mask, [&result, mode](MsgStreamDesc *desc) {
+        if (mode < 0) {
+            result = result == -2 ? desc->sync : -1;
+            return;
+        }
+        result = mode;
+        if (mode == 1 && desc->sync == 0) {
+            desc->sync = 1;
+            std::for_each(desc->streams, desc->streams + desc->count, zel::msg::force_to_disk);
+        }
+    });
+    return result;
+}

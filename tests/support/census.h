@@ -1,0 +1,18 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// What a process has open and whom it has started: compared before and after each test.
+#ifndef ZEL_TESTS_SUPPORT_CENSUS_H
+#define ZEL_TESTS_SUPPORT_CENSUS_H
+
+#include <set>
+
+namespace zel::test {
+
+// The descriptors that are open.
+std::set<int> open_descriptors();
+
+// Whether the process has children, ended or not, that nobody waited for.
+bool has_children();
+
+} // namespace zel::test
+
+#endif

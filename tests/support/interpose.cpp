@@ -1,0 +1,67 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// Replacing functions of the C library: the linker sends each call of SYMBOL to __wrap_SYMBOL.
+#include <support/interpose.h>
+
+#include <cstdarg>
+
+// Defines the hook of a function, and its wrapper under the name that calls of it have on this target.
+#define HOOK(result, name, symbol, parameters, arguments)                                                              \
+    extern "C" result real_##name parameters __asm__("__real_" symbol);                                                \
+    extern "C" result wrap_##name parameters __asm__("__wrap_" symbol);                                                \
+    namespace zel::test::hook {                                                                                        \
+    Hook<result parameters> name = {.real = real_##name, .replacement = {}};                                           \
+    }                                                                                                                  \
+    /* Calls that come before the hook is constructed find it empty. */                                                \
+    result wrap_##name parameters {                                                                                    \
+        const auto &hook = zel::test::hook::name;                                                                      \
+        return hook.replacement ? hook.replacement arguments : real_##name arguments;                                  \
+    }
+
+// With 64-bit offsets and times, 32-bit x86 has other names for some functions.
+#ifdef __i386__
+#define TIME64(symbol, symbol_x86) symbol_x86
+#else
+#define TIME64(symbol, symbol_x86) symbol
+#endif
+
+HOOK(int, accept, "accept", (int fd, sockaddr *address, socklen_t *length), (fd, address, length))
+HOOK(int, bind, "bind", (int fd, const sockaddr *address, socklen_t length), (fd, address, length))
+HOOK(int, close, "close", (int fd), (fd))
+HOOK(int, connect, "connect", (int fd, const sockaddr *address, socklen_t length), (fd, address, length))
+HOOK(int, dup2, "dup2", (int from, int to), (from, to))
+HOOK(int, execvp, "execvp", (const char *file, char *const *argv), (file, argv))
+// The third argument of fcntl is passed on whether there is one or not.
+HOOK(int, fcntl, TIME64("fcntl64", "__fcntl_time64"), (int fd, int command, long argument), (fd, command, argument))
+HOOK(int, fflush, "fflush", (FILE * stream), (stream))
+HOOK(char *, fgets, "fgets", (char *buffer, int size, FILE *stream), (buffer, size, stream))
+HOOK(FILE *, fopen, "fopen64", (const char *path, const char *mode), (path, mode))
+HOOK(pid_t, fork, "fork", (), ())
+HOOK(int, fputs, "fputs", (const char *text, FILE *stream), (text, stream))
+HOOK(void, freeaddrinfo, "freeaddrinfo", (addrinfo * list), (list))
+HOOK(int, fsync, "fsync", (int fd), (fd))
+HOOK(int, getaddrinfo, "getaddrinfo",
+     (const char *host, const char *service, const addrinfo *hints, addrinfo **list), (host, service, hints, list))
+HOOK(int, kill, "kill", (pid_t pid, int signal), (pid, signal))
+HOOK(int, listen, "listen", (int fd, int backlog), (fd, backlog))
+HOOK(tm *, localtime_r, TIME64("localtime_r", "__localtime64_r"), (const time_t *now, tm *local), (now, local))
+HOOK(void *, malloc, "malloc", (size_t size), (size))
+HOOK(int, poll, "poll", (pollfd * entries, nfds_t count, int timeout), (entries, count, timeout))
+HOOK(void *, realloc, "realloc", (void *pointer, size_t size), (pointer, size))
+HOOK(ssize_t, recv, "recv", (int fd, void *buffer, size_t length, int flags), (fd, buffer, length, flags))
+HOOK(int, select, TIME64("select", "__select64"),
+     (int count, fd_set *readable, fd_set *writable, fd_set *exceptional, timeval *timeout),
+     (count, readable, writable, exceptional, timeout))
+HOOK(ssize_t, send, "send", (int fd, const void *buffer, size_t length, int flags), (fd, buffer, length, flags))
+HOOK(int, setsockopt, TIME64("setsockopt", "__setsockopt64"),
+     (int fd, int level, int name, const void *value, socklen_t length), (fd, level, name, value, length))
+HOOK(int, shutdown, "shutdown", (int fd, int how), (fd, how))
+HOOK(int, sigaction, "sigaction", (int signal, const struct sigaction *action, struct sigaction *before),
+     (signal, action, before))
+HOOK(unsigned, sleep, "sleep", (unsigned seconds), (seconds))
+HOOK(int, socket, "socket", (int family, int type, int protocol), (family, type, protocol))
+HOOK(int, socketpair, "socketpair", (int family, int type, int protocol, int *fds), (family, type, protocol, fds))
+HOOK(long, sysconf, "sysconf", (int name), (name))
+HOOK(time_t, time, TIME64("time", "__time64"), (time_t * now), (now))
+HOOK(int, vsnprintf, "vsnprintf", (char *buffer, size_t size, const char *format, va_list args),
+     (buffer, size, format, args))
+HOOK(pid_t, waitpid, "waitpid", (pid_t pid, int *status, int options), (pid, status, options))

@@ -1,0 +1,118 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// Replacing functions of the C library for the scope of a test, in the library and in the test itself.
+//
+//   Interposed failing(hook::send, [](int, const void *, size_t, int) -> ssize_t { errno = EPIPE; return -1; });
+//
+// A replacement may call the real function: hook::send.real(...). Replacements are inherited by a forked child. Those of
+// malloc and realloc must not allocate.
+#ifndef ZEL_TESTS_SUPPORT_INTERPOSE_H
+#define ZEL_TESTS_SUPPORT_INTERPOSE_H
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <ctime>
+#include <csignal>
+#include <functional>
+#include <netdb.h>
+#include <poll.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <sys/types.h>
+#include <type_traits>
+
+namespace zel::test {
+
+template <typename Signature>
+struct Hook;
+
+template <typename Result, typename... Arguments>
+struct Hook<Result(Arguments...)> {
+    Result (*real)(Arguments...);
+    std::function<Result(Arguments...)> replacement;
+};
+
+// Puts a replacement in place, and what was there before back where its scope ends.
+template <typename Signature>
+class Interposed {
+  public:
+    Interposed(Hook<Signature> &hook, std::function<Signature> replacement) : hook_(hook), before_(hook.replacement) {
+        hook_.replacement = std::move(replacement);
+    }
+    ~Interposed() { hook_.replacement = before_; }
+    Interposed(const Interposed &) = delete;
+    Interposed &operator=(const Interposed &) = delete;
+
+  private:
+    Hook<Signature> &hook_;
+    std::function<Signature> before_;
+};
+
+template <typename Signature, typename Replacement>
+Interposed(Hook<Signature> &, Replacement) -> Interposed<Signature>;
+
+// A replacement whose n-th call (from 0) fails with that errno and result; all others are the real function.
+template <typename Result, typename... Arguments>
+std::function<Result(Arguments...)> fail_nth(Hook<Result(Arguments...)> &hook, int nth, int error,
+                                               std::type_identity_t<Result> result) {
+    return [&hook, nth, error, result, calls = 0](Arguments... arguments) mutable -> Result {
+        if (calls++ == nth) {
+            errno = error;
+            return result;
+        }
+        return hook.real(arguments...);
+    };
+}
+
+// A replacement that fails every time.
+template <typename Result, typename... Arguments>
+std::function<Result(Arguments...)> fail_always(Hook<Result(Arguments...)> & /*hook*/, int error,
+                                                  std::type_identity_t<Result> result) {
+    return [error, result](Arguments...) -> Result {
+        errno = error;
+        return result;
+    };
+}
+
+namespace hook {
+
+extern Hook<int(int, sockaddr *, socklen_t *)> accept;
+extern Hook<int(int, const sockaddr *, socklen_t)> bind;
+extern Hook<int(int)> close;
+extern Hook<int(int, const sockaddr *, socklen_t)> connect;
+extern Hook<int(int, int)> dup2;
+extern Hook<int(const char *, char *const *)> execvp;
+extern Hook<int(int, int, long)> fcntl;
+extern Hook<int(FILE *)> fflush;
+extern Hook<char *(char *, int, FILE *)> fgets;
+extern Hook<FILE *(const char *, const char *)> fopen;
+extern Hook<pid_t()> fork;
+extern Hook<int(const char *, FILE *)> fputs;
+extern Hook<void(addrinfo *)> freeaddrinfo;
+extern Hook<int(int)> fsync;
+extern Hook<int(const char *, const char *, const addrinfo *, addrinfo **)> getaddrinfo;
+extern Hook<int(pid_t, int)> kill;
+extern Hook<int(int, int)> listen;
+extern Hook<tm *(const time_t *, tm *)> localtime_r;
+extern Hook<void *(size_t)> malloc;
+extern Hook<int(pollfd *, nfds_t, int)> poll;
+extern Hook<void *(void *, size_t)> realloc;
+extern Hook<ssize_t(int, void *, size_t, int)> recv;
+extern Hook<int(int, fd_set *, fd_set *, fd_set *, timeval *)> select;
+extern Hook<ssize_t(int, const void *, size_t, int)> send;
+extern Hook<int(int, int, int, const void *, socklen_t)> setsockopt;
+extern Hook<int(int, int)> shutdown;
+extern Hook<int(int, const struct sigaction *, struct sigaction *)> sigaction;
+extern Hook<unsigned(unsigned)> sleep;
+extern Hook<int(int, int, int)> socket;
+extern Hook<int(int, int, int, int *)> socketpair;
+extern Hook<long(int)> sysconf;
+extern Hook<time_t(time_t *)> time;
+extern Hook<int(char *, size_t, const char *, va_list)> vsnprintf;
+extern Hook<pid_t(pid_t, int *, int)> waitpid;
+
+} // namespace hook
+
+} // namespace zel::test
+
+#endif

@@ -1,0 +1,56 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// The entry of every test program. After each test the world must be as it was: descriptors, children, environment.
+#include <support/census.h>
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+std::vector<std::string> environment() {
+    std::vector<std::string> entries;
+    for (char **entry = environ; *entry != nullptr; ++entry) {
+        entries.emplace_back(*entry);
+    }
+    return entries;
+}
+
+class CleanWorld : public testing::EmptyTestEventListener {
+    void OnTestStart(const testing::TestInfo & /*test*/) override {
+        descriptors_ = zel::test::open_descriptors();
+        environment_ = environment();
+    }
+
+    void OnTestEnd(const testing::TestInfo & /*test*/) override {
+        EXPECT_EQ(zel::test::open_descriptors(), descriptors_) << "descriptors that the test left behind";
+        EXPECT_FALSE(zel::test::has_children()) << "children that the test left behind";
+        EXPECT_EQ(environment(), environment_) << "variables that the test left behind";
+    }
+
+    std::set<int> descriptors_;
+    std::vector<std::string> environment_;
+};
+
+} // namespace
+
+// What the library leaves allocated on purpose; anything else that is lost fails the test.
+extern "C" const char *__lsan_default_suppressions();
+extern "C" const char *__lsan_default_suppressions() {
+    return "leak:zel_strdup2\n"
+           "leak:platform_connect_host\n"
+           "leak:platform_server_socket_open\n"
+           "leak:platform_setenv\n";
+}
+
+int main(int argc, char **argv) {
+    testing::InitGoogleTest(&argc, argv);
+    // Ahead of the printer, which would otherwise call a test passed before it was looked at.
+    testing::TestEventListeners &listeners = testing::UnitTest::GetInstance()->listeners();
+    testing::TestEventListener *printer = listeners.Release(listeners.default_result_printer());
+    listeners.Append(new CleanWorld);
+    listeners.Append(printer);
+    return RUN_ALL_TESTS();
+}
