@@ -5,10 +5,14 @@
  *
  *   msg/msg.h                                     typed messages to lists of output streams
  *   malloc/zel_malloc.h                           allocation that names its caller and never fails silently
+ *   malloc/debug_heap.h                           the debug heap under it
  *   components/platform/environment.h             environment, reports of failed system calls, start-up diagnostics
  *   components/platform/process_info.h            process numbers, existence, memory use
  *   components/platform/socket.h                  sockets and the framed message loop
  *   components/platform/zel_pair_connection.h     a parent and its companion
+ *   components/platform/debug_hooks.h             stopping or re-launching a process at its start
+ *   components/platform/file_control.h            patterns, trees, paths, stamps
+ *   msg/diag_log.h                                the diagnostic log file, on top of the environment services
  *
  * Conventions, said once and true everywhere unless a declaration says otherwise:
  *
@@ -29,11 +33,15 @@
 #ifndef ZEL_H
 #define ZEL_H
 
+#include <components/platform/debug_hooks.h>
 #include <components/platform/environment.h>
+#include <components/platform/file_control.h>
 #include <components/platform/process_info.h>
 #include <components/platform/socket.h>
 #include <components/platform/zel_pair_connection.h>
+#include <malloc/debug_heap.h>
 #include <malloc/zel_malloc.h>
+#include <msg/diag_log.h>
 #include <msg/msg.h>
 
 #endif

@@ -1,6 +1,8 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // The core primitives: the one place where storage comes from the system and goes back to it.
 #include <malloc/internal/core.h>
+
+#include <malloc/internal/debug_heap.h>
 #include <msg/msg.h>
 
 #include <cstdlib>
@@ -11,44 +13,63 @@ constinit State state = {.total_requested = 0, .allocation_called = false};
 
 namespace {
 
-constexpr uintptr_t kAlignment = 8;
-constexpr int kPointerDigits = static_cast<int>(2 * sizeof(void *));
+constexpr Caller kRelease = by_function("zel_free", nullptr, nullptr);
 
 void require_aligned(const void *pointer, const char *name) {
-    const auto address = reinterpret_cast<uintptr_t>(pointer);
-    if (address % kAlignment != 0) {
+    if (!is_aligned(pointer)) {
         msg_fatal("%s was passed an invalid pointer: 0x%0*lX", name, kPointerDigits,
-                  static_cast<unsigned long>(address));
+                  reinterpret_cast<unsigned long>(pointer));
     }
 }
 
-// Counted before it is known whether the system can provide it.
-void count_attempt(size_t block_size) {
-    state.allocation_called = true;
-    state.total_requested += static_cast<uint32_t>(block_size);
+// An attempt counts whether or not the system can provide the block.
+void *request_block(size_t size) {
+    void *block = malloc(size);
+    state.total_requested += static_cast<uint32_t>(size);
+    return block;
+}
+
+void *resize_block(void *block, size_t size) {
+    void *resized = realloc(block, size);
+    state.total_requested += static_cast<uint32_t>(size);
+    return resized;
 }
 
 } // namespace
 
-// With the debug heap on, each primitive does its work around a larger block: the debug heap verifies, registers and
-// fills here before the block is handed out, and checks, releases and fills before it goes back. While it is off, the
-// block is what was asked for.
-
-void *zel_malloc_core(size_t size, const Caller & /*caller*/) {
-    count_attempt(size);
-    return malloc(size);
+void *zel_malloc_core(size_t size, const Caller &caller) {
+    state.allocation_called = true;
+    if (!debug_heap_on()) {
+        return request_block(size);
+    }
+    verify_before_allocation(caller);
+    void *block = request_block(debug_block_size(size));
+    return block == nullptr ? nullptr : memset(register_block(block, size, caller), kFillByte, size);
 }
 
+// DELIBERATE: with the debug heap on, a block that cannot be resized stays with the system while its record is released
+// and its header marked: the caller reports the failure, and until the process ends the pointer counts as given back.
+// Held by the test DebugHeapRealloc.ABlockThatCannotBeResizedCountsAsReleased.
 void *zel_realloc_core(void *pointer, size_t size, const Caller &caller) {
     state.allocation_called = true;
     require_aligned(pointer, caller.name);
-    count_attempt(size);
-    return realloc(pointer, size);
+    if (!debug_heap_on()) {
+        return resize_block(pointer, size);
+    }
+    free_debug_info(pointer, caller);
+    void *block = resize_block(block_of(pointer), debug_block_size(size));
+    return block == nullptr ? nullptr : register_block(block, size, caller);
 }
 
 void zel_free_core(void *pointer) {
-    require_aligned(pointer, "zel_free");
-    free(pointer);
+    require_aligned(pointer, kRelease.name);
+    if (!debug_heap_on()) {
+        free(pointer);
+        return;
+    }
+    free_debug_info(pointer, kRelease);
+    memset(pointer, kFillByte, recorded_length(pointer));
+    free(block_of(pointer));
 }
 
 } // namespace zel::memory

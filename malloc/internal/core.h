@@ -10,7 +10,7 @@
 
 namespace zel::memory {
 
-// The state of the memory library while the debug heap is off.
+// The counters of the memory library; the debug heap has a record of its own.
 struct State {
     uint32_t total_requested; // sum of the sizes of all attempts; wraps, never decreases otherwise
     bool allocation_called;   // set by the first attempt and kept: from then on the debug heap cannot be switched on

@@ -24,10 +24,14 @@ inline constexpr int32_t kStreamListStep = kSmall ? 1 : 5;
 // First size of a text that the memory library formats.
 inline constexpr size_t kFirstFormattedSize = kSmall ? 1 : 16;
 
+// Records by which the table of the debug heap grows.
+inline constexpr uint32_t kRecordTableStep = kSmall ? 1 : 1024;
+
 // Bytes taken from a socket in one receive of the message loop.
 inline constexpr size_t kReceiveSize = kSmall ? 3 : 8192;
 
-// The area in which the lines of an outgoing message are framed; a line too long for it is framed in storage of its own.
+// The area in which the lines of an outgoing message are framed; a line too long for it is framed in storage of its
+// own.
 inline constexpr size_t kFramingSize = kSmall ? 8 : 8192;
 
 } // namespace zel

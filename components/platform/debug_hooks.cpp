@@ -1,0 +1,254 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// The start-up hook: the marker, the variable, and what a request does.
+#include <components/platform/debug_hooks.h>
+
+#include <components/platform/environment.h>
+#include <components/platform/internal/allocation.h>
+#include <components/platform/internal/path.h>
+#include <components/platform/internal/sleep.h>
+
+#include <algorithm>
+#include <array>
+#include <climits>
+#include <cstdlib>
+#include <strings.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr const char *kMarker = "__ZEL_DEBUG__";
+constexpr int32_t kScanBound = 511;
+constexpr unsigned kDefaultDelay = 30;
+constexpr size_t kPromptLineSize = 255;
+
+// The caller's own arguments, ended by null.
+using ArgumentsBefore = std::array<char *, kScanBound>;
+
+// The texts here come from the C library's allocator: the hook runs before the program has decided on its debug heap,
+// and an allocation of the memory library would decide for it. Their length is whatever the command line's was.
+void *allocate(size_t size) {
+    return zel::allocate_or_end(size, "platform_debug_hooks");
+}
+
+char *allocate_text(size_t length) {
+    return static_cast<char *>(allocate(length + 1));
+}
+
+char *copy_text(std::string_view text) {
+    char *copy = allocate_text(text.size());
+    memcpy(copy, text.data(), text.size());
+    copy[text.size()] = '\0';
+    return copy;
+}
+
+// The words from the first to the last, joined with single blanks.
+char *join(char *const *first, char *const *last) {
+    size_t length = 0;
+    for (char *const *word = first; word != last; ++word) {
+        length += strlen(*word) + 1;
+    }
+    char *joined = allocate_text(length);
+    char *end = joined;
+    for (char *const *word = first; word != last; ++word) {
+        const size_t size = strlen(*word);
+        memcpy(end, *word, size);
+        end[size] = ' ';
+        end += size + 1;
+    }
+    *(length == 0 ? joined : end - 1) = '\0';
+    return joined;
+}
+
+char *join_list(char *const *words) {
+    char *const *last = words;
+    while (*last != nullptr) {
+        ++last;
+    }
+    return join(words, last);
+}
+
+// A request taken apart. The words are those behind the op.
+struct Request {
+    char *line;   // the copy that the words stand in
+    char **words; // line, op and all; ended by null
+    const char *op;
+    char **arguments;
+};
+
+char *next_word(char **position) {
+    char *word = *position + strspn(*position, " \t");
+    if (*word == '\0') {
+        return nullptr;
+    }
+    char *end = word + strcspn(word, " \t");
+    *position = *end == '\0' ? end : end + 1;
+    *end = '\0';
+    return word;
+}
+
+Request take_apart(const char *text) {
+    const size_t length = strlen(text);
+    Request request = {.line = copy_text({text, length}), .words = nullptr, .op = nullptr, .arguments = nullptr};
+    // Words of one character and a blank each, and the null behind them.
+    request.words = static_cast<char **>(allocate((length / 2 + 2) * sizeof(char *)));
+    char *position = request.line;
+    size_t count = 0;
+    for (char *word = next_word(&position); word != nullptr; word = next_word(&position)) {
+        request.words[count++] = word;
+    }
+    request.words[count] = nullptr;
+    request.op = request.words[0];
+    request.arguments = request.words + (count == 0 ? 0 : 1);
+    return request;
+}
+
+void release(const Request &request) {
+    free(request.words);
+    free(request.line);
+}
+
+const char *user_shell() {
+    const char *shell = platform_getenv("SHELL");
+    return shell == nullptr ? "tcsh" : shell;
+}
+
+// What the started command needs to start the real program again.
+void describe_program(const char *program, char **args_before) {
+    const std::string_view component = zel::last_component(program);
+    constexpr std::string_view kPrompt = "debug ";
+    char *prompt = allocate_text(kPrompt.size() + component.size());
+    memcpy(prompt, kPrompt.data(), kPrompt.size());
+    memcpy(prompt + kPrompt.size(), component.data(), component.size());
+    prompt[kPrompt.size() + component.size()] = '\0';
+    char *parameters = join_list(args_before);
+    platform_setenv("ZEL_DEBUG_PROMPT", prompt);
+    platform_setenv("ZEL_EXE", program);
+    platform_setenv("ZEL_EXE_PARMS", parameters);
+    free(prompt);
+    free(parameters);
+}
+
+[[noreturn]] void fail(const char *text) {
+    fputs(text, stderr);
+    fflush(stderr);
+    exit(1);
+}
+
+void delay(char **arguments) {
+    if (arguments[0] == nullptr) {
+        zel::sleep_seconds(kDefaultDelay);
+        return;
+    }
+    const long seconds = strtol(arguments[0], nullptr, 10);
+    zel::sleep_seconds(static_cast<unsigned>(std::clamp<long>(seconds, 0, INT_MAX)));
+}
+
+void prompt(char **arguments) {
+    if (arguments[0] == nullptr) {
+        fputs("ZEL_DEBUG prompt>\n", stderr);
+    } else {
+        for (char **word = arguments; *word != nullptr; ++word) {
+            fprintf(stderr, "%s ", *word);
+        }
+        fputs("\n", stderr);
+    }
+    fflush(stderr);
+    std::array<char, kPromptLineSize> line;
+    // The end of the input is an answer like any other.
+    [[maybe_unused]] const char *answer = fgets(line.data(), static_cast<int>(line.size()), stdin);
+}
+
+[[noreturn]] void become_shell_command(const char *command) {
+    execl("/bin/sh", "sh", "-c", command, static_cast<char *>(nullptr));
+    fail("\"__ZEL_DEBUG__ using\" w/execl() call failed.\n");
+}
+
+[[noreturn]] void become_program(char **arguments) {
+    if (arguments[0] != nullptr) {
+        execv(arguments[0], arguments);
+    }
+    fail("\"__ZEL_DEBUG__ exec\" w/execv() call failed.\n");
+}
+
+[[noreturn]] void refuse(const char *op) {
+    fprintf(stderr, "\"__ZEL_DEBUG__ %s\" not a recognized debug op.\n", op);
+    fflush(stderr);
+    exit(1);
+}
+
+// Carries out a request that has words.
+void carry_out(const Request &request, const char *program, char **args_before) {
+    if (strcasecmp(request.op, "delay") == 0) {
+        delay(request.arguments);
+    } else if (strcasecmp(request.op, "prompt") == 0) {
+        prompt(request.arguments);
+    } else if (strcasecmp(request.op, "using") == 0) {
+        describe_program(program, args_before);
+        become_shell_command(request.arguments[0] == nullptr ? user_shell() : join_list(request.arguments));
+    } else if (strcasecmp(request.op, "exec") == 0) {
+        describe_program(program, args_before);
+        become_program(request.arguments);
+    } else {
+        refuse(request.op);
+    }
+}
+
+// The index of the marker, or the bound when there is none. What stands before it is collected.
+int32_t find_marker(int32_t bound, char **argv, ArgumentsBefore &before) {
+    size_t count = 0;
+    int32_t index = 1;
+    while (index < bound && strcasecmp(argv[index], kMarker) != 0) {
+        before[count++] = argv[index++];
+    }
+    before[count] = nullptr;
+    return index;
+}
+
+// DELIBERATE: a process that was started through the marker opens no diagnostics file and echoes nothing: a developer
+// runs it by hand, and its output is its own. Held by the test DebugHooksMarker.NoDiagnosticsAreOpened.
+void act_on_marker(int32_t index, int32_t *argc, char **argv, ArgumentsBefore &before) {
+    char *request = join(argv + index + 1, argv + *argc);
+    *argc = index;
+    argv[index] = nullptr;
+    platform_debug_op(argv[0], before.data(), request);
+    free(request);
+}
+
+void act_on_variable(const char *program, ArgumentsBefore &before) {
+    const char *value = platform_getenv("ZEL_DEBUG");
+    if (value == nullptr || *value == '\0') {
+        return;
+    }
+    char *request = copy_text(value);
+    platform_setenv("ZEL_DEBUG", "");
+    platform_debug_op(program, before.data(), request);
+    free(request);
+}
+
+} // namespace
+
+void platform_debug_op(const char *program, char **args_before, const char *request) {
+    const Request parts = take_apart(request);
+    if (parts.op == nullptr) {
+        describe_program(program, args_before);
+        become_shell_command(user_shell());
+    }
+    carry_out(parts, program, args_before);
+    release(parts);
+}
+
+void platform_debug_hooks_named(int32_t *argc, char **argv, const char *name) {
+    ArgumentsBefore before = {};
+    const int32_t bound = std::min(*argc, kScanBound);
+    const int32_t index = find_marker(bound, argv, before);
+    if (index < bound) {
+        act_on_marker(index, argc, argv, before);
+        return;
+    }
+    act_on_variable(*argc > 0 ? argv[0] : "", before);
+    platform_diag_startup(*argc, argv, name);
+}
+
+void platform_debug_hooks(int32_t *argc, char **argv) {
+    platform_debug_hooks_named(argc, argv, nullptr);
+}

@@ -1,0 +1,135 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// The working directory, resolved and relative paths, and the parts of a path.
+#include <components/platform/file_control.h>
+
+#include <components/platform/environment.h>
+#include <components/platform/internal/file_control_unit.h>
+#include <components/platform/internal/path.h>
+#include <components/platform/internal/relative_path.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstdlib>
+#include <unistd.h>
+
+namespace {
+
+using zel::file_control::kAllocatedPathSize;
+using zel::file_control::kPathSize;
+static_assert(PATH_MAX <= kPathSize);
+
+constinit zel::PathBuffer resolved = {}; // of platform_resolve_static, overwritten by every call
+
+// A caller's buffer, or one that is allocated for it and released again when there is nothing to put into it.
+struct PathResult {
+    char *buffer;
+    bool allocated;
+};
+
+PathResult buffer_for(char *buf) {
+    return {.buffer = buf == nullptr ? ALLOCATE_CHARS(kAllocatedPathSize) : buf, .allocated = buf == nullptr};
+}
+
+char *finish(const PathResult &result, bool filled) {
+    if (filled) {
+        return result.buffer;
+    }
+    if (result.allocated) {
+        const zel::ErrnoKept kept;
+        zel_free(result.buffer);
+    }
+    return nullptr;
+}
+
+// Part of a path in the caller's buffer, or in one of precisely its length.
+char *copy_of(std::string_view part, char *buf) {
+    char *target = buf == nullptr ? ALLOCATE_CHARS(part.size() + 1) : buf;
+    memmove(target, part.data(), part.size());
+    target[part.size()] = '\0';
+    return target;
+}
+
+// The path as it stands when it is absolute, else resolved into the buffer; null when that fails.
+const char *absolute(const char *path, zel::PathBuffer &buffer) {
+    return platform_is_absolute(path) ? path : platform_resolve(path, buffer.data());
+}
+
+} // namespace
+
+char *platform_get_cwd(char *buf, size_t size) {
+    const PathResult result = buffer_for(buf);
+    return finish(result, getcwd(result.buffer, result.allocated ? kPathSize : size) != nullptr);
+}
+
+int platform_set_cwd(const char *path) {
+    if (chdir(path) == 0) {
+        return 1;
+    }
+    platform_perror("platform_set_cwd");
+    return 0;
+}
+
+char *platform_resolve(const char *path, char *buf) {
+    const PathResult result = buffer_for(buf);
+    return finish(result, realpath(path, result.buffer) != nullptr);
+}
+
+char *platform_resolve_in(const char *dir, const char *path, char *buf) {
+    zel::PathBuffer before = {};
+    platform_get_cwd(before.data(), kPathSize);
+    platform_set_cwd(dir);
+    char *result = platform_resolve(path, buf);
+    const zel::ErrnoKept kept;
+    platform_set_cwd(before.data());
+    return result;
+}
+
+const char *platform_resolve_static(const char *path) {
+    const char *result = platform_resolve(path, resolved.data());
+    return result == nullptr ? path : result;
+}
+
+int platform_is_absolute(const char *path) {
+    return path != nullptr && path[0] == '/' ? 1 : 0;
+}
+
+char *platform_relative_path(const char *base, const char *target, char *buf) {
+    zel::PathBuffer base_buffer;
+    zel::PathBuffer target_buffer;
+    const char *from = absolute(base, base_buffer);
+    const char *to = from == nullptr ? nullptr : absolute(target, target_buffer);
+    if (to == nullptr) {
+        return nullptr;
+    }
+    const PathResult result = buffer_for(buf);
+    const bool fits = zel::compose_relative_path(from, to, {result.buffer, kAllocatedPathSize});
+    if (!fits) {
+        errno = ENAMETOOLONG;
+    }
+    return finish(result, fits);
+}
+
+char *platform_dirname(const char *path, char *buf) {
+    if (path == nullptr) {
+        return nullptr;
+    }
+    const char *slash = strrchr(path, '/');
+    return copy_of({path, slash == nullptr ? 0 : static_cast<size_t>(slash - path)}, buf);
+}
+
+char *platform_basename(const char *path, char *buf) {
+    return path == nullptr ? nullptr : copy_of(zel::last_component(path), buf);
+}
+
+char *platform_extension(const char *path, char *buf) {
+    if (path == nullptr) {
+        return nullptr;
+    }
+    const std::string_view component = zel::last_component(path);
+    const std::string_view stem = zel::without_extension(component);
+    return stem.size() == component.size() ? nullptr : copy_of(zel::part_from(component, stem.size()), buf);
+}
+
+char *platform_stem(const char *path, char *buf) {
+    return path == nullptr ? nullptr : copy_of(zel::without_extension(zel::last_component(path)), buf);
+}

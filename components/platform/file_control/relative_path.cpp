@@ -1,0 +1,42 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// The way from one absolute path to another.
+#include <components/platform/internal/relative_path.h>
+
+#include <msg/base/text.h>
+
+#include <algorithm>
+
+namespace zel {
+
+namespace {
+
+// Where the last "/" stands that both paths have passed in common.
+size_t last_common_slash(std::string_view base, std::string_view target) {
+    const auto differ = std::mismatch(base.begin(), base.end(), target.begin(), target.end());
+    const auto common = static_cast<size_t>(differ.first - base.begin());
+    return first_part(base, common).rfind('/');
+}
+
+} // namespace
+
+bool compose_relative_path(std::string_view base, std::string_view target, std::span<char> result) {
+    constexpr std::string_view kUp = "../";
+    if (base == target) {
+        return format_text(result, ".");
+    }
+    const size_t slash = last_common_slash(base, target);
+    const std::string_view steps = part_from(base, slash);
+    const std::string_view rest = part_from(target, slash + 1);
+    const auto ups = static_cast<size_t>(std::count(steps.begin(), steps.end(), '/'));
+    if (ups * kUp.size() + rest.size() >= result.size()) {
+        return false;
+    }
+    for (size_t up = 0; up < ups; ++up) {
+        result = result.subspan(copy_part(result, kUp));
+    }
+    result = result.subspan(copy_part(result, rest));
+    result.front() = '\0';
+    return true;
+}
+
+} // namespace zel

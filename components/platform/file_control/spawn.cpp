@@ -1,0 +1,81 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// Starting a child for a command.
+#include <components/platform/file_control.h>
+
+#include <components/platform/internal/child_start.h>
+#include <components/platform/internal/file_control_unit.h>
+#include <components/platform/zel_pair_connection.h>
+
+#include <array>
+#include <cstdarg>
+#include <unistd.h>
+
+namespace {
+
+constexpr int kCannotExecute = 127;
+
+// In the child. It leaves without running the exit handlers, which are its parent's.
+[[noreturn]] void become_command(const char *file, char *const argv[], const int *fds) {
+    if (fds != nullptr) {
+        std::array<int, 3> standard;
+        for (int place = 0; place < 3; ++place) {
+            standard[static_cast<size_t>(place)] = fds[place] < 0 ? place : fds[place];
+        }
+        zel::redirect_standard(standard.data());
+    }
+    execvp(file, argv);
+    _exit(kCannotExecute);
+}
+
+size_t count_texts(const char *first, va_list rest) {
+    va_list texts;
+    va_copy(texts, rest);
+    size_t count = 0;
+    for (const char *text = first; text != nullptr; text = va_arg(texts, const char *)) {
+        ++count;
+    }
+    va_end(texts);
+    return count;
+}
+
+int32_t spawn_list(const char *file, const int *fds, const char *arg0, va_list rest) {
+    const size_t size = (count_texts(arg0, rest) + 1) * sizeof(char *);
+    auto **argv = static_cast<char **>(zel_malloc_fl(size, "ZEL_MALLOC_ARRAY", __LINE__, zel::file_control::kUnitName));
+    size_t count = 0;
+    for (const char *text = arg0; text != nullptr; text = va_arg(rest, const char *)) {
+        argv[count++] = const_cast<char *>(text);
+    }
+    argv[count] = nullptr;
+    const int32_t pid = platform_spawn(file, argv, fds);
+    zel_free(argv);
+    return pid;
+}
+
+} // namespace
+
+int32_t platform_spawn(const char *file, char *const argv[], const int *fds) {
+    const int32_t pid = zel::fork_flushed();
+    if (pid == 0) {
+        become_command(file, argv, fds);
+    }
+    return pid;
+}
+
+int32_t platform_spawnl(const char *file, const char *arg0, ...) {
+    va_list rest;
+    va_start(rest, arg0);
+    const int32_t pid = spawn_list(file, nullptr, arg0, rest);
+    va_end(rest);
+    return pid;
+}
+
+int32_t platform_spawnl_quiet(const char *file, const char *arg0, ...) {
+    const int null_fd = platform_null_fd_open();
+    const std::array<int, 3> fds = {null_fd, null_fd, null_fd};
+    va_list rest;
+    va_start(rest, arg0);
+    const int32_t pid = spawn_list(file, fds.data(), arg0, rest);
+    va_end(rest);
+    platform_null_fd_close(null_fd);
+    return pid;
+}

@@ -1,0 +1,100 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// Status and access tests, and small changes to directories.
+#include <components/platform/file_control.h>
+
+#include <pwd.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr mode_t kDirectoryMode = 0777;
+
+bool read_status(const char *path, struct stat *status) {
+    return stat(path, status) == 0;
+}
+
+int has_access(const char *path, int mode) {
+    return access(path, mode) == 0 ? 1 : 0;
+}
+
+} // namespace
+
+int platform_exists(const char *path) {
+    struct stat status;
+    return read_status(path, &status) ? 1 : 0;
+}
+
+int platform_file_exists(const char *path) {
+    return platform_exists(path);
+}
+
+int platform_is_readable(const char *path) {
+    return has_access(path, R_OK);
+}
+
+int platform_is_writable(const char *path) {
+    return has_access(path, W_OK);
+}
+
+int platform_is_executable(const char *path) {
+    return has_access(path, X_OK);
+}
+
+int platform_is_dir(const char *path) {
+    struct stat status;
+    return read_status(path, &status) && S_ISDIR(status.st_mode) ? 1 : 0;
+}
+
+int64_t platform_mtime(const char *path) {
+    struct stat status;
+    return read_status(path, &status) ? int64_t{status.st_mtime} : 0;
+}
+
+int64_t platform_file_size(const char *path) {
+    struct stat status;
+    return read_status(path, &status) ? int64_t{status.st_size} : -1;
+}
+
+const char *platform_file_owner(const char *path) {
+    struct stat status;
+    if (!read_status(path, &status)) {
+        return nullptr;
+    }
+    const struct passwd *entry = getpwuid(status.st_uid); // NOLINT(concurrency-mt-unsafe): a process has one thread
+    return entry == nullptr ? nullptr : entry->pw_name;
+}
+
+int platform_remove_file(const char *path) {
+    struct stat status;
+    return lstat(path, &status) == 0 && remove(path) == 0 ? 1 : 0;
+}
+
+int platform_rename(const char *from, const char *to) {
+    return rename(from, to) == 0 ? 1 : 0;
+}
+
+int platform_mkdir(const char *path) {
+    return mkdir(path, kDirectoryMode) == 0 ? 1 : 0;
+}
+
+int platform_make_dir(const char *path) {
+    return platform_mkdir(path);
+}
+
+int platform_rmdir(const char *path) {
+    return rmdir(path) == 0 ? 1 : 0;
+}
+
+int64_t platform_free_space(const char *path) {
+    if (path == nullptr || *path == '\0') {
+        return -1;
+    }
+    struct statvfs status;
+    if (statvfs(path, &status) != 0) {
+        return -2;
+    }
+    // The unit in which the system counts blocks; the block size that it prefers for transfers may be another.
+    return static_cast<int64_t>(uint64_t{status.f_frsize} * uint64_t{status.f_bavail});
+}

@@ -1,0 +1,22 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// What the files of the file-control unit share: its name, and storage for its callers under that name.
+#ifndef ZEL_COMPONENTS_PLATFORM_INTERNAL_FILE_CONTROL_UNIT_H
+#define ZEL_COMPONENTS_PLATFORM_INTERNAL_FILE_CONTROL_UNIT_H
+
+#include <malloc/zel_malloc.h>
+
+namespace zel::file_control {
+
+inline constexpr const char *kUnitName = "components/platform/file_control";
+
+// What a path buffer takes when it is allocated, and the size that is used of it.
+inline constexpr size_t kAllocatedPathSize = 4097;
+inline constexpr size_t kPathSize = 4096;
+
+} // namespace zel::file_control
+
+// Storage for characters, described by this unit and the line where it is asked for.
+#define ALLOCATE_CHARS(count)                                                                                          \
+    static_cast<char *>(zel_malloc_fl((count), "ZEL_MALLOC_ARRAY", __LINE__, zel::file_control::kUnitName))
+
+#endif

@@ -1,0 +1,108 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// The debug heap as the core primitives and its own files see it.
+#ifndef ZEL_MALLOC_INTERNAL_DEBUG_HEAP_H
+#define ZEL_MALLOC_INTERNAL_DEBUG_HEAP_H
+
+#include <malloc/internal/caller.h>
+#include <malloc/internal/index_set.h>
+
+#include <cstddef>
+#include <cstdint>
+
+namespace zel::memory {
+
+// ---- What the core primitives use ----------------------------------------------------------------------------------
+
+// Whether the debug heap is on, in either mode.
+bool debug_heap_on();
+
+// The bytes to take from the system for a request of that size; the largest number when there are none so large.
+size_t debug_block_size(size_t size);
+
+// The system's block of a user pointer.
+void *block_of(void *pointer);
+
+// Records a new block of the system's, writes its header and trailer, and returns its user pointer.
+void *register_block(void *block, size_t size, const Caller &caller);
+
+// Checks the pointer, then releases its record. The header is marked; the record keeps pointer, length and description.
+// Anything wrong is an error that ends the process.
+void free_debug_info(void *pointer, const Caller &caller);
+
+// In verify mode: a heap that is not sound is reported, and the process ends.
+void verify_before_allocation(const Caller &caller);
+
+// The length recorded for a pointer whose record has just been released.
+size_t recorded_length(const void *pointer);
+
+// What new and released bytes are filled with.
+inline constexpr int kFillByte = 0xAB;
+
+// ---- Shared by the files of the debug heap -------------------------------------------------------------------------
+
+inline constexpr uint32_t kLiveMagic = 0x5739E56A;
+inline constexpr uint32_t kReleasedMagic = 0x7D2C5B7E;
+inline constexpr uint32_t kTrailerMagic = 0x35A7B641;
+
+inline constexpr uintptr_t kPointerAlignment = 8;
+inline constexpr int kPointerDigits = static_cast<int>(2 * sizeof(void *));
+
+// The states of a record in use. Any other is the index of the next free record, or the end of that list.
+inline constexpr int32_t kInUseByFunction = -1;
+inline constexpr int32_t kInUseByLine = -2;
+inline constexpr int32_t kEndOfFreeList = -3;
+
+// One allocation, live or released. Its index is its ID.
+struct Record {
+    void *pointer;
+    size_t length;
+    Caller caller; // keeps its form when the record is released, so that a later diagnosis can name the owner
+    int32_t state;
+};
+
+struct Header {
+    int32_t index;
+    uint32_t magic;
+};
+
+struct DebugHeap {
+    int mode;                           // 0, ZEL_MALLOC_CHECK_PTR or ZEL_MALLOC_VERIFY_HEAP; never back to 0
+    Record *records;                    // only grows
+    IndexPage *in_use;                  // the records in use, for walking
+    uint32_t capacity;                  // records in the table
+    int32_t free_head = kEndOfFreeList; // released last, reused first
+    size_t bytes_in_use;                // sum of the lengths of records in use
+    int32_t free_report_threshold = -1; // negative: no note
+};
+
+extern DebugHeap debug_heap;
+
+bool is_in_use(const Record &record);
+
+// The record of an index, or null for one outside the table. An index equal to the capacity matches none.
+Record *record_at(int32_t index);
+
+// The header in front of a user pointer, and the word behind its user data.
+Header read_header(const void *pointer);
+uint32_t read_trailer(const void *pointer, size_t length);
+void mark_released(void *pointer);
+
+// The same for a pointer that may be anything: false when there is no such memory to read.
+bool probe_header(const void *pointer, Header *header);
+bool probe_trailer(const void *pointer, size_t length, uint32_t *trailer);
+
+bool is_aligned(const void *pointer);
+
+// Whether the pointer is that of a record in use with header and trailer intact.
+bool is_valid(const void *pointer);
+
+// The sentences on a pointer. known: its record, or null when that is not known. In a static buffer that every call
+// overwrites.
+const char *diagnose(const void *pointer, const Record *known, bool in_release);
+
+// What the library was doing, from a call's description; "" when nothing is known. In a static buffer of its own.
+const char *context_text(const Caller &caller);
+
+} // namespace zel::memory
+
+#endif

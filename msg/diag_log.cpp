@@ -1,0 +1,88 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// The diagnostic log file. It stands on the environment services, which themselves report through the message library;
+// so it is built apart from the rest of this folder.
+#include <msg/diag_log.h>
+
+#include <components/platform/environment.h>
+#include <msg/base/text.h>
+#include <msg/msg.h>
+
+#include <array>
+#include <unistd.h>
+
+namespace {
+
+constexpr size_t kDirectorySize = 4096;
+constexpr size_t kLoginSize = 257;
+
+struct State {
+    std::array<char, kDirectorySize> directory; // of the last call; empty at first
+    std::array<char, kLoginSize> login;         // set once a login name is known; asked for again until then
+};
+
+constinit State state = {};
+
+using LogPath = std::array<char, kDirectorySize>;
+
+// A variable that is set but empty wins over those behind it: so a user switches diagnostics off.
+const char *directory_from_environment() {
+    for (const char *variable : {"ZEL_DIAG_DIR", "ZEL_DIAGNOSTICS_PATH", "ZEL_TMPDIR"}) {
+        const char *directory = platform_getenv(variable);
+        if (directory != nullptr) {
+            return directory;
+        }
+    }
+    return "/tmp";
+}
+
+// The text may be the stored one itself. A longer one than there is room for is refused whole: what is left of a path
+// that was cut could name some other directory.
+void store_directory(const char *directory) {
+    const size_t size = strlen(directory) + 1;
+    if (size > state.directory.size()) {
+        state.directory.front() = '\0';
+        return;
+    }
+    memmove(state.directory.data(), directory, size);
+}
+
+const char *login_name() {
+    if (state.login.front() == '\0') {
+        const char *name = getlogin(); // NOLINT(concurrency-mt-unsafe): a process has one thread
+        zel::format_text(state.login, "%s", name == nullptr ? "" : name);
+    }
+    return state.login.data();
+}
+
+void attach_log() {
+    LogPath path;
+    if (!zel::format_text(path, "%s/zel%d%s.log", state.directory.data(), getpid(), login_name())) {
+        return;
+    }
+    FILE *file = fopen(path.data(), "w");
+    if (file != nullptr) {
+        msg_add_stream(MSG_DIAG, file);
+    }
+}
+
+} // namespace
+
+const char *msg_open_diag_log(const char *dir) {
+    const bool given = dir != nullptr && *dir != '\0';
+    store_directory(given ? dir : directory_from_environment());
+    msg_clear_streams(MSG_DIAG);
+    const char *directory = state.directory.data();
+    if (*directory != '\0' && platform_is_writable_dir(directory) != 0) {
+        attach_log();
+    }
+    return directory;
+}
+
+const char *msg_get_diag_dir() {
+    return state.directory.front() != '\0' ? state.directory.data() : directory_from_environment();
+}
+
+const char *msg_get_tmpdir() {
+    const char *directory = platform_getenv("ZEL_TMPDIR");
+    return directory != nullptr ? directory : "/tmp";
+}
