@@ -41,6 +41,9 @@ extern "C" {
 #endif
 #pragma GCC visibility push(default)
 
+/* Declared by <netdb.h>, which does not show it to a strictly conforming C program. */
+struct addrinfo;
+
 /* Lines in one message, at most; one more is an assertion that aborts. A line table has one entry more. */
 #define PLATFORM_MAX_MESSAGE_LINES 32768
 
