@@ -1,0 +1,39 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// What every companion of the tests does at its start.
+#include "companion.h"
+
+#include <msg/msg.h>
+
+#include <cstdlib>
+
+// What the library leaves allocated on purpose; anything else that is lost ends a companion with another status.
+extern "C" const char *__lsan_default_suppressions();
+extern "C" const char *__lsan_default_suppressions() {
+    return "leak:zel_strdup2\n"
+           "leak:platform_connect_host\n";
+}
+
+namespace zel::test {
+
+PairHandle *open_or_exit(int ignore_signals, int blocking) {
+    PairHandle *ph = platform_pair_child_open(kPairVariable, ignore_signals, blocking);
+    if (platform_pair_ok(ph) == 0 || ph->error_text != nullptr) {
+        msg_error_ex(0, "cannot open the pair: %d, %s", platform_pair_errno(ph), platform_pair_errstr(ph));
+        platform_pair_close(ph);
+        exit(kNotOpen);
+    }
+    return ph;
+}
+
+PairExit echo_values(PairHandle *ph) {
+    int32_t value;
+    while (receive_value(ph, &value)) {
+        if (!send_value(ph, value)) {
+            return kSendFailed;
+        }
+    }
+    platform_pair_close(ph);
+    return kServed;
+}
+
+} // namespace zel::test
