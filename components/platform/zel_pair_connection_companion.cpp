@@ -6,6 +6,7 @@
 #include <components/platform/internal/pair.h>
 #include <components/platform/socket.h>
 #include <malloc/zel_malloc.h>
+#include <msg/base/text.h>
 #include <msg/msg.h>
 
 #include <array>
@@ -66,11 +67,13 @@ bool parse_number(const char **position, int32_t *number) {
 }
 
 bool parse_address(const char *value, Address *address) {
+    const zel::ErrnoKept kept;
     return parse_number(&value, &address->pid) && parse_number(&value, &address->number);
 }
 
-// DELIBERATE: the name of the variable is not freed; like a variable's own storage it lasts as long as the process. Held
-// by the test PairChildOpen.TheNameOfTheHybridVariableStaysAllocated.
+// DELIBERATE: the name of the variable is not freed; like a variable's own storage it lasts as long as the process.
+// Held by the test PairChildOpen.TheNameOfTheHybridVariableStaysAllocated.
+//
 // DELIBERATE: any value that does not begin with 'f', 'F' or '0' means hybrid, "no" included. Held by the test
 // PairChildOpen.OnlyAnEmptyValueOrOneThatBeginsWithFOrZeroMeansNotHybrid.
 bool is_hybrid(const char *env_name) {
@@ -121,7 +124,8 @@ PairHandle *platform_pair_child_open(const char *env_name, int ignore_signals, i
     PairHandle *ph = zel::pair::create_handle(false, kind, blocking, "platform_pair_child_open");
     if (kind == kKindNone) {
         // DELIBERATE: errno stays 0, so such a handle counts as healthy: no system call failed. The text and the
-        // descriptors show that it is not open. Held by the test PairChildOpen.AnUnsetVariableIsAHealthyHandle...
+        // descriptors show that it is not open. Held by the test
+        // PairChildOpen.AnUnsetVariableIsAHealthyHandleOfTheWrongType.
         ph->error_text = "Failing to start due to wrong type on linux";
         return ph;
     }

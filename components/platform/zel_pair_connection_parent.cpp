@@ -89,7 +89,7 @@ PairHandle *fail(PairHandle *ph, const char *step) {
     return ph;
 }
 
-// ---- Between fork and exec --------------------------------------------------------------------------------------------
+// ---- Between fork and exec ------------------------------------------------------------------------------------------
 
 void put_end_into_environment(const Start &start, int child_end) {
     std::array<char, 64> value;
@@ -97,8 +97,8 @@ void put_end_into_environment(const Start &start, int child_end) {
     platform_setenv(start.env_name, value.data());
 }
 
-// DELIBERATE: a companion that cannot be executed leaves by exit(1): that status is all its parent learns of it. Held by
-// the test PairParentOpen.AProgramThatCannotBeExecutedIsAChildThatExitsWithOne.
+// DELIBERATE: a companion that cannot be executed leaves by exit(1): that status is all its parent learns of it. Held
+// by the test PairParentOpen.AProgramThatCannotBeExecutedIsAChildThatExitsWithOne.
 [[noreturn]] void become_companion(PairHandle *ph, const Start &start, const SocketPair &ends) {
     if (start.stdio_fds != nullptr) {
         zel::redirect_standard(start.stdio_fds);
@@ -115,7 +115,7 @@ void put_end_into_environment(const Start &start, int child_end) {
     exit(1);
 }
 
-// ---- In the parent ----------------------------------------------------------------------------------------------------
+// ---- In the parent --------------------------------------------------------------------------------------------------
 
 PairHandle *keep_companion(PairHandle *ph, int32_t pid, const SocketPair &ends, bool ignore_sigpipe) {
     if (ignore_sigpipe) {

@@ -21,7 +21,6 @@ struct State {
 
 constinit State shared_null = {.references = 0, .fd = -1, .stream = nullptr};
 
-
 } // namespace
 
 int32_t platform_wait_nohang(int32_t pid, int32_t *exit_code, int32_t *signal) {
@@ -33,7 +32,8 @@ int32_t platform_wait_nohang(int32_t pid, int32_t *exit_code, int32_t *signal) {
     term_signal = 0;
     int status;
     const int32_t result = waitpid(pid, &status, WNOHANG);
-    if (result != pid) {
+    // 0 and -1 are answers, even to a question about the process groups of these numbers: no status comes with them.
+    if (result != pid || result < 1) {
         return result;
     }
     if (WIFEXITED(status)) {
