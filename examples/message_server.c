@@ -1,0 +1,109 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// A small server of framed messages over TCP on localhost: one client at a time, until one of them says "stop".
+//
+//   message_server [TENTHS]        drops a client that says nothing for about so many tenths of a second (300)
+//
+//   request          answer                what it does
+//   sum N...         sum, TOTAL            adds the numbers, one a line behind the first
+//   served           served, COUNT         how many messages came before this one, from all clients
+//   bye              none                  ends the connection
+//   stop             none                  ends the connection and the server
+//   anything else    unknown, REQUEST
+//
+// Each word stands on a line of its own: "sum" CR LF "2" CR LF "3" CR LF CR LF is answered by "sum" CR LF "5" CR LF CR
+// LF. Exit status: 0 after "stop", 1 when the server could not be opened or can accept nobody any more.
+#include <components/platform/socket.h>
+#include <msg/msg.h>
+
+#include <errno.h>
+#include <stdlib.h>
+#include <string.h>
+
+enum { FIRST_PORT = 20300, END_PORT = 21300, MESSAGE_ROOM = 65536, TEXT_ROOM = 32 };
+
+// Neither the handler nor the idle function has an argument of ours: what they share is process-wide.
+static struct {
+    int client;       // the socket that is served
+    int quiet_limit;  // tenths of a second without a message after which the client is dropped
+    int quiet_tenths; // since the last message
+    int served;       // messages so far
+    int stop;         // a client has said "stop"
+} server;
+
+static int answer(int socket, const char *what, const char *value) {
+    return platform_send_message(socket, what, value, (char *) NULL);
+}
+
+static int answer_number(int socket, const char *what, long long number) {
+    char text[TEXT_ROOM];
+    snprintf(text, sizeof text, "%lld", number);
+    return answer(socket, what, text);
+}
+
+// The total is kept without a sign, so that it wraps round where it would overflow.
+static int answer_sum(int socket, char **lines) {
+    unsigned long long total = 0;
+    for (char **line = lines; *line != NULL; ++line) {
+        total += (unsigned long long) strtoll(*line, NULL, 10);
+    }
+    return answer_number(socket, "sum", (long long) total);
+}
+
+// Gets each message; the lines are valid during the call. 0 ends the loop, and so the connection: so does an answer
+// that cannot be sent.
+static int on_message(int socket, char *first_line, char **lines) {
+    server.quiet_tenths = 0;
+    int before = server.served++;
+    if (strcmp(first_line, "sum") == 0) {
+        return answer_sum(socket, lines);
+    }
+    if (strcmp(first_line, "served") == 0) {
+        return answer_number(socket, "served", before);
+    }
+    server.stop = strcmp(first_line, "stop") == 0;
+    if (server.stop || strcmp(first_line, "bye") == 0) {
+        return 0;
+    }
+    return answer(socket, "unknown", first_line);
+}
+
+// Called after every wait, about ten times a second while the client is quiet. Its result does not end the loop; a
+// socket that is shut down does, as the end of the stream.
+static int on_idle(void) {
+    if (++server.quiet_tenths > server.quiet_limit) {
+        shutdown(server.client, SHUT_RDWR);
+    }
+    return 0;
+}
+
+static void serve(int client) {
+    server.client = client;
+    server.quiet_tenths = 0;
+    platform_msgbuf_reset(gMsgBuf); // what the client before left half said
+    platform_message_loop(client, on_message, on_idle, 0);
+    platform_socket_close(client);
+    msg_print("A client has gone.");
+}
+
+int main(int argc, char **argv) {
+    int port;
+    int listening = platform_server_socket_open(FIRST_PORT, END_PORT, &port);
+    if (listening == -1) {
+        msg_fatal("No port from %d to %d can be opened.", FIRST_PORT, END_PORT - 1);
+    }
+    server.quiet_limit = argc > 1 ? atoi(argv[1]) : 300;
+    MsgBuf *buffer = platform_msgbuf_create(MESSAGE_ROOM);
+    platform_msgbuf_set(buffer);
+    msg_print("Listening on localhost, port %d.", port);
+    while (!server.stop) {
+        int client = platform_accept_retry(listening, NULL, NULL); // keeps the listening socket open
+        if (client == -1) {
+            msg_fatal_syserr("Cannot accept.");
+        }
+        serve(client);
+    }
+    platform_socket_close(listening);
+    platform_msgbuf_set(NULL);
+    platform_msgbuf_free(buffer);
+    return 0;
+}

@@ -1,0 +1,332 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// Counts the lines, words and bytes of text files, and their most frequent words, in a companion process.
+//
+//   word_count [--hybrid] [--companion PROGRAM] [--] [FILE...]
+//
+//   --hybrid             talk to the companion over TCP on localhost instead of an inherited descriptor
+//   --companion PROGRAM  the companion: a path, or a name searched along PATH; without it word_count_companion in the
+//                        folder of this program
+//   FILE                 without any: README.md, CONTRIBUTING.md and LICENSE of the source tree that this program was
+//                        built from, found from the folder of this program
+//
+// Standard output, for each text and then once (a text without words has no last part):
+//
+//   notes.txt
+//       lines            2
+//       words            3
+//       bytes           18
+//       most frequent words
+//                2  so
+//                1  on
+//   The companion ended with exit status 0.
+//
+// A line is what a newline ends; a word is a run of bytes without ASCII white space. At most ten words are shown, the
+// most frequent first, equally frequent ones in byte order; a byte that is not printable ASCII is shown as \xNN, a
+// backslash as two, and a word of more than 40 characters is cut and ends in "...".
+//
+// Errors go to standard error. Exit status, the highest that applies:
+//
+//   0  all texts were counted
+//   1  a text could not be read; the others were counted
+//   2  the companion could not be started, was lost, or did not end well
+//   3  the arguments are wrong
+//   4  standard output could not be written
+//
+// The steps of a parent: start the companion (start_companion), talk to it (count_text), end and reap it
+// (end_companion).
+#include "word_count_link.h"
+#include "word_count_protocol.h"
+
+#include <components/platform/socket.h>
+#include <components/platform/zel_pair_connection.h>
+#include <msg/msg.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <cinttypes>
+#include <fcntl.h>
+#include <filesystem>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+using namespace word_count;
+
+enum ExitStatus { kAllCounted = 0, kTextUnreadable = 1, kCompanionFailed = 2, kWrongArguments = 3, kOutputFailed = 4 };
+
+// A text to count: where it is, and what it is called in messages.
+struct Text {
+    std::string path;
+    std::string name;
+};
+
+struct Options {
+    bool hybrid = false;
+    std::string companion;
+    std::vector<Text> texts;
+};
+
+// ---- The answer ---------------------------------------------------------------------------------------------------
+
+struct WordRow {
+    uint64_t count = 0;
+    std::string word;
+};
+
+struct Answer {
+    bool understood = false;
+    uint64_t lines = 0;
+    uint64_t words = 0;
+    uint64_t bytes = 0;
+    std::vector<WordRow> most_frequent;
+};
+
+// The message loop's handler has no argument of ours, and the texts it gets are gone when it returns: it keeps here
+// what it was told.
+Answer answer;
+
+// Takes the part before the next blank off the front of the text.
+std::string_view take_field(std::string_view &text) {
+    const size_t end = std::min(text.find(' '), text.size());
+    const std::string_view field = text.substr(0, end);
+    text.remove_prefix(std::min(end + 1, text.size()));
+    return field;
+}
+
+bool take_number(std::string_view &text, uint64_t &number) {
+    const std::string_view field = take_field(text);
+    const auto [end, error] = std::from_chars(field.data(), field.data() + field.size(), number);
+    return error == std::errc() && end == field.data() + field.size();
+}
+
+bool parse_answer(std::string_view first, char **lines) {
+    if (take_field(first) != kCounted || !take_number(first, answer.lines) || !take_number(first, answer.words) ||
+        !take_number(first, answer.bytes)) {
+        return false;
+    }
+    for (char **line = lines; *line != nullptr; ++line) {
+        std::string_view rest = *line;
+        WordRow row;
+        if (!take_number(rest, row.count)) {
+            return false;
+        }
+        row.word = rest;
+        answer.most_frequent.push_back(row);
+    }
+    return true;
+}
+
+int on_answer(int /*socket*/, char *first_line, char **lines) {
+    answer = {};
+    answer.understood = parse_answer(first_line, lines);
+    return 1;
+}
+
+// The name goes out raw: wrapping would drop the blanks of a long one.
+void print_answer(const Text &text) {
+    msg_print_raw("%s\n", text.name.c_str());
+    msg_print("    lines %12" PRIu64, answer.lines);
+    msg_print("    words %12" PRIu64, answer.words);
+    msg_print("    bytes %12" PRIu64, answer.bytes);
+    if (!answer.most_frequent.empty()) {
+        msg_print("    most frequent words");
+    }
+    for (const WordRow &row : answer.most_frequent) {
+        msg_print("%14" PRIu64 "  %s", row.count, row.word.c_str());
+    }
+}
+
+// ---- One text -----------------------------------------------------------------------------------------------------
+
+enum class Result { counted, unreadable, companion_lost, not_understood };
+
+using Chunk = std::array<char, kChunkSize>;
+
+// The length read, 0 at the end of the file, -1 with errno.
+int32_t read_chunk(int fd, Chunk &chunk) {
+    ssize_t length;
+    do {
+        length = read(fd, chunk.data(), chunk.size());
+    } while (length == -1 && errno == EINTR);
+    return static_cast<int32_t>(length);
+}
+
+Result report_unreadable(const Text &text) {
+    const std::string reason = std::generic_category().message(errno);
+    msg_error("%s cannot be read: %s.", text.name.c_str(), reason.c_str());
+    return Result::unreadable;
+}
+
+// Announces the text; the companion then waits for its chunks.
+Result request(Companion &companion, const Text &text) {
+    int32_t ready;
+    if (platform_send_message(platform_pair_tx_fd(companion.pair), kCount, text.name.c_str(),
+                              static_cast<char *>(nullptr)) == 0 ||
+        !receive_value(companion.pair, ready)) {
+        return Result::companion_lost;
+    }
+    companion.spoke = true;
+    return ready == kReady ? Result::counted : Result::not_understood;
+}
+
+bool send_chunk(PairHandle *pair, const Chunk &chunk, int32_t length) {
+    return send_value(pair, length) && send_whole(pair, chunk.data(), length);
+}
+
+Result receive_answer(PairHandle *pair) {
+    if (platform_get_one_message(platform_pair_rx_fd(pair), on_answer, nullptr, 1) == 0) {
+        return Result::companion_lost;
+    }
+    return answer.understood ? Result::counted : Result::not_understood;
+}
+
+// The first chunk is read before anything is asked: a folder can be opened, but not read, and is no text to ask about.
+Result exchange(Companion &companion, const Text &text, int fd) {
+    Chunk chunk;
+    int32_t length = read_chunk(fd, chunk);
+    if (length == -1) {
+        return report_unreadable(text);
+    }
+    const Result requested = request(companion, text);
+    if (requested != Result::counted) {
+        return requested;
+    }
+    for (; length > 0; length = read_chunk(fd, chunk)) {
+        if (!send_chunk(companion.pair, chunk, length)) {
+            return Result::companion_lost;
+        }
+    }
+    if (length == -1) {
+        report_unreadable(text);
+        return send_value(companion.pair, kBrokenOff) ? Result::unreadable : Result::companion_lost;
+    }
+    return send_value(companion.pair, kEndOfText) ? receive_answer(companion.pair) : Result::companion_lost;
+}
+
+Result count_text(Companion &companion, const Text &text) {
+    const int fd = open(text.path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd == -1) {
+        return report_unreadable(text);
+    }
+    const Result result = exchange(companion, text, fd);
+    close(fd);
+    if (result == Result::counted) {
+        print_answer(text);
+    }
+    return result;
+}
+
+// ---- All texts ----------------------------------------------------------------------------------------------------
+
+ExitStatus give_up(Companion &companion, Result result, const Text &text, size_t left) {
+    const char *what = result == Result::not_understood ? "The companion gave no proper answer about "
+                                                        : "The companion was lost while it counted ";
+    give_up_companion(companion, what + text.name + ".");
+    MSG_CONT("Texts that were not counted: %zu.", left);
+    return kCompanionFailed;
+}
+
+ExitStatus count_all(Companion &companion, const std::vector<Text> &texts) {
+    ExitStatus status = kAllCounted;
+    for (size_t place = 0; place < texts.size(); ++place) {
+        const Result result = count_text(companion, texts[place]);
+        if (result == Result::companion_lost || result == Result::not_understood) {
+            return give_up(companion, result, texts[place], texts.size() - place);
+        }
+        if (result == Result::unreadable) {
+            status = kTextUnreadable;
+        }
+    }
+    return end_companion(companion) ? status : kCompanionFailed;
+}
+
+// ---- The arguments ------------------------------------------------------------------------------------------------
+
+// The folder that this program stands in.
+std::filesystem::path own_folder() {
+    std::error_code ignored;
+    return std::filesystem::read_symlink("/proc/self/exe", ignored).parent_path();
+}
+
+std::vector<Text> default_texts() {
+    const std::filesystem::path root = (own_folder() / WORD_COUNT_ROOT).lexically_normal();
+    std::vector<Text> texts;
+    for (const char *name : {"README.md", "CONTRIBUTING.md", "LICENSE"}) {
+        texts.push_back({.path = root / name, .name = name});
+    }
+    return texts;
+}
+
+bool refuse_arguments(const std::string &reason) {
+    msg_error("%s", reason.c_str());
+    MSG_CONT("Usage: word_count [--hybrid] [--companion PROGRAM] [--] [FILE...]");
+    return false;
+}
+
+void add_texts(Options &options, char **files) {
+    for (char **file = files; *file != nullptr; ++file) {
+        options.texts.push_back({.path = *file, .name = visible(*file, kVisibleName)});
+    }
+}
+
+// Options come first. Behind "--" a FILE may begin with two hyphens.
+bool parse_options(char **argument, Options &options) {
+    for (; *argument != nullptr && std::string_view(*argument).starts_with("--"); ++argument) {
+        const std::string_view option = *argument;
+        if (option == "--") {
+            ++argument;
+            break;
+        }
+        if (option == "--hybrid") {
+            options.hybrid = true;
+        } else if (option == "--companion" && argument[1] != nullptr) {
+            options.companion = *++argument;
+        } else {
+            return refuse_arguments(option == "--companion" ? "--companion needs a program."
+                                                            : visible(option, kVisibleName) + " is no option.");
+        }
+    }
+    add_texts(options, argument);
+    return true;
+}
+
+void fill_in_defaults(Options &options) {
+    if (options.companion.empty()) {
+        options.companion = own_folder() / "word_count_companion";
+    }
+    if (options.texts.empty()) {
+        options.texts = default_texts();
+    }
+}
+
+ExitStatus run(const Options &options) {
+    Companion companion = {.program = options.companion};
+    if (!start_companion(companion, options.hybrid)) {
+        return kCompanionFailed;
+    }
+    MsgBuf *buffer = platform_msgbuf_create(kMessageRoom);
+    platform_msgbuf_set(buffer);
+    const ExitStatus status = count_all(companion, options.texts);
+    platform_msgbuf_set(nullptr);
+    platform_msgbuf_free(buffer);
+    return status;
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    Options options;
+    if (!parse_options(argv + std::min(argc, 1), options)) {
+        return kWrongArguments;
+    }
+    fill_in_defaults(options);
+    const ExitStatus status = run(options);
+    // A stream that could not be written has been dropped, after a warning.
+    return msg_info_has_stream() ? status : kOutputFailed;
+}

@@ -1,0 +1,195 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// The companion of word_count: counts the lines, words and bytes of the texts that its parent sends, and their most
+// frequent words. word_count_protocol.h says how the two talk.
+//
+// A line is what a newline ends. A word is a run of bytes without ASCII white space (blank, tab, newline, vertical tab,
+// form feed, carriage return). Words are compared byte for byte; of two equally frequent ones the lower in byte order
+// comes first.
+//
+// Exit status: 0 after "quit"; 1 when the pair could not be opened, the parent went away, or a request was not
+// understood.
+#include "word_count_protocol.h"
+
+#include <components/platform/debug_hooks.h>
+#include <components/platform/socket.h>
+#include <components/platform/zel_pair_connection.h>
+#include <msg/msg.h>
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+namespace {
+
+using namespace word_count;
+
+constexpr std::string_view kWhiteSpace = " \t\n\v\f\r";
+constexpr size_t kMostFrequent = 10;
+
+// What the companion works with. The message loop's handler has no argument of ours, so this is process-wide.
+struct Service {
+    PairHandle *pair; // our end
+    bool quit;        // the parent said that it is done
+};
+
+constinit Service service = {};
+
+// ---- Counting -----------------------------------------------------------------------------------------------------
+
+using Frequency = std::pair<const std::string, uint64_t>;
+
+struct Counts {
+    uint64_t lines = 0;
+    uint64_t words = 0;
+    uint64_t bytes = 0;
+    std::string word; // the word at the end of what was counted so far; it may go on in the next chunk
+    std::unordered_map<std::string, uint64_t> frequencies;
+};
+
+void end_word(Counts &counts) {
+    if (counts.word.empty()) {
+        return;
+    }
+    ++counts.words;
+    ++counts.frequencies[counts.word];
+    counts.word.clear();
+}
+
+void add_chunk(Counts &counts, std::string_view chunk) {
+    counts.bytes += chunk.size();
+    counts.lines += static_cast<uint64_t>(std::count(chunk.begin(), chunk.end(), '\n'));
+    size_t start = 0;
+    for (size_t end = chunk.find_first_of(kWhiteSpace); end != std::string_view::npos;
+         end = chunk.find_first_of(kWhiteSpace, start)) {
+        counts.word.append(chunk.substr(start, end - start));
+        end_word(counts);
+        start = end + 1;
+    }
+    counts.word.append(chunk.substr(start));
+}
+
+bool comes_before(const Frequency *a, const Frequency *b) {
+    return a->second != b->second ? a->second > b->second : a->first < b->first;
+}
+
+std::vector<const Frequency *> most_frequent(const Counts &counts) {
+    std::vector<const Frequency *> words;
+    words.reserve(counts.frequencies.size());
+    for (const Frequency &entry : counts.frequencies) {
+        words.push_back(&entry);
+    }
+    const size_t kept = std::min(words.size(), kMostFrequent);
+    std::partial_sort(words.begin(), words.begin() + static_cast<std::ptrdiff_t>(kept), words.end(), comes_before);
+    words.resize(kept);
+    return words;
+}
+
+// ---- Talking to the parent ----------------------------------------------------------------------------------------
+
+enum class Received { whole, broken_off, stream_ended };
+
+// Takes the chunks of one text, up to the value that ends it.
+Received receive_text(PairHandle *pair, Counts &counts) {
+    std::array<char, kChunkSize> chunk;
+    int32_t length;
+    while (receive_value(pair, length)) {
+        if (length == kEndOfText) {
+            end_word(counts);
+            return Received::whole;
+        }
+        if (length < 0) {
+            return Received::broken_off;
+        }
+        if (length > kChunkSize || !receive_whole(pair, chunk.data(), length)) {
+            break;
+        }
+        add_chunk(counts, {chunk.data(), static_cast<size_t>(length)});
+    }
+    return Received::stream_ended;
+}
+
+// A message takes its lines as arguments and ends at the first null pointer: where there are fewer than ten words, the
+// places that stay null end it.
+bool send_answer(PairHandle *pair, const Counts &counts) {
+    const std::string first = std::string(kCounted) + " " + std::to_string(counts.lines) + " " +
+                              std::to_string(counts.words) + " " + std::to_string(counts.bytes);
+    std::array<std::string, kMostFrequent> texts;
+    std::array<const char *, kMostFrequent> line = {};
+    size_t place = 0;
+    for (const Frequency *entry : most_frequent(counts)) {
+        texts[place] = std::to_string(entry->second) + " " + visible(entry->first, kVisibleWord);
+        line[place] = texts[place].c_str();
+        ++place;
+    }
+    return platform_send_message(platform_pair_tx_fd(pair), first.c_str(), line[0], line[1], line[2], line[3], line[4],
+                                 line[5], line[6], line[7], line[8], line[9], static_cast<char *>(nullptr)) == 1;
+}
+
+// Serves one "count". False when the stream is of no more use.
+bool count_text(PairHandle *pair) {
+    Counts counts;
+    if (!send_value(pair, kReady)) {
+        return false;
+    }
+    switch (receive_text(pair, counts)) {
+    case Received::whole:
+        return send_answer(pair, counts);
+    case Received::broken_off:
+        return true;
+    case Received::stream_ended:
+        break;
+    }
+    return false;
+}
+
+// The handler of the message loop: 1 goes on, 0 ends the loop. Inside it the socket is ours; it may be read directly as
+// long as the parent sends nothing else, and that is what the protocol sees to.
+int on_request(int /*socket*/, char *first_line, char **lines) {
+    if (strcmp(first_line, kQuit) == 0) {
+        service.quit = true;
+        return 0;
+    }
+    if (strcmp(first_line, kCount) == 0 && lines[0] != nullptr) {
+        return count_text(service.pair) ? 1 : 0;
+    }
+    msg_fatal("The request \"%s\" is not understood.", visible(first_line, kVisibleWord).c_str());
+}
+
+// The step that every companion takes first. Both are tested, the error number and the text: an unset variable leaves a
+// handle without an error number, since no system call failed.
+PairHandle *open_pair() {
+    PairHandle *pair = platform_pair_child_open(kPairName, 0, 1);
+    if (!platform_pair_ok(pair)) {
+        msg_fatal("Cannot open the pair: %s (%d)", platform_pair_errstr(pair), platform_pair_errno(pair));
+    }
+    if (pair->error_text != nullptr) {
+        msg_fatal("Cannot open the pair: %s", pair->error_text);
+    }
+    return pair;
+}
+
+} // namespace
+
+// The debug hook comes first of all, so that ZEL_DEBUG can stop this process before it has done anything. The parent
+// does not call it: the variable is meant for the companion, and whoever takes it empties it.
+int main(int argc, char **argv) {
+    int32_t count = argc;
+    platform_debug_hooks(&count, argv);
+    msg_set_mp_prefix("word_count_companion: "); // our lines and the parent's may go to the same terminal
+    service.pair = open_pair();
+    MsgBuf *buffer = platform_msgbuf_create(kMessageRoom);
+    platform_msgbuf_set(buffer);
+    platform_message_loop(platform_pair_rx_fd(service.pair), on_request, nullptr, 0);
+    platform_msgbuf_set(nullptr);
+    platform_msgbuf_free(buffer);
+    platform_pair_close(service.pair);
+    if (!service.quit) {
+        msg_fatal("The parent went away before it was done.");
+    }
+    return 0;
+}

@@ -1,0 +1,223 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// Starting, watching, ending and reaping word_count's companion.
+#include "word_count_link.h"
+
+#include "word_count_protocol.h"
+
+#include <components/platform/environment.h>
+#include <components/platform/process_info.h>
+#include <components/platform/socket.h>
+#include <msg/msg.h>
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <system_error>
+#include <thread>
+#include <unistd.h>
+
+namespace word_count {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+// The ports that the hybrid arrangement may listen on; the first free one is taken.
+constexpr int kFirstPort = 20300;
+constexpr int kEndPort = 21300;
+
+constexpr auto kEndTime = seconds(5);     // from "quit" to the companion's end
+constexpr auto kPause = milliseconds(10); // between two looks at a companion that is ending
+
+constexpr int32_t kStatusUnknown = 256; // what a handle holds until the companion has been reaped
+constexpr int32_t kKindHybrid = 13;
+
+// Starts the program with its end of a new pair under that name. SIGPIPE is ignored: sending to a companion that has
+// died must be an error that we can report. The companion shares our standard descriptors, so that its errors are seen.
+bool open_pair(Companion &companion, const char *env_name) {
+    const int stdio_fds[3] = {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO};
+    const char *program = companion.program.c_str();
+    PairHandle *pair =
+        platform_pair_parent_open_lp(env_name, 1, 1, program, stdio_fds, program, static_cast<char *>(nullptr));
+    if (platform_pair_ok(pair)) {
+        companion.pair = pair;
+        return true;
+    }
+    msg_error("The companion cannot be started: %s: %s.", pair->error_text, platform_pair_errstr(pair));
+    platform_pair_close(pair);
+    return false;
+}
+
+// ---- The hybrid arrangement ---------------------------------------------------------------------------------------
+//
+// The companion reaches us over TCP: it finds a port instead of a descriptor in its variable. It is started by the same
+// call as always, because that gives us a handle which knows the child's number, and so can watch, kill and reap it.
+// But that call sets the variable it is given in the child. So it gets the name of another one, which nobody reads, and
+// the variables that the companion does read are set here, for it to inherit. Once it has connected, the accepted
+// socket takes the place of the local one in the handle, whose kind becomes 13: from then on every operation goes over
+// TCP.
+
+constexpr const char *kStartName = "WORD_COUNT_START";
+
+void announce_port(int port) {
+    const std::string value = std::to_string(platform_getpid()) + " " + std::to_string(port) + " pid-rtx_fd_w";
+    platform_setenv(kPairName, value.c_str());
+    platform_setenv(kHybridName, "1");
+}
+
+// Waits for the connection in steps of a second. Between them it looks whether there still is somebody who could
+// connect: a companion that has died is not waited for. One that lives is, for as long as it takes; it may stand in a
+// debugger. Returns -1 in vain. The listening socket is closed.
+int accept_companion(PairHandle *pair, int listening) {
+    int fd = -2;
+    for (bool alive = true; fd == -2 && alive;) {
+        alive = platform_pair_companion_alive(pair) == 1;
+        fd = platform_accept_timeout(listening, alive ? 1 : 0);
+    }
+    if (fd == -2) { // nobody came; an accepted connection has closed the listening socket already
+        platform_socket_close(listening);
+    }
+    return fd < 0 ? -1 : fd;
+}
+
+void use_connection(PairHandle *pair, int fd) {
+    close(pair->rx_fd);
+    pair->rx_fd = fd;
+    pair->tx_fd = fd;
+    pair->kind = kKindHybrid;
+    pair->hybrid_environment = 1;
+}
+
+bool connect_companion(Companion &companion, int listening) {
+    const int fd = accept_companion(companion.pair, listening);
+    if (fd == -1) {
+        give_up_companion(companion, "The companion did not connect.");
+        return false;
+    }
+    use_connection(companion.pair, fd);
+    companion.spoke = true;
+    return true;
+}
+
+bool start_hybrid(Companion &companion) {
+    int port;
+    const int listening = platform_server_socket_open(kFirstPort, kEndPort, &port);
+    if (listening == -1) {
+        msg_error("No port from %d to %d can be opened on localhost.", kFirstPort, kEndPort - 1);
+        return false;
+    }
+    announce_port(port);
+    if (!open_pair(companion, kStartName)) {
+        platform_socket_close(listening);
+        return false;
+    }
+    return connect_companion(companion, listening);
+}
+
+// ---- The end ------------------------------------------------------------------------------------------------------
+
+// Whether the companion has ended. It has then been reaped, and the handle holds its exit status. Once that is so the
+// process is not looked for again: its number may by now be another's.
+bool has_ended(PairHandle *pair) {
+    return platform_pair_child_exit_status(pair) != kStatusUnknown || !platform_pair_companion_alive(pair);
+}
+
+// A companion under a debugger ends when the developer lets it.
+Clock::time_point end_deadline() {
+    const char *request = platform_getenv("ZEL_DEBUG");
+    const bool debugged = request != nullptr && *request != '\0';
+    return debugged ? Clock::time_point::max() : Clock::now() + kEndTime;
+}
+
+void wait_for_end(PairHandle *pair, Clock::time_point deadline) {
+    while (!has_ended(pair) && Clock::now() < deadline) {
+        std::this_thread::sleep_for(kPause);
+    }
+}
+
+// Waits for the end, and forces it when it takes too long: true when no force was needed. SIGKILL, and not
+// platform_pair_kill_child: that sends SIGTERM, which a companion may ignore, waits for as long as it takes, and does
+// not tell how the companion ended.
+bool wait_or_kill(PairHandle *pair) {
+    wait_for_end(pair, end_deadline());
+    if (has_ended(pair)) {
+        return true;
+    }
+    kill(platform_pair_companion_pid(pair), SIGKILL);
+    wait_for_end(pair, Clock::time_point::max());
+    return false;
+}
+
+std::string describe_ending(const PairHandle *pair) {
+    const int32_t signal = platform_pair_child_term_signal(pair);
+    if (signal == 0) {
+        return "exit status " + std::to_string(platform_pair_child_exit_status(pair));
+    }
+    const char *name = sigdescr_np(signal);
+    return "signal " + std::to_string(signal) + " (" + (name == nullptr ? "unnamed" : name) + ")";
+}
+
+// Exit status 1 is all that a start leaves behind whose program could not be executed. Why, we ask the system.
+void explain_failed_start(const Companion &companion) {
+    if (companion.spoke || platform_pair_child_exit_status(companion.pair) != 1) {
+        return;
+    }
+    const bool is_path = companion.program.find('/') != std::string::npos;
+    if (is_path && access(companion.program.c_str(), X_OK) != 0) {
+        const std::string reason = std::generic_category().message(errno);
+        MSG_CONT("%s: %s.", visible(companion.program, kVisibleName).c_str(), reason.c_str());
+        return;
+    }
+    MSG_CONT("A program that cannot be executed ends like this: %s.", visible(companion.program, kVisibleName).c_str());
+}
+
+void close_pair(Companion &companion) {
+    platform_pair_close(companion.pair);
+    companion.pair = nullptr;
+}
+
+// The error message about a companion that has ended: what happened, and how it ended.
+void report_loss(Companion &companion, const std::string &what, bool by_itself) {
+    msg_error("%s", what.c_str());
+    MSG_CONT("It ended with %s%s.", describe_ending(companion.pair).c_str(), by_itself ? "" : ", sent by its parent");
+    explain_failed_start(companion);
+    close_pair(companion);
+}
+
+} // namespace
+
+// Two things that we may have inherited ourselves are put right first. With SIGCHLD ignored the system would reap the
+// companion, and how it ended would be lost; a hybrid variable would send a local companion to a port.
+bool start_companion(Companion &companion, bool hybrid) {
+    signal(SIGCHLD, SIG_DFL);
+    if (hybrid) {
+        return start_hybrid(companion);
+    }
+    platform_setenv(kHybridName, "0");
+    return open_pair(companion, kPairName);
+}
+
+bool end_companion(Companion &companion) {
+    PairHandle *pair = companion.pair;
+    platform_send_message(platform_pair_tx_fd(pair), kQuit, static_cast<char *>(nullptr));
+    const bool by_itself = wait_or_kill(pair);
+    if (platform_pair_child_exit_status(pair) != 0 || platform_pair_child_term_signal(pair) != 0) {
+        report_loss(companion, by_itself ? "The companion failed." : "The companion did not end when it was asked to.",
+                    by_itself);
+        return false;
+    }
+    msg_print("The companion ended with %s.", describe_ending(pair).c_str());
+    close_pair(companion);
+    return true;
+}
+
+// The shutdown is the end of the stream for a companion that still lives and waits for more of a text.
+void give_up_companion(Companion &companion, const std::string &what) {
+    shutdown(platform_pair_tx_fd(companion.pair), SHUT_RDWR);
+    report_loss(companion, what, wait_or_kill(companion.pair));
+}
+
+} // namespace word_count
