@@ -4,9 +4,6 @@
 
 #include <msg/base/text.h>
 
-#include <algorithm>
-#include <climits>
-#include <cstdint>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/select.h>
@@ -31,11 +28,12 @@ Readiness wait_with_select(int fd, long seconds, long microseconds) {
     return readiness_of(select(fd + 1, &readable, nullptr, nullptr, &timeout));
 }
 
-// A descriptor set ends at FD_SETSIZE; a descriptor beyond it is waited for by the call that has no set.
+// A descriptor set ends at FD_SETSIZE; a descriptor beyond it is waited for by the call that has no set. Of the two that
+// have none it is the one whose time-out has the range of select's, so that no time means for ever.
 Readiness wait_with_poll(int fd, long seconds, long microseconds) {
     struct pollfd entry = {.fd = fd, .events = POLLIN, .revents = 0};
-    const int64_t milliseconds = int64_t{seconds} * 1000 + microseconds / 1000;
-    const int result = poll(&entry, 1, static_cast<int>(std::min<int64_t>(milliseconds, INT_MAX)));
+    const struct timespec timeout = {.tv_sec = seconds, .tv_nsec = microseconds * 1000};
+    const int result = ppoll(&entry, 1, &timeout, nullptr);
     if (result > 0 && (entry.revents & POLLNVAL) != 0) {
         errno = EBADF;
         return Readiness::failed;

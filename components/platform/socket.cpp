@@ -65,7 +65,9 @@ int refuse_addresses(struct addrinfo *list) {
 
 // The first port of the range that opens. A lookup that fails or is refused ends the search.
 int search_port(int first_port, int end_port, int *chosen_port) {
-    errno = EINVAL; // an empty range
+    if (first_port >= end_port) {
+        errno = EINVAL;
+    }
     for (int port = first_port; port < end_port; ++port) {
         struct addrinfo *list = look_up("localhost", port);
         if (list == nullptr) {
@@ -76,8 +78,8 @@ int search_port(int first_port, int end_port, int *chosen_port) {
         }
         const int fd = platform_socket_open(list, 1, 1);
         if (fd != -1) {
-            // DELIBERATE: the addresses of the port that opened are not freed; they last as long as the server, which is
-            // opened once. Held by the test ServerSocket.OnlyTheAddressesOfPortsThatFailedAreFreed.
+            // DELIBERATE: the addresses of the port that opened are not freed; they last as long as the server, which
+            // is opened once. Held by the test ServerSocket.OnlyTheAddressesOfPortsThatFailedAreFreed.
             if (chosen_port != nullptr) {
                 *chosen_port = port;
             }
@@ -126,8 +128,8 @@ int platform_server_socket_open(int first_port, int end_port, int *chosen_port) 
 }
 
 int platform_connect_host(const char *host, int port) {
-    // DELIBERATE: the result of the lookup is not freed; the text of an address may be asked for until the process ends.
-    // Held by the test ConnectHost.TheResultOfTheLookupIsNotFreed.
+    // DELIBERATE: the result of the lookup is not freed; the text of an address may be asked for until the process
+    // ends. Held by the test ConnectHost.TheResultOfTheLookupIsNotFreed.
     return platform_socket_open(look_up(host, port), 0, 0);
 }
 
@@ -155,28 +157,26 @@ int platform_socket_close(int fd) {
 }
 
 int platform_accept_retry(int listening, struct sockaddr *address, socklen_t *address_length) {
-    socklen_t length = kAddressSize;
+    socklen_t unasked;
+    socklen_t *length = nullptr;
+    if (address != nullptr) {
+        length = address_length != nullptr ? address_length : &unasked;
+        *length = kAddressSize;
+    }
     errno = 0;
-    int fd = -1;
     for (int attempt = 0; attempt < kAcceptAttempts; ++attempt) {
-        fd = accept(listening, address, address == nullptr ? nullptr : &length);
+        const int fd = accept(listening, address, length);
         if (fd != -1) {
-            break;
+            zel::set_close_on_exec(fd);
+            send_without_delay(fd);
+            return fd;
         }
         platform_perror("accept");
         if (!zel::is_interruption(errno)) {
             break;
         }
     }
-    if (fd == -1) {
-        return -1;
-    }
-    if (address != nullptr && address_length != nullptr) {
-        *address_length = length;
-    }
-    zel::set_close_on_exec(fd);
-    send_without_delay(fd);
-    return fd;
+    return -1;
 }
 
 int platform_accept_once(int listening) {

@@ -26,6 +26,10 @@ constexpr int32_t kDrainSize = 2048;
 using LineTable = std::array<char *, PLATFORM_MAX_MESSAGE_LINES + 1>;
 using ReceiveArea = std::array<char, zel::kReceiveSize>;
 
+// How often a buffer was emptied, moved or replaced. The pointers of the buffer do not tell: other data of the same length
+// may stand there.
+constinit uint32_t buffer_changes = 0;
+
 // ---- Receiving ------------------------------------------------------------------------------------------------------
 
 int32_t unparsed_length() {
@@ -49,16 +53,24 @@ void move_rest_to_start() {
     memmove(gMsgBuf->pBuf, gMsgBuf->p1, static_cast<size_t>(length));
     gMsgBuf->p1 = gMsgBuf->pBuf;
     gMsgBuf->p2 = gMsgBuf->pBuf + length;
+    ++buffer_changes;
 }
 
 MessageScan start_scan(LineTable &table) {
     return {.data = gMsgBuf->p1, .line_table = table.data(), .lines = 0, .line_start = 0, .searched = 0};
 }
 
-// What was searched holds as long as nobody else touches the buffer. An idle function may reset or replace it while we
-// wait; then the search begins anew.
-bool is_current(const MessageScan &scan) {
-    return scan.data == gMsgBuf->p1 && scan.searched <= unparsed_length();
+// What was searched holds as long as nobody else touches the buffer. An idle function may reset, replace, fill or empty
+// it while we wait; then the search begins anew.
+struct BufferMark {
+    uint32_t changes;
+    const char *p1;
+    const char *p2;
+    bool operator==(const BufferMark &) const = default;
+};
+
+BufferMark mark_buffer() {
+    return {.changes = buffer_changes, .p1 = gMsgBuf->p1, .p2 = gMsgBuf->p2};
 }
 
 // Hands over the message of that length, which stands at the start of the unparsed data. A handler that makes another
@@ -95,7 +107,7 @@ constexpr size_t framed_size(std::string_view line) {
     return line.size() + kLineEnd.size();
 }
 
-// The area leaves a byte for a NUL behind a line, so that its text can be read in a debugger.
+// The limit counts a NUL behind the line, as for one kept as a text: 8189 characters are the longest that fit.
 constexpr bool fits_area(std::string_view line) {
     return framed_size(line) + 1 <= zel::kFramingSize;
 }
@@ -167,6 +179,7 @@ MsgBuf *platform_msgbuf_create(int32_t size) {
 MsgBuf *platform_msgbuf_reset(MsgBuf *buffer) {
     buffer->p1 = buffer->pBuf;
     buffer->p2 = buffer->pBuf;
+    ++buffer_changes;
     return buffer;
 }
 
@@ -180,6 +193,7 @@ void platform_msgbuf_free(MsgBuf *buffer) {
 
 void platform_msgbuf_set(MsgBuf *buffer) {
     gMsgBuf = buffer;
+    ++buffer_changes;
 }
 
 void platform_message_loop(int socket, PlatformMessageHandler handler, PlatformIdle idle, int drain_first) {
@@ -200,6 +214,7 @@ int platform_get_one_message(int socket, PlatformMessageHandler handler, Platfor
     ReceiveArea received;
     MessageScan scan = start_scan(table);
     for (;;) {
+        const BufferMark searched = mark_buffer();
         const int32_t length = zel::scan_message(scan, unparsed_length());
         if (length > 0) {
             return dispatch(socket, handler, table, length);
@@ -209,7 +224,7 @@ int platform_get_one_message(int socket, PlatformMessageHandler handler, Platfor
             return 0;
         }
         ASSERT_ROOM_FOR(count);
-        if (!is_current(scan)) {
+        if (mark_buffer() != searched) {
             scan = start_scan(table);
         }
         append(received.data(), count);

@@ -39,13 +39,15 @@ HOOK(pid_t, fork, "fork", (), ())
 HOOK(int, fputs, "fputs", (const char *text, FILE *stream), (text, stream))
 HOOK(void, freeaddrinfo, "freeaddrinfo", (addrinfo * list), (list))
 HOOK(int, fsync, "fsync", (int fd), (fd))
-HOOK(int, getaddrinfo, "getaddrinfo",
-     (const char *host, const char *service, const addrinfo *hints, addrinfo **list), (host, service, hints, list))
+HOOK(int, getaddrinfo, "getaddrinfo", (const char *host, const char *service, const addrinfo *hints, addrinfo **list),
+     (host, service, hints, list))
 HOOK(int, kill, "kill", (pid_t pid, int signal), (pid, signal))
 HOOK(int, listen, "listen", (int fd, int backlog), (fd, backlog))
 HOOK(tm *, localtime_r, TIME64("localtime_r", "__localtime64_r"), (const time_t *now, tm *local), (now, local))
 HOOK(void *, malloc, "malloc", (size_t size), (size))
-HOOK(int, poll, "poll", (pollfd * entries, nfds_t count, int timeout), (entries, count, timeout))
+HOOK(int, ppoll, TIME64("ppoll", "__ppoll64"),
+     (pollfd * entries, nfds_t count, const timespec *timeout, const sigset_t *blocked),
+     (entries, count, timeout, blocked))
 HOOK(void *, realloc, "realloc", (void *pointer, size_t size), (pointer, size))
 HOOK(ssize_t, recv, "recv", (int fd, void *buffer, size_t length, int flags), (fd, buffer, length, flags))
 HOOK(int, select, TIME64("select", "__select64"),

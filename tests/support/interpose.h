@@ -3,16 +3,16 @@
 //
 //   Interposed failing(hook::send, [](int, const void *, size_t, int) -> ssize_t { errno = EPIPE; return -1; });
 //
-// A replacement may call the real function: hook::send.real(...). Replacements are inherited by a forked child. Those of
-// malloc and realloc must not allocate.
+// A replacement may call the real function: hook::send.real(...). Replacements are inherited by a forked child. Those
+// of malloc and realloc must not allocate.
 #ifndef ZEL_TESTS_SUPPORT_INTERPOSE_H
 #define ZEL_TESTS_SUPPORT_INTERPOSE_H
 
 #include <cerrno>
+#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <ctime>
-#include <csignal>
 #include <functional>
 #include <netdb.h>
 #include <poll.h>
@@ -35,7 +35,7 @@ struct Hook<Result(Arguments...)> {
 // Puts a replacement in place, and what was there before back where its scope ends.
 template <typename Signature>
 class Interposed {
-  public:
+public:
     Interposed(Hook<Signature> &hook, std::function<Signature> replacement) : hook_(hook), before_(hook.replacement) {
         hook_.replacement = std::move(replacement);
     }
@@ -43,7 +43,7 @@ class Interposed {
     Interposed(const Interposed &) = delete;
     Interposed &operator=(const Interposed &) = delete;
 
-  private:
+private:
     Hook<Signature> &hook_;
     std::function<Signature> before_;
 };
@@ -54,7 +54,7 @@ Interposed(Hook<Signature> &, Replacement) -> Interposed<Signature>;
 // A replacement whose n-th call (from 0) fails with that errno and result; all others are the real function.
 template <typename Result, typename... Arguments>
 std::function<Result(Arguments...)> fail_nth(Hook<Result(Arguments...)> &hook, int nth, int error,
-                                               std::type_identity_t<Result> result) {
+                                             std::type_identity_t<Result> result) {
     return [&hook, nth, error, result, calls = 0](Arguments... arguments) mutable -> Result {
         if (calls++ == nth) {
             errno = error;
@@ -67,7 +67,7 @@ std::function<Result(Arguments...)> fail_nth(Hook<Result(Arguments...)> &hook, i
 // A replacement that fails every time.
 template <typename Result, typename... Arguments>
 std::function<Result(Arguments...)> fail_always(Hook<Result(Arguments...)> & /*hook*/, int error,
-                                                  std::type_identity_t<Result> result) {
+                                                std::type_identity_t<Result> result) {
     return [error, result](Arguments...) -> Result {
         errno = error;
         return result;
@@ -95,7 +95,7 @@ extern Hook<int(pid_t, int)> kill;
 extern Hook<int(int, int)> listen;
 extern Hook<tm *(const time_t *, tm *)> localtime_r;
 extern Hook<void *(size_t)> malloc;
-extern Hook<int(pollfd *, nfds_t, int)> poll;
+extern Hook<int(pollfd *, nfds_t, const timespec *, const sigset_t *)> ppoll;
 extern Hook<void *(void *, size_t)> realloc;
 extern Hook<ssize_t(int, void *, size_t, int)> recv;
 extern Hook<int(int, fd_set *, fd_set *, fd_set *, timeval *)> select;
