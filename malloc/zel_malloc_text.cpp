@@ -60,8 +60,8 @@ char *join(const char *a, const char *b, const Caller &caller) {
     return joined.text;
 }
 
-// A formatted text asks for its storage under the name of the one entry that formats, and fails under the entries that it
-// calls.
+// A formatted text asks for its storage under the name of the one entry that formats, and fails under the entries that
+// it calls.
 struct FormattedStorage {
     static void *allocate(size_t size) { return zel_malloc(size, "zel_vprintf_strdup", "buffer allocation"); }
     static void *resize(void *buffer, size_t size) {

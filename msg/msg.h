@@ -77,7 +77,7 @@ typedef struct MsgStreamDesc {
 void _msg_output(int type, int fmt_type, int primary_only, int continuation, const char *prefix, const char *format,
                  va_list args) __attribute__((format(printf, 6, 0)));
 
-/* Informational messages behind the print prefix: a line; a line with no prefix; wrapped with the line left open; raw. */
+/* Informational messages behind the print prefix: a line; a line with no prefix; wrapped, the line left open; raw. */
 void msg_print(const char *format, ...) __attribute__((format(printf, 1, 2)));
 void msg_print_no_prefix(const char *format, ...) __attribute__((format(printf, 1, 2)));
 void msg_print_wrap(const char *format, ...) __attribute__((format(printf, 1, 2)));
@@ -127,7 +127,7 @@ void msg_primary_fatal_syserr(const char *format, ...) __attribute__((noreturn, 
 /* ---- Continuation and diagnostics ------------------------------------------------------------------------------ */
 
 /* Continues the last message with its type, layout, primary-only mark and indentation: on the same line when that line
- * was left open, else on a new, indented one. Continuations chain. Before any message: an error that ends the process. */
+ * was left open, else on a new, indented one. Continuations chain. Before any message: an error ends the process. */
 void MSG_CONT(const char *format, ...) __attribute__((format(printf, 1, 2)));
 void msg_vcont(const char *format, va_list args) __attribute__((format(printf, 1, 0)));
 
@@ -160,7 +160,8 @@ int msg_info_has_stream(void);
 int msg_warn_has_stream(void);
 
 /* Sets or reads the sync flag, which makes msg_diag force each line to disk.
- * mode 1: sets the flag of each type in the mask; where it was clear, the type's streams are flushed and forced to disk.
+ * mode 1: sets the flag of each type in the mask; where it was clear, the type's streams are flushed and forced to
+ *   disk.
  * mode 0: changes nothing; a flag once set stays set. Returns mode.
  * mode below 0: reads. Returns the flag of the one type in the mask, or -1 when the mask names more than one.
  * Returns -2 when the mask holds none of the five types. */

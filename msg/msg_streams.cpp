@@ -31,7 +31,8 @@ static_assert(MSG_FMT_RAW == 0 && MSG_FMT_WRAP == 1 && MSG_FMT_LINE == 2);
 
 // The place of a type in the table, or kTypeCount for an unknown one.
 size_t type_index(int type) {
-    const auto *entry = std::find_if(kTypes.begin(), kTypes.end(), [type](const TypeEntry &e) { return e.type == type; });
+    const auto *entry =
+        std::find_if(kTypes.begin(), kTypes.end(), [type](const TypeEntry &e) { return e.type == type; });
     return static_cast<size_t>(entry - kTypes.begin());
 }
 

@@ -17,8 +17,8 @@ constexpr size_t kErrorTextSize = 256;
 constexpr size_t kDistributionNameSize = 256;
 
 struct State {
-    FILE *error_report;        // the error-report stream, or null; chosen once
-    bool error_report_chosen;  // set by the first choice
+    FILE *error_report;                                        // the error-report stream, or null; chosen once
+    bool error_report_chosen;                                  // set by the first choice
     std::array<char, kDistributionNameSize> distribution_name; // overwritten by each call
 };
 
@@ -47,8 +47,8 @@ int platform_setenv(const char *name, const char *value) {
     return 0;
 }
 
-// DELIBERATE: any value chooses standard output, "2" and "stderr" included. The stream is for a developer at a terminal;
-// standard error already carries what the program says itself. Held by the test
+// DELIBERATE: any value chooses standard output, "2" and "stderr" included. The stream is for a developer at a
+// terminal; standard error already carries what the program says itself. Held by the test
 // PlatformPerror.EveryNonEmptyValueChoosesStandardOutput.
 void platform_perror_init() {
     if (state.error_report_chosen) {

@@ -52,8 +52,8 @@ void platform_diag_startup(int32_t argc, char **argv, const char *name);
  * output; "stderr" or "2" standard error (both words in any case of letters); else a directory in which
  * zelYYMMDDHHMMSS<name>.log is created or truncated, the month counted from 00. A directory that cannot be written is
  * replaced by the first set one of ZEL_TMPDIR, TMP and TEMP, else "/". name may be null.
- * Only the first call in a process acts. Sleeps one second before it opens a file. A file that cannot be opened, or whose
- * path would exceed 4095 characters, is left out without a report. The file stays open until the process ends. */
+ * Only the first call in a process acts. Sleeps one second before it opens a file. A file that cannot be opened, or
+ * whose path would exceed 4095 characters, is left out without a report. The file stays open until the process ends. */
 void platform_open_diagnostics(const char *name);
 
 /* The first word of the file dist/DISTRIBUTION below the directory that ZEL_DIST names, at most 255 characters of it;

@@ -61,8 +61,7 @@ struct MemoryFields {
 MemoryFields parse_stat_line(const char *line) {
     MemoryFields fields = {};
     // Number, command, state; then 19 numbers up to the start time; the virtual size; the resident pages.
-    sscanf(line,
-           "%*d %*s %*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %*d %*d %*d %*d %*d %*d %*u %*u %*d %lu %lu",
+    sscanf(line, "%*d %*s %*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %*d %*d %*d %*d %*d %*d %*u %*u %*d %lu %lu",
            &fields.virtual_bytes, &fields.resident_pages);
     return fields;
 }

@@ -82,8 +82,8 @@ void platform_msgbuf_set(MsgBuf *buffer);
 /* ---- The message loop -------------------------------------------------------------------------------------------- */
 
 /* Hands every message that arrives to the handler, until the handler returns 0, the peer closes or receiving fails.
- * drain_first not 0: what is already waiting on the socket is read and dropped first. idle may be null. Without a current
- * buffer a warning says so and nothing is received. Blocks while the peer is quiet. */
+ * drain_first not 0: what is already waiting on the socket is read and dropped first. idle may be null. Without a
+ * current buffer a warning says so and nothing is received. Blocks while the peer is quiet. */
 void platform_message_loop(int socket, PlatformMessageHandler handler, PlatformIdle idle, int drain_first);
 
 /* Hands the next message to the handler and returns its result; a message already in the buffer needs no receive.
@@ -93,30 +93,30 @@ void platform_message_loop(int socket, PlatformMessageHandler handler, PlatformI
  * assertion that aborts. */
 int platform_get_one_message(int socket, PlatformMessageHandler handler, PlatformIdle idle, int wait);
 
-/* Receives once, at most 8192 bytes, and appends them to the current buffer. Returns what recv returned: a count, 0 when
- * the peer closed, -1 with errno. Data that would fill the buffer: an assertion that aborts. */
+/* Receives once, at most 8192 bytes, and appends them to the current buffer. Returns what recv returned: a count, 0
+ * when the peer closed, -1 with errno. Data that would fill the buffer: an assertion that aborts. */
 int platform_recv_messages(int socket);
 
 /* Hands every complete message in the current buffer to the handler, whose results are ignored. Returns 0. */
 int platform_process_messages(int socket, PlatformMessageHandler handler);
 
-/* Parses the first message in length bytes of data. Returns the bytes it occupies and fills the line table: the start of
- * each line, then a null pointer; the CR of every line, the closing one too, becomes NUL. Returns 0, with the data
- * untouched, when no message is complete. line_table: PLATFORM_MAX_MESSAGE_LINES + 1 entries; a message of more lines is
- * an assertion that aborts. */
+/* Parses the first message in length bytes of data. Returns the bytes it occupies and fills the line table: the start
+ * of each line, then a null pointer; the CR of every line, the closing one too, becomes NUL. Returns 0, with the data
+ * untouched, when no message is complete. line_table: PLATFORM_MAX_MESSAGE_LINES + 1 entries; a message of more lines
+ * is an assertion that aborts. */
 int platform_parse_message(char *data, int32_t length, char **line_table);
 
 /* Sends one message of the lines given, the last argument a null pointer of type char *. A null first line is sent as
  * an empty one; a null second line ends the message. Lines must not contain CR LF.
- * Returns 1 when the whole message went out; 0 at the first send that fails (errno says why) or when a line of more than
- * 8189 characters finds no memory. Blocks while the peer does not read; on a socket in non-blocking mode that is a
+ * Returns 1 when the whole message went out; 0 at the first send that fails (errno says why) or when a line of more
+ * than 8189 characters finds no memory. Blocks while the peer does not read; on a socket in non-blocking mode that is a
  * failure, and part of the message may have gone. */
 int platform_send_message(int socket, const char *first, ...) __attribute__((sentinel));
 
 /* ---- Transfers --------------------------------------------------------------------------------------------------- */
 
-/* Waits until the socket can be read and receives once. wait not 0: waits for ever, in steps of 0.1 s; 0: does not wait.
- * idle, if not null, is called after every step. Any descriptor number is waited for, also one above FD_SETSIZE.
+/* Waits until the socket can be read and receives once. wait not 0: waits for ever, in steps of 0.1 s; 0: does not
+ * wait. idle, if not null, is called after every step. Any descriptor number is waited for, also one above FD_SETSIZE.
  * Returns the count received; 0 when length is below 1; -1 when the peer closed, the wait failed (reported as "select
  * failed") or the receive failed; -2 when nothing is there and wait is 0. */
 int platform_select_recv(int socket, void *buffer, int32_t length, int wait, PlatformIdle idle);

@@ -144,8 +144,8 @@ const char *platform_pair_errstr(const PairHandle *ph);
 
 /* ---- Waiting for processes --------------------------------------------------------------------------------------- */
 
-/* waitpid on the pid without blocking; returns its result. exit_code and signal, either null: zeroed first; when the pid
- * was reaped, its exit code after a normal exit, or the signal that ended it. */
+/* waitpid on the pid without blocking; returns its result. exit_code and signal, either null: zeroed first; when the
+ * pid was reaped, its exit code after a normal exit, or the signal that ended it. */
 int32_t platform_wait_nohang(int32_t pid, int32_t *exit_code, int32_t *signal);
 
 /* waitpid on the pid, blocking, again after every interruption. status: the wait status; may be null. Returns the pid,

@@ -17,7 +17,7 @@ struct FunctionOrLine {
 // The texts are kept by pointer: they are literals of the caller's.
 struct Caller {
     Method method;
-    const char *name;     // the allocating entry, or the macro
+    const char *name; // the allocating entry, or the macro
     FunctionOrLine place;
     const char *purpose_or_file; // may be null in the function/purpose form
 };
@@ -30,7 +30,10 @@ constexpr Caller by_function(const char *name, const char *function, const char 
 }
 
 constexpr Caller by_line(const char *name, int32_t line, const char *file) {
-    return {.method = Method::file_line, .name = name, .place = {.function = nullptr, .line = line}, .purpose_or_file = file};
+    return {.method = Method::file_line,
+            .name = name,
+            .place = {.function = nullptr, .line = line},
+            .purpose_or_file = file};
 }
 
 } // namespace zel::memory

@@ -21,8 +21,8 @@ inline int format_attempt(char *buffer, size_t size, const char *format, va_list
     return length;
 }
 
-// A text that just fills its buffer counts as too long: one spare byte is demanded. Such a text, and one whose length is
-// not known, doubles the buffer; any other says how much it needs.
+// A text that just fills its buffer counts as too long: one spare byte is demanded. Such a text, and one whose length
+// is not known, doubles the buffer; any other says how much it needs.
 constexpr bool text_fits(int length, size_t size) {
     return length >= 0 && static_cast<size_t>(length) + 1 < size;
 }
@@ -34,8 +34,8 @@ constexpr size_t next_text_size(int length, size_t size) {
 
 // The formatted text in storage from Storage::allocate, or null when there is none to be had or the text cannot be
 // formatted. Clears errno before each attempt.
-// DELIBERATE: when the storage cannot grow, what was allocated is not released: a caller that loses its text for lack of
-// memory is about to end, and the allocator is not entered again. Held by the test
+// DELIBERATE: when the storage cannot grow, what was allocated is not released: a caller that loses its text for lack
+// of memory is about to end, and the allocator is not entered again. Held by the test
 // MsgFormat.ABufferThatCannotGrowIsLeftAllocated.
 template <typename Storage>
 __attribute__((format(printf, 2, 0))) char *format_growing(size_t size, const char *format, va_list args) {
@@ -54,7 +54,7 @@ __attribute__((format(printf, 2, 0))) char *format_growing(size_t size, const ch
         size = next_text_size(length, size);
         buffer = static_cast<char *>(Storage::resize(buffer, size));
     }
-    return nullptr;
+    return nullptr; // NOLINT(clang-analyzer-unix.Malloc): left allocated, see above
 }
 
 } // namespace zel

@@ -22,8 +22,8 @@ struct Prefix {
 // the column.
 inline constexpr size_t kIndentationSize = 50;
 
-// A lead text of our own: it fits its array unless a message consisted of nothing but a continuation under a long prefix
-// of the caller's.
+// A lead text of our own: it fits its array unless a message consisted of nothing but a continuation under a long
+// prefix of the caller's.
 struct Lead {
     std::array<char, kIndentationSize> fixed;
     char *longer; // used instead of fixed when not null; from malloc
@@ -40,14 +40,14 @@ struct LastMessage {
 inline constexpr size_t kTypeCount = 5;
 
 struct State {
-    bool streams_ready;                           // set once, before the standard streams are added
+    bool streams_ready;                            // set once, before the standard streams are added
     std::array<MsgStreamDesc, kTypeCount> streams; // by bit number of the type
-    int32_t primary = 1;                          // primary-only messages are written while not 0
-    int32_t column = 0;                           // characters on the current output line, of all types and streams
+    int32_t primary = 1;                           // primary-only messages are written while not 0
+    int32_t column = 0;                            // characters on the current output line, of all types and streams
     LastMessage last;
     std::array<Prefix, kPrefixCount> prefixes;
-    int32_t width = 78;  // columns; 0: no wrapping
-    bool width_settled;  // set once: the environment was read or the width was set
+    int32_t width = 78; // columns; 0: no wrapping
+    bool width_settled; // set once: the environment was read or the width was set
 };
 
 extern State state;

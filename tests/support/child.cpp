@@ -72,6 +72,7 @@ Outcome run_in_child(const std::function<void()> &body) {
 Outcome run_program(const std::vector<std::string> &arguments) {
     return run_in_child([&arguments] {
         std::vector<char *> argv;
+        argv.reserve(arguments.size() + 1);
         for (const std::string &argument : arguments) {
             argv.push_back(const_cast<char *>(argument.c_str()));
         }

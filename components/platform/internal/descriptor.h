@@ -17,8 +17,8 @@ int close_keeping_errno(int fd);
 // A copy of the descriptor above the standard ones, or -1 with errno.
 int dup_above_standard(int fd);
 
-// Moves a descriptor above the standard ones, if it is one of them. Returns where it is now, or -1 with errno: then it is
-// where it was.
+// Moves a descriptor above the standard ones, if it is one of them. Returns where it is now, or -1 with errno: then it
+// is where it was.
 int above_standard(int fd);
 
 enum class Readiness { ready, timeout, failed };

@@ -9,9 +9,9 @@ namespace zel {
 
 // How far the search for one message has come. What was searched is not searched again when more data is there.
 struct MessageScan {
-    char *data;        // start of the message
-    char **line_table; // start of each line found; PLATFORM_MAX_MESSAGE_LINES + 1 entries
-    int32_t lines;     // entries in use
+    char *data;         // start of the message
+    char **line_table;  // start of each line found; PLATFORM_MAX_MESSAGE_LINES + 1 entries
+    int32_t lines;      // entries in use
     int32_t line_start; // where the line that is being looked for begins
     int32_t searched;   // no line end lies between line_start and here
 };
