@@ -37,6 +37,7 @@ HOOK(char *, fgets, "fgets", (char *buffer, int size, FILE *stream), (buffer, si
 HOOK(FILE *, fopen, "fopen64", (const char *path, const char *mode), (path, mode))
 HOOK(pid_t, fork, "fork", (), ())
 HOOK(int, fputs, "fputs", (const char *text, FILE *stream), (text, stream))
+HOOK(void, free, "free", (void *pointer), (pointer))
 HOOK(void, freeaddrinfo, "freeaddrinfo", (addrinfo * list), (list))
 HOOK(int, fsync, "fsync", (int fd), (fd))
 HOOK(int, getaddrinfo, "getaddrinfo", (const char *host, const char *service, const addrinfo *hints, addrinfo **list),

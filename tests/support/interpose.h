@@ -4,7 +4,7 @@
 //   Interposed failing(hook::send, [](int, const void *, size_t, int) -> ssize_t { errno = EPIPE; return -1; });
 //
 // A replacement may call the real function: hook::send.real(...). Replacements are inherited by a forked child. Those
-// of malloc and realloc must not allocate.
+// of malloc, realloc and free must neither allocate nor release, but by the real ones.
 #ifndef ZEL_TESTS_SUPPORT_INTERPOSE_H
 #define ZEL_TESTS_SUPPORT_INTERPOSE_H
 
@@ -88,6 +88,7 @@ extern Hook<char *(char *, int, FILE *)> fgets;
 extern Hook<FILE *(const char *, const char *)> fopen;
 extern Hook<pid_t()> fork;
 extern Hook<int(const char *, FILE *)> fputs;
+extern Hook<void(void *)> free;
 extern Hook<void(addrinfo *)> freeaddrinfo;
 extern Hook<int(int)> fsync;
 extern Hook<int(const char *, const char *, const addrinfo *, addrinfo **)> getaddrinfo;
