@@ -26,6 +26,7 @@
 
 HOOK(int, accept, "accept", (int fd, sockaddr *address, socklen_t *length), (fd, address, length))
 HOOK(int, bind, "bind", (int fd, const sockaddr *address, socklen_t length), (fd, address, length))
+HOOK(int, clock_gettime, TIME64("clock_gettime", "__clock_gettime64"), (clockid_t clock, timespec *time), (clock, time))
 HOOK(int, close, "close", (int fd), (fd))
 HOOK(int, connect, "connect", (int fd, const sockaddr *address, socklen_t length), (fd, address, length))
 HOOK(int, dup2, "dup2", (int from, int to), (from, to))

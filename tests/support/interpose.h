@@ -78,6 +78,7 @@ namespace hook {
 
 extern Hook<int(int, sockaddr *, socklen_t *)> accept;
 extern Hook<int(int, const sockaddr *, socklen_t)> bind;
+extern Hook<int(clockid_t, timespec *)> clock_gettime;
 extern Hook<int(int)> close;
 extern Hook<int(int, const sockaddr *, socklen_t)> connect;
 extern Hook<int(int, int)> dup2;
