@@ -43,6 +43,7 @@ HOOK(void, freeaddrinfo, "freeaddrinfo", (addrinfo * list), (list))
 HOOK(int, fsync, "fsync", (int fd), (fd))
 HOOK(int, getaddrinfo, "getaddrinfo", (const char *host, const char *service, const addrinfo *hints, addrinfo **list),
      (host, service, hints, list))
+HOOK(char *, getlogin, "getlogin", (), ())
 HOOK(int, kill, "kill", (pid_t pid, int signal), (pid, signal))
 HOOK(int, listen, "listen", (int fd, int backlog), (fd, backlog))
 HOOK(tm *, localtime_r, TIME64("localtime_r", "__localtime64_r"), (const time_t *now, tm *local), (now, local))

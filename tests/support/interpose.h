@@ -93,6 +93,7 @@ extern Hook<void(void *)> free;
 extern Hook<void(addrinfo *)> freeaddrinfo;
 extern Hook<int(int)> fsync;
 extern Hook<int(const char *, const char *, const addrinfo *, addrinfo **)> getaddrinfo;
+extern Hook<char *()> getlogin;
 extern Hook<int(pid_t, int)> kill;
 extern Hook<int(int, int)> listen;
 extern Hook<tm *(const time_t *, tm *)> localtime_r;
