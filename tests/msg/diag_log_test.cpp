@@ -1,0 +1,353 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// The diagnostic log: which directory, which name, what happens to the lines.
+#include <msg/diag_log.h>
+
+#include <msg/msg.h>
+#include <support/child.h>
+#include <support/files.h>
+#include <support/interpose.h>
+
+#include <cstdlib>
+#include <fcntl.h>
+#include <optional>
+#include <string>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using namespace zel::test;
+
+namespace {
+
+constexpr const char *kVariables[] = {"ZEL_DIAG_DIR", "ZEL_DIAGNOSTICS_PATH", "ZEL_TMPDIR"};
+
+// What a variable is in a case: unset, empty, or one of the folders.
+using Value = std::optional<std::string>;
+
+void set_variable(const char *name, const Value &value) {
+    if (value.has_value()) {
+        setenv(name, value->c_str(), 1);
+    } else {
+        unsetenv(name);
+    }
+}
+
+std::string login() {
+    const char *name = getlogin();
+    return name == nullptr ? "" : name;
+}
+
+// The path that a process's log has in a folder.
+std::string log_in(const std::string &folder) {
+    return folder + "/zel" + std::to_string(getpid()) + login() + ".log";
+}
+
+bool exists(const std::string &path) {
+    return access(path.c_str(), F_OK) == 0;
+}
+
+// In a child: opens the log, says what came back, writes a line, and says where it can be found.
+void open_and_report(const char *dir) {
+    const std::string tried = msg_open_diag_log(dir);
+    printf("%s\n", tried.c_str());
+    msg_diag("a line\n");
+    fflush(nullptr);
+    if (tried.empty()) {
+        printf("%d streams\n", _msg_get_stream_desc(MSG_DIAG)->count);
+        return;
+    }
+    const std::string path = log_in(tried);
+    printf("%s\n", exists(path) ? read_file(path).c_str() : "no file");
+    unlink(path.c_str());
+}
+
+struct DiagLog : testing::Test {
+    // A child with these three variables.
+    static Outcome open_with(const Value &first, const Value &second, const Value &third, const char *dir = nullptr) {
+        return run_in_child([&] {
+            const Value *values[] = {&first, &second, &third};
+            for (int index = 0; index < 3; ++index) {
+                set_variable(kVariables[index], *values[index]);
+            }
+            open_and_report(dir);
+        });
+    }
+
+    ScratchFolder a;
+    ScratchFolder b;
+    ScratchFolder c;
+};
+
+} // namespace
+
+TEST_F(DiagLog, WithNoneOfTheVariablesTheFileIsInTmp) {
+    EXPECT_EQ(open_with({}, {}, {}).out, "/tmp\na line\n\n");
+}
+
+TEST_F(DiagLog, TheFirstVariableThatIsSetWins) {
+    EXPECT_EQ(open_with(a.path, b.path, c.path).out, a.path + "\na line\n\n");
+    EXPECT_EQ(open_with({}, b.path, c.path).out, b.path + "\na line\n\n");
+    EXPECT_EQ(open_with({}, {}, c.path).out, c.path + "\na line\n\n");
+}
+
+// Each of the three variables set, empty, unset or unusable, and each combination of these: the first that is not unset
+// decides, whatever it is.
+TEST_F(DiagLog, EveryCombinationOfTheVariablesIsDecidedByTheFirstThatIsSet) {
+    const std::string missing = a.path + "/missing";
+    const Value kinds[] = {{}, "", a.path, missing};
+    for (const Value &first : kinds) {
+        for (const Value &second : kinds) {
+            for (const Value &third : kinds) {
+                const Value &chosen = first ? first : second ? second : third;
+                std::string expected = "/tmp\na line\n\n";
+                if (chosen.has_value()) {
+                    expected = chosen->empty() ? "\n0 streams\n"
+                                               : *chosen + (*chosen == missing ? "\nno file\n" : "\na line\n\n");
+                }
+                const Outcome outcome = open_with(first, second, third);
+                EXPECT_EQ(outcome.out, expected);
+                EXPECT_EQ(outcome.err, "");
+                EXPECT_EQ(outcome.status, 0);
+            }
+        }
+    }
+}
+
+TEST_F(DiagLog, AnEmptyDirectoryMeansTheEnvironment) {
+    EXPECT_EQ(open_with(a.path, {}, {}, "").out, a.path + "\na line\n\n");
+}
+
+TEST_F(DiagLog, AnExplicitDirectoryWinsOverAllVariables) {
+    EXPECT_EQ(open_with(a.path, b.path, c.path, c.path.c_str()).out, c.path + "\na line\n\n");
+}
+
+TEST_F(DiagLog, AFileInsteadOfADirectoryLeavesDiagnosticsOffWithoutAWord) {
+    const std::string file = a.path + "/file";
+    write_file(file, "mine");
+    const Outcome outcome = open_with(file, {}, {});
+    EXPECT_EQ(outcome.out, file + "\nno file\n");
+    EXPECT_EQ(outcome.err, "");
+    EXPECT_EQ(read_file(file), "mine");
+}
+
+TEST_F(DiagLog, ADirectoryWithoutWritePermissionLeavesDiagnosticsOffWithoutAWord) {
+    ASSERT_EQ(chmod(a.path.c_str(), 0555), 0);
+    const Outcome outcome = run_in_child([this] {
+        if (geteuid() == 0 && setuid(65534) != 0) { // nobody may not write everywhere
+            exit(2);
+        }
+        set_variable(kVariables[0], a.path);
+        open_and_report(nullptr);
+    });
+    EXPECT_EQ(outcome.out, a.path + "\nno file\n");
+    EXPECT_EQ(outcome.err, "");
+    EXPECT_EQ(outcome.status, 0);
+}
+
+TEST_F(DiagLog, AFileThatCannotBeOpenedLeavesDiagnosticsOffWithoutAWord) {
+    const Outcome outcome = run_in_child([this] {
+        const Interposed failing(hook::fopen, fail_always(hook::fopen, EMFILE, nullptr));
+        printf("%s %d\n", msg_open_diag_log(a.path.c_str()), _msg_get_stream_desc(MSG_DIAG)->count);
+    });
+    EXPECT_EQ(outcome.out, a.path + " 0\n");
+    EXPECT_EQ(outcome.err, "");
+}
+
+TEST_F(DiagLog, AnOlderFileOfTheSameNameIsTruncated) {
+    const Outcome outcome = run_in_child([this] {
+        write_file(log_in(a.path), "an older and longer text\n");
+        open_and_report(a.path.c_str());
+    });
+    EXPECT_EQ(outcome.out, a.path + "\na line\n\n");
+}
+
+TEST_F(DiagLog, ASecondCallTruncatesTheFileAndWritesOnlyThroughTheNewHandle) {
+    const Outcome outcome = run_in_child([this] {
+        msg_open_diag_log(a.path.c_str());
+        msg_diag("first\n");
+        fflush(nullptr);
+        FILE *older = _msg_get_stream_desc(MSG_DIAG)->streams[0];
+        msg_open_diag_log(a.path.c_str());
+        printf("%d stream, %s\n", _msg_get_stream_desc(MSG_DIAG)->count,
+               _msg_get_stream_desc(MSG_DIAG)->streams[0] == older ? "the older" : "another");
+        msg_diag("second\n");
+        fflush(nullptr);
+        printf("%s%s\n", read_file(log_in(a.path)).c_str(),
+               fcntl(fileno(older), F_GETFD) == -1 ? "closed" : "still open");
+    });
+    EXPECT_EQ(outcome.out, "1 stream, another\nsecond\nstill open\n");
+}
+
+TEST_F(DiagLog, AFailedCallDetachesTheStreamsThatWereThere) {
+    const Outcome outcome = run_in_child([this] {
+        msg_add_stream(MSG_DIAG, stdout);
+        const std::string missing = a.path + "/missing";
+        printf("%s\n", msg_open_diag_log(missing.c_str()) == missing ? "tried" : "?");
+        msg_diag("lost\n");
+    });
+    EXPECT_EQ(outcome.out, "tried\n");
+}
+
+TEST_F(DiagLog, OtherTypesKeepTheirStreams) {
+    const Outcome outcome = run_in_child([this] {
+        msg_open_diag_log(a.path.c_str());
+        msg_print("still here");
+    });
+    EXPECT_EQ(outcome.out, "still here\n");
+}
+
+TEST_F(DiagLog, AForkedChildWritesIntoItsParentsFile) {
+    const Outcome outcome = run_in_child([this] {
+        msg_open_diag_log(a.path.c_str());
+        const std::string path = log_in(a.path);
+        msg_sync_mode(MSG_DIAG, 1);
+        msg_diag("parent\n");
+        const pid_t child = fork();
+        if (child == 0) {
+            msg_diag("child\n");
+            _exit(0);
+        }
+        waitpid(child, nullptr, 0);
+        msg_diag("parent again\n");
+        printf("%s", read_file(path).c_str());
+    });
+    EXPECT_EQ(outcome.out, "parent\nchild\nparent again\n");
+}
+
+TEST_F(DiagLog, InSyncModeEachLineIsOnDiskBeforeTheNextBegins) {
+    const Outcome outcome = run_in_child([this] {
+        msg_open_diag_log(a.path.c_str());
+        const std::string path = log_in(a.path);
+        int forced = 0;
+        const Interposed counting(hook::fsync, [&forced](int fd) {
+            ++forced;
+            return hook::fsync.real(fd);
+        });
+        msg_diag("buffered\n");
+        printf("%zu bytes, %d\n", read_file(path).size(), forced);
+        msg_sync_mode(MSG_DIAG, 1);
+        printf("%zu bytes, %d\n", read_file(path).size(), forced);
+        msg_diag("more\n");
+        printf("%zu bytes, %d\n", read_file(path).size(), forced);
+    });
+    EXPECT_EQ(outcome.out, "0 bytes, 0\n9 bytes, 1\n14 bytes, 2\n");
+}
+
+TEST_F(DiagLog, ABufferedLineReachesTheFileAtExit) {
+    run_in_child([this] {
+        msg_open_diag_log(a.path.c_str());
+        msg_diag("at the end\n");
+        if (rename(log_in(a.path).c_str(), (a.path + "/kept").c_str()) != 0) {
+            exit(2);
+        }
+    });
+    EXPECT_EQ(read_file(a.path + "/kept"), "at the end\n");
+}
+
+TEST_F(DiagLog, TheLoginNameIsAskedForOnceAndKept) {
+    const Outcome outcome = run_in_child([this] {
+        int asked = 0;
+        const Interposed guest(hook::getlogin, [&asked]() -> char * {
+            static char name[] = "guest";
+            ++asked;
+            return name;
+        });
+        msg_open_diag_log(a.path.c_str());
+        msg_open_diag_log(b.path.c_str());
+        const std::string name = "/zel" + std::to_string(getpid()) + "guest.log";
+        printf("%d %d asked %d\n", exists(a.path + name), exists(b.path + name), asked);
+    });
+    EXPECT_EQ(outcome.out, "1 1 asked 1\n");
+}
+
+TEST_F(DiagLog, AnUnknownLoginNameIsLeftOutAndAskedForAgain) {
+    const Outcome outcome = run_in_child([this] {
+        int asked = 0;
+        const Interposed unknown(hook::getlogin, [&asked]() -> char * {
+            ++asked;
+            return nullptr;
+        });
+        msg_open_diag_log(a.path.c_str());
+        msg_open_diag_log(b.path.c_str());
+        const std::string name = "/zel" + std::to_string(getpid()) + ".log";
+        printf("%d %d asked %d\n", exists(a.path + name), exists(b.path + name), asked);
+    });
+    EXPECT_EQ(outcome.out, "1 1 asked 2\n");
+}
+
+TEST_F(DiagLog, AVeryLongLoginNameIsCutTo256Characters) {
+    const Outcome outcome = run_in_child([this] {
+        static std::string name(5000, 'n');
+        const Interposed endless(hook::getlogin, [] { return name.data(); });
+        printf("%d\n", msg_open_diag_log(a.path.c_str()) == a.path);
+    });
+    // The file name would be longer than the file system takes, so there is no log; nothing was written past a buffer.
+    EXPECT_EQ(outcome.out, "1\n");
+    EXPECT_EQ(outcome.status, 0);
+}
+
+TEST_F(DiagLog, ATooLongDirectoryIsRefusedWhole) {
+    const Outcome outcome = run_in_child([this] {
+        std::string path = a.path;
+        path.append(5000, '/');
+        printf("<%s> %d\n", msg_open_diag_log(path.c_str()), _msg_get_stream_desc(MSG_DIAG)->count);
+    });
+    EXPECT_EQ(outcome.out, "<> 0\n");
+}
+
+TEST_F(DiagLog, ADirectoryThatLeavesNoRoomForTheFileNameOpensNothing) {
+    const Outcome outcome = run_in_child([this] {
+        std::string path = a.path;
+        path.append(4095 - path.size(), '/');
+        printf("%d %d\n", msg_open_diag_log(path.c_str()) == path, _msg_get_stream_desc(MSG_DIAG)->count);
+    });
+    EXPECT_EQ(outcome.out, "1 0\n");
+}
+
+TEST_F(DiagLog, TheStoredDirectoryMayBePassedBackIn) {
+    const Outcome outcome = run_in_child([this] {
+        const char *stored = msg_open_diag_log(a.path.c_str());
+        printf("%d\n", msg_open_diag_log(stored) == a.path);
+    });
+    EXPECT_EQ(outcome.out, "1\n");
+}
+
+TEST_F(DiagLog, TheDirectoryInEffectIsTheStoredOneOrTheEnvironmentsAtEachCall) {
+    const Outcome outcome = run_in_child([this] {
+        for (const char *name : kVariables) {
+            unsetenv(name);
+        }
+        printf("%s\n", msg_get_diag_dir());
+        setenv("ZEL_TMPDIR", "/c", 1);
+        printf("%s\n", msg_get_diag_dir());
+        setenv("ZEL_DIAGNOSTICS_PATH", "/b", 1);
+        printf("%s\n", msg_get_diag_dir());
+        setenv("ZEL_DIAG_DIR", "", 1);
+        printf("<%s>\n", msg_get_diag_dir());
+        msg_open_diag_log(a.path.c_str());
+        printf("%d\n", msg_get_diag_dir() == a.path);
+    });
+    EXPECT_EQ(outcome.out, "/tmp\n/c\n/b\n<>\n1\n");
+}
+
+TEST_F(DiagLog, TheTemporaryDirectoryIsTheVariableEvenWhenEmptyElseTmp) {
+    const Outcome outcome = run_in_child([] {
+        unsetenv("ZEL_TMPDIR");
+        printf("<%s>", msg_get_tmpdir());
+        setenv("ZEL_TMPDIR", "/elsewhere", 1);
+        printf("<%s>", msg_get_tmpdir());
+        setenv("ZEL_TMPDIR", "", 1);
+        printf("<%s>", msg_get_tmpdir());
+    });
+    EXPECT_EQ(outcome.out, "</tmp></elsewhere><>");
+}
+
+TEST_F(DiagLog, LinesNeitherMoveTheColumnNorCountAsTheLastMessage) {
+    const Outcome outcome = run_in_child([this] {
+        msg_open_diag_log(a.path.c_str());
+        msg_print_wrap("open");
+        msg_diag("a line\n");
+        MSG_CONT(" and on");
+    });
+    EXPECT_EQ(outcome.out, "open and on");
+}
