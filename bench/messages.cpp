@@ -1,0 +1,108 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// A framed message and its answer, over the pair and over TCP, beside messages framed and parsed by hand.
+#include "by_hand.h"
+#include "link.h"
+#include "rows.h"
+#include "table.h"
+
+#include <components/platform/socket.h>
+
+#include <array>
+#include <cstring>
+#include <memory>
+#include <tuple>
+
+namespace bench {
+
+namespace {
+
+constexpr int32_t kMessageBuffer = 65536;
+constexpr int kMostLines = 51;
+
+// The companion answers with the last line. One wrong answer, and the measurement is void.
+constinit const char *expected = nullptr;
+
+std::array<std::string, kMostLines> make_texts() {
+    std::array<std::string, kMostLines> texts;
+    for (size_t i = 0; i < texts.size(); ++i) {
+        texts[i] = "line " + std::to_string(i) + ": the quick brown fox jumps over it";
+    }
+    return texts;
+}
+
+template <size_t Count>
+std::array<const char *, Count> message() {
+    static const std::array<std::string, kMostLines> texts = make_texts();
+    std::array<const char *, Count> lines;
+    for (size_t i = 0; i < Count; ++i) {
+        lines[i] = texts[i].c_str();
+    }
+    return lines;
+}
+
+int check_answer(int, char *first, char **) {
+    return std::strcmp(first, expected) == 0 ? 1 : 0;
+}
+
+int check_answer_by_hand(int, char **lines) {
+    return check_answer(0, lines[0], nullptr);
+}
+
+template <size_t Count>
+void zel_message(benchmark::State &state, Route route) {
+    const Link link = Link::by_library(route, "zel-messages");
+    MsgBuf *buffer = platform_msgbuf_create(kMessageBuffer);
+    platform_msgbuf_set(buffer);
+    const auto lines = message<Count>();
+    expected = lines.back();
+    const auto send = [&link](auto... line) {
+        return platform_send_message(link.fd(), line..., static_cast<char *>(nullptr));
+    };
+    for (auto _ : state) {
+        if (std::apply(send, lines) == 0 || platform_get_one_message(link.fd(), check_answer, nullptr, 1) == 0) {
+            state.SkipWithError("wrong answer");
+        }
+    }
+    platform_msgbuf_set(nullptr);
+    platform_msgbuf_free(buffer);
+}
+
+template <size_t Count>
+void message_by_hand(benchmark::State &state, Route route, bool waits) {
+    const Link link = Link::by_hand(route, waits ? "waiting-messages" : "bare-messages");
+    const auto end = std::make_unique<ByHandEnd>();
+    end->fd = link.fd();
+    end->waits = waits ? 1 : 0;
+    const auto lines = message<Count>();
+    expected = lines.back();
+    for (auto _ : state) {
+        if (by_hand_send(link.fd(), lines.data(), Count) == 0 ||
+            by_hand_receive(end.get(), check_answer_by_hand) == 0) {
+            state.SkipWithError("wrong answer");
+        }
+    }
+}
+
+// "floor, waits" calls select before each recv, which the library does to run an idle function ten times a second: the
+// difference between the two floors is the price of that.
+template <size_t Count>
+void add_message_row(Route route) {
+    const std::string name = "message, " + std::to_string(Count) + (Count == 1 ? " line" : " lines") +
+                             (route == Route::pair ? ", over the pair" : ", over TCP");
+    add_row(name, Clock::wall, 1000,
+            {{"zel", [route](benchmark::State &state) { zel_message<Count>(state, route); }},
+             {"floor", [route](benchmark::State &state) { message_by_hand<Count>(state, route, false); }},
+             {"floor, waits", [route](benchmark::State &state) { message_by_hand<Count>(state, route, true); }}});
+}
+
+} // namespace
+
+void add_message_rows() {
+    for (const Route route : {Route::pair, Route::tcp}) {
+        add_message_row<1>(route);
+        add_message_row<6>(route);
+        add_message_row<kMostLines>(route);
+    }
+}
+
+} // namespace bench
