@@ -1,0 +1,121 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// The start-up hook as a developer meets it: a prompt on a terminal, a companion under a debugger while its parent
+// starts it as always, a program started again by what the hook left in the environment.
+#include <support/child.h>
+#include <support/files.h>
+
+#include <cstdlib>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <pty.h>
+#include <string>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using namespace zel::test;
+
+namespace {
+
+// A program on a terminal of its own.
+struct Session {
+    pid_t pid;
+    int terminal;
+    std::string seen;
+};
+
+Session start_on_terminal(const std::string &program, const char *request) {
+    Session session = {};
+    session.pid = forkpty(&session.terminal, nullptr, nullptr, nullptr);
+    if (session.pid == 0) {
+        setenv("ZEL_DEBUG", request, 1);
+        execl(program.c_str(), program.c_str(), "a", nullptr);
+        _exit(127);
+    }
+    return session;
+}
+
+// Reads one piece of what the program writes; false when it has ended or says nothing for ten seconds.
+bool read_more(Session &session) {
+    pollfd entry = {.fd = session.terminal, .events = POLLIN, .revents = 0};
+    char piece[512];
+    const ssize_t count = poll(&entry, 1, 10000) == 1 ? read(session.terminal, piece, sizeof piece) : 0;
+    if (count > 0) {
+        session.seen.append(piece, static_cast<size_t>(count));
+    }
+    return count > 0;
+}
+
+void read_until(Session &session, const std::string &text) {
+    while (session.seen.find(text) == std::string::npos && read_more(session)) {
+    }
+}
+
+int end(Session &session) {
+    while (read_more(session)) {
+    }
+    int status = 0;
+    waitpid(session.pid, &status, 0);
+    close(session.terminal);
+    return status;
+}
+
+Outcome run_with(const char *request, const std::vector<std::string> &arguments) {
+    return run_in_child([&] {
+        setenv("ZEL_DEBUG", request, 1);
+        setenv("ASAN_OPTIONS", "detect_leaks=0", 1); // a traced process cannot look for leaks
+        std::vector<char *> argv;
+        for (const std::string &argument : arguments) {
+            argv.push_back(const_cast<char *>(argument.c_str()));
+        }
+        argv.push_back(nullptr);
+        execv(argv[0], argv.data());
+        _exit(127);
+    });
+}
+
+bool contains(const std::string &text, const std::string &part) {
+    return text.find(part) != std::string::npos;
+}
+
+} // namespace
+
+TEST(DebugHooksSession, APromptOnATerminalWaitsForTheLineThatIsTyped) {
+    Session session = start_on_terminal(companion_path("hook_probe"), "prompt");
+    read_until(session, "ZEL_DEBUG prompt>\r\n");
+    EXPECT_EQ(session.seen, "ZEL_DEBUG prompt>\r\n");
+    EXPECT_EQ(waitpid(session.pid, nullptr, WNOHANG), 0) << "it did not wait";
+    ASSERT_EQ(write(session.terminal, "go\n", 3), 3);
+    EXPECT_EQ(end(session), 0);
+    EXPECT_EQ(session.seen, "ZEL_DEBUG prompt>\r\ngo\r\nrunning with 2 a\r\n");
+}
+
+TEST(DebugHooksSession, TheEndOfTheInputOnATerminalGoesOnToo) {
+    Session session = start_on_terminal(companion_path("hook_probe"), "prompt attach now");
+    read_until(session, "attach now \r\n");
+    ASSERT_EQ(write(session.terminal, "\004", 1), 1);
+    EXPECT_EQ(end(session), 0);
+    EXPECT_TRUE(contains(session.seen, "running with 2 a\r\n")) << session.seen;
+}
+
+TEST(DebugHooksSession, TheProgramIsStartedAgainByWhatTheHookLeftInTheEnvironment) {
+    const Outcome outcome =
+        run_with("using echo again; exec $ZEL_EXE $ZEL_EXE_PARMS", {companion_path("hook_probe"), "a", "b"});
+    EXPECT_EQ(outcome.out, "again\nrunning with 3 a b\n");
+    EXPECT_EQ(outcome.status, 0);
+}
+
+// The pair's descriptor goes through the shell and the debugger to the companion, so parent and companion talk as
+// always while the debugger watches.
+TEST(DebugHooksSession, ACompanionRunsUnderTheDebuggerWhileItsParentStartsItAsAlways) {
+    const ScratchFolder folder;
+    write_file(folder.path + "/text", "one two two\n");
+    const Outcome outcome = run_with("using gdb -nx -batch -iex 'set debuginfod enabled off' -ex 'break main' -ex run "
+                                     "-ex 'info inferiors' -ex continue --args $ZEL_EXE $ZEL_EXE_PARMS",
+                                     {ZEL_BINARY_DIR "/examples/word_count", folder.path + "/text"});
+    EXPECT_TRUE(contains(outcome.out, "Breakpoint 1, main")) << outcome.out << outcome.err;
+    EXPECT_TRUE(contains(outcome.out, "word_count_companion")) << outcome.out;
+    EXPECT_TRUE(contains(outcome.out, "    words            3\n")) << outcome.out;
+    EXPECT_TRUE(contains(outcome.out, "             2  two\n")) << outcome.out;
+    EXPECT_TRUE(contains(outcome.out, "exited normally")) << outcome.out;
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+}
