@@ -11,8 +11,8 @@ namespace {
 constexpr size_t kDiagnosticSize = 16384;
 using DiagnosticText = std::array<char, kDiagnosticSize>;
 
-// The text of a diagnostic line on its way to a stream: collected, so that a line is one write, and handed over when the
-// buffer is full, so that no line is too long.
+// The text of a diagnostic line on its way to a stream: collected, so that a line is one write, and handed over when
+// the buffer is full, so that no line is too long.
 struct Outgoing {
     FILE *stream;
     size_t used = 0;
@@ -37,7 +37,7 @@ void put(Outgoing &out, std::string_view piece) {
 
 // DELIBERATE: the text is read as a format a second time. Callers rely on it and double their percent signs. There is
 // nothing to convert, so only the two conversions that take no argument are carried out; any other stands as it is.
-// Held by the tests MsgDiag.ThePercentSignOfTheSecondPass...
+// Held by the tests MsgDiag.FourPercentSignsInTheFormatMakeOne and MsgDiag.TheSecondPassHasNothingToConvert.
 void write_second_pass(FILE *stream, std::string_view text, const char *error_text) {
     Outgoing out = {.stream = stream, .text = {}};
     size_t percent;

@@ -1,5 +1,6 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // Prefixes, the width limit and the primary flag.
+#include <msg/base/text.h>
 #include <msg/internal/settings.h>
 #include <msg/msg.h>
 
@@ -23,8 +24,8 @@ void set_prefix(PrefixKind kind, const char *text) {
     const size_t size = strlen(wanted) + 1;
     char *copy = static_cast<char *>(malloc(size));
     if (copy == nullptr) {
-        msg_warn("%d: Couldn't allocate %d characters to store print prefix. Prefix unchanged.",
-                 static_cast<int>(kind), static_cast<int>(size));
+        msg_warn("%d: Couldn't allocate %d characters to store print prefix. Prefix unchanged.", static_cast<int>(kind),
+                 static_cast<int>(size));
         return;
     }
     // Copied before the old text goes: a caller who hands a prefix its own text back loses nothing.
@@ -39,6 +40,7 @@ constexpr long kWidestFromEnvironment = 32766;
 // DELIBERATE: a number can widen the limit but not narrow it, so that a user's terminal setting never breaks texts that
 // were laid out for the default. Held by the test MsgWidth.TheVariableWidensTheDefaultButNeverNarrowsIt.
 void settle_width() {
+    const zel::ErrnoKept kept;
     state.width_settled = true;
     const char *text = getenv("ZEL_MSGERR_WRAP");
     if (text == nullptr) {
