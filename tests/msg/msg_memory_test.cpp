@@ -1,0 +1,172 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// The message library when memory runs out.
+#include "msg_support.h"
+
+#include <array>
+#include <cerrno>
+#include <support/interpose.h>
+
+using namespace zel::test;
+
+namespace {
+
+const std::string kLost = "A message could not be formatted and is lost.\n";
+const std::string kNoFirstSlots = "Couldn't allocate initial storage space for stream output array.";
+const std::string kNoMoreSlots = "Warning: Couldn't allocate more storage for stream array.  Not adding stream.\n";
+
+// Text buffers that could not grow are left allocated. Kept here, they are not taken for lost ones.
+std::array<void *, 64> kept;
+
+// A malloc whose n-th call fails, and that keeps what the others gave.
+std::function<void *(size_t)> malloc_failing_at(int nth) {
+    return [nth, calls = 0](size_t size) mutable -> void * {
+        if (calls == nth) {
+            ++calls;
+            errno = ENOMEM;
+            return nullptr;
+        }
+        void *pointer = hook::malloc.real(size);
+        kept.at(static_cast<size_t>(calls++)) = pointer;
+        return pointer;
+    };
+}
+
+// As many streams in the diag list as it has slots.
+const MsgStreamDesc *fill_diag_list() {
+    const MsgStreamDesc *desc = _msg_get_stream_desc(MSG_DIAG);
+    do {
+        msg_add_stream(MSG_DIAG, stdout);
+    } while (desc->count < desc->capacity);
+    return desc;
+}
+
+} // namespace
+
+TEST(MsgMemory, WithoutTheFirstSlotsOfAListTheProcessEnds) {
+    EXPECT_EQ(kNoFirstSlots.size(), 64U);
+    const Outcome outcome = run_messages([] {
+        _msg_get_stream_desc(MSG_DIAG);
+        const Interposed failing(hook::malloc, fail_always(hook::malloc, ENOMEM, nullptr));
+        msg_add_stream(MSG_DIAG, stdout);
+    });
+    EXPECT_EQ(outcome.out, "");
+    EXPECT_EQ(outcome.err, kNoFirstSlots);
+    EXPECT_EQ(outcome.status, 1);
+}
+
+TEST(MsgMemory, AListThatCannotGrowKeepsItsStreamsAndWarns) {
+    const Outcome outcome = run_messages([] {
+        const MsgStreamDesc *desc = fill_diag_list();
+        const MsgStreamDesc before = *desc;
+        {
+            // Only the list: the warning is formatted as ever.
+            const Interposed failing(hook::realloc, fail_nth(hook::realloc, 0, ENOMEM, nullptr));
+            msg_add_stream(MSG_DIAG, stderr);
+        }
+        const bool same = desc->count == before.count && desc->capacity == before.capacity;
+        printf("%d%d ", same, desc->streams == before.streams);
+        msg_add_stream(MSG_DIAG, stderr);
+        printf("%d%d ", desc->count == before.count + 1, desc->capacity > before.capacity);
+        printf("%d", desc->streams[before.count] == stderr);
+    });
+    EXPECT_EQ(outcome.out, "11 11 1");
+    EXPECT_EQ(outcome.err, kNoMoreSlots);
+    EXPECT_EQ(outcome.status, 0);
+}
+
+TEST(MsgMemory, TheListOfTheWarningsItselfSurvivesNotGrowing) {
+    const Outcome outcome = run_messages([] {
+        const MsgStreamDesc *desc = _msg_get_stream_desc(MSG_WARNING);
+        msg_clear_streams(MSG_WARNING);
+        do {
+            msg_add_stream(MSG_WARNING, stderr);
+        } while (desc->count < desc->capacity);
+        for (int count = desc->count; count > 1; --count) {
+            msg_remove_stream(MSG_WARNING, stderr);
+            msg_add_stream(MSG_WARNING, stdout);
+        }
+        const Interposed failing(hook::realloc, fail_nth(hook::realloc, 0, ENOMEM, nullptr));
+        msg_add_stream(MSG_WARNING, stdout);
+    });
+    EXPECT_EQ(outcome.err, kNoMoreSlots);
+    EXPECT_EQ(outcome.status, 0);
+}
+
+TEST(MsgMemory, AMessageThatFindsNoMemoryIsReplacedByAFixedText) {
+    const Outcome outcome = run_messages([] {
+        _msg_get_stream_desc(MSG_INFO);
+        int calls = 0;
+        {
+            const Interposed failing(hook::malloc, [&calls](size_t) -> void * { return ++calls, nullptr; });
+            msg_print("text");
+        }
+        printf("%d ", calls);
+        msg_print("more");
+    });
+    // Its text was the one thing that it asked memory for.
+    EXPECT_EQ(outcome.out, "1 more\n");
+    EXPECT_EQ(outcome.err, kLost);
+    EXPECT_EQ(outcome.status, 0);
+}
+
+TEST(MsgMemory, AMessageThatCannotBeConvertedIsReplacedByAFixedText) {
+    const Outcome outcome = run_messages([] {
+        const Interposed failing(hook::vsnprintf, fail_nth(hook::vsnprintf, 0, EILSEQ, -1));
+        msg_print("text");
+        msg_print("more");
+    });
+    EXPECT_EQ(outcome.out, "more\n");
+    EXPECT_EQ(outcome.err, kLost);
+}
+
+TEST(MsgMemory, WhicheverAllocationFailsTheProcessSaysSoOrGoesOn) {
+    const std::string text(30000, 'x');
+    int nth = 0;
+    for (std::string err = "?"; !err.empty(); ++nth) {
+        ASSERT_LT(nth, 60);
+        const Outcome outcome = run_messages([nth, &text] {
+            const Interposed failing(hook::malloc, malloc_failing_at(nth));
+            msg_print_raw("%s", text.c_str());
+            msg_print("last");
+        });
+        err = outcome.err;
+        // The four lists that are not empty at first come before any text.
+        const bool lists = nth < 4;
+        EXPECT_EQ(outcome.status, lists ? 1 : 0) << nth;
+        EXPECT_TRUE(err.empty() || err == (lists ? kNoFirstSlots : kLost)) << nth << err;
+        EXPECT_TRUE(!err.empty() || outcome.out == text + "\nlast\n") << nth;
+    }
+    EXPECT_EQ(nth, 7);
+}
+
+TEST(MsgMemory, WhicheverReallocationFailsTheMessageIsReplacedByAFixedText) {
+    const std::string text(30000, 'x');
+    int nth = 0;
+    for (std::string err = "?"; !err.empty(); ++nth) {
+        ASSERT_LT(nth, 60);
+        const Outcome outcome = run_messages([nth, &text] {
+            const Interposed keeping(hook::malloc, malloc_failing_at(-1));
+            const Interposed failing(hook::realloc, fail_nth(hook::realloc, nth, ENOMEM, nullptr));
+            msg_print("%s", text.c_str());
+        });
+        err = outcome.err;
+        EXPECT_EQ(err, outcome.out.empty() ? kLost : "") << nth;
+        EXPECT_EQ(outcome.status, 0) << nth;
+    }
+    EXPECT_GT(nth, 1);
+}
+
+TEST(MsgMemory, ALongLeadTextThatFindsNoMemoryIsCutToFortyNineCharacters) {
+    const Outcome outcome = run_messages([] {
+        const std::string prefix(60, 'P');
+        msg_print_wrap("open");
+        {
+            // The first allocation is the text's, the second that of the lead text.
+            const Interposed failing(hook::malloc, fail_nth(hook::malloc, 1, ENOMEM, nullptr));
+            output(MSG_INFO, MSG_FMT_LINE, 0, 1, prefix.c_str(), " on");
+        }
+        MSG_CONT("next");
+    });
+    EXPECT_EQ(outcome.out, "open on\n" + std::string(49, 'P') + "next\n");
+    EXPECT_EQ(outcome.err, "");
+}

@@ -1,0 +1,61 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// The layout of messages once more, written as plainly as its rules read: character by character, with no thought of
+// speed. Generated messages are compared with what the library makes of them.
+#ifndef ZEL_TESTS_MSG_MSG_REFERENCE_H
+#define ZEL_TESTS_MSG_MSG_REFERENCE_H
+
+#include <string>
+
+namespace zel::test {
+
+class MsgReference {
+public:
+    // The settings, as the setters of the library change them.
+    long width = 78;
+    std::string mp_prefix;
+    bool primary = true;
+
+    // One message as the core writer has it. Types 1 and 2 go to standard output, 4 and 8 to standard error.
+    void message(int type, int fmt_type, bool primary_only, bool continuation, const std::string &prefix,
+                 const std::string &text);
+
+    // A continuation of the last message.
+    void cont(const std::string &text);
+
+    // What standard output and standard error have so far.
+    std::string out;
+    std::string err;
+
+private:
+    struct Last {
+        int type = 0;
+        int fmt_type = 0;
+        bool primary_only = false;
+        std::string prefix;
+    };
+
+    void write(const std::string &piece);
+    void open_line();
+    void cut_raw();
+    void cut_wrapped(bool just_opened);
+    size_t line_end() const;
+    size_t break_point(long room) const;
+    size_t break_point_behind_blanks(long room, size_t blanks) const;
+    bool is_blank(size_t place) const;
+
+    long column_ = 0;
+    Last last_;
+
+    // The message at hand.
+    int type_ = 0;
+    bool primary_only_ = false;
+    std::string indentation_;
+    std::string lead_;
+    long lead_length_ = 0;
+    std::string text_;
+    size_t position_ = 0;
+};
+
+} // namespace zel::test
+
+#endif

@@ -1,0 +1,58 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// What the tests of the message library share.
+#include "msg_support.h"
+
+#include <array>
+#include <cstdarg>
+#include <cstdlib>
+#include <unistd.h>
+
+namespace zel::test {
+
+Outcome run_messages(const std::function<void()> &body) {
+    return run_in_child([&body] {
+        unsetenv("ZEL_MSGERR_WRAP");
+        body();
+    });
+}
+
+void output(int type, int fmt_type, int primary_only, int continuation, const char *prefix, const char *format, ...) {
+    va_list args;
+    va_start(args, format);
+    _msg_output(type, fmt_type, primary_only, continuation, prefix, format, args);
+    va_end(args);
+}
+
+char *vformat(size_t initial_size, const char *format, ...) {
+    va_list args;
+    va_start(args, format);
+    char *text = msg_vformat_alloc(format, args, initial_size);
+    va_end(args);
+    return text;
+}
+
+FILE *open_scratch_stream() {
+    FILE *stream = tmpfile();
+    setvbuf(stream, nullptr, _IONBF, 0);
+    return stream;
+}
+
+std::string contents(FILE *stream) {
+    std::string text;
+    std::array<char, 4096> piece;
+    off_t position = 0;
+    ssize_t count;
+    while ((count = pread(fileno(stream), piece.data(), piece.size(), position)) > 0) {
+        text.append(piece.data(), static_cast<size_t>(count));
+        position += count;
+    }
+    return text;
+}
+
+FILE *open_full_stream(int mode) {
+    FILE *stream = fopen("/dev/full", "w");
+    setvbuf(stream, nullptr, mode, 0);
+    return stream;
+}
+
+} // namespace zel::test
