@@ -13,6 +13,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstring>
+#include <sys/stat.h>
 #include <system_error>
 #include <thread>
 #include <unistd.h>
@@ -160,18 +161,30 @@ std::string describe_ending(const PairHandle *pair) {
     return "signal " + std::to_string(signal) + " (" + (name == nullptr ? "unnamed" : name) + ")";
 }
 
-// Exit status 1 is all that a start leaves behind whose program could not be executed. Why, we ask the system.
+// Why a program can have ended without a word. 0 when the file is one that can be executed.
+int execution_error(const char *path) {
+    struct stat status;
+    if (access(path, X_OK) != 0 || stat(path, &status) != 0) {
+        return errno;
+    }
+    return S_ISDIR(status.st_mode) ? EISDIR : 0;
+}
+
+// Exit status 1 is all that a start leaves behind whose program could not be executed. Why, we ask the system
+// afterwards; a name without a slash was searched along PATH, of which nothing more is known.
 void explain_failed_start(const Companion &companion) {
     if (companion.spoke || platform_pair_child_exit_status(companion.pair) != 1) {
         return;
     }
-    const bool is_path = companion.program.find('/') != std::string::npos;
-    if (is_path && access(companion.program.c_str(), X_OK) != 0) {
-        const std::string reason = std::generic_category().message(errno);
-        MSG_CONT("%s: %s.", visible(companion.program, kVisibleName).c_str(), reason.c_str());
+    const std::string name = visible(companion.program, kVisibleName);
+    if (companion.program.find('/') == std::string::npos) {
+        MSG_CONT("A program that cannot be executed ends like this: %s.", name.c_str());
         return;
     }
-    MSG_CONT("A program that cannot be executed ends like this: %s.", visible(companion.program, kVisibleName).c_str());
+    const int error = execution_error(companion.program.c_str());
+    if (error != 0) {
+        MSG_CONT("%s: %s.", name.c_str(), std::generic_category().message(error).c_str());
+    }
 }
 
 void close_pair(Companion &companion) {

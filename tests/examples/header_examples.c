@@ -1,0 +1,89 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// The examples of the public headers, as they stand there. A test compares them line by line.
+#include "header_examples.h"
+
+#include <zel.h>
+
+#include <fcntl.h>
+#include <string.h>
+#include <unistd.h>
+
+void example_of_msg(void) {
+    msg_set_print_prefix("backup: ");
+    msg_print("%d files in %s", 12, "/home/guest"); // backup: 12 files in /home/guest
+    msg_warn("%s is not readable", "core");         // Warning: core is not readable
+    MSG_CONT("It was left out.");                   //          It was left out.
+}
+
+void example_of_diag_log(void) {
+    msg_open_diag_log(NULL);    // the directory comes from the environment
+    msg_sync_mode(MSG_DIAG, 1); // each line is on disk before the next begins
+    msg_diag("request %d\n", 12);
+}
+
+void example_of_zel_malloc(void) {
+    int32_t *table = ZEL_MALLOC_ARRAY(int32_t, 64);
+    char *path = zel_printf_strdup("%s/%s", "/tmp", "index");
+    zel_free(path);
+    zel_free(table);
+}
+
+void example_of_debug_heap(void) {
+    zel_enable_malloc_debug(ZEL_MALLOC_CHECK_PTR);
+    char *name = zel_strdup("guest", "main", "user name");
+    name[8] = '!';                 // past the end, into the trailer
+    zel_malloc_describe_ptr(name); // The pointer 0x... referenced data that was corrupted at the end. ...
+    zel_free(name);                // the same as an error; the process ends
+}
+
+int example_of_environment(const char *path) {
+    int fd = open(path, O_RDONLY);
+    if (fd == -1) {
+        platform_perror("open index"); // "open index: No such file or directory" as a diagnostic line
+        return 0;
+    }
+    close(fd);
+    return 1;
+}
+
+void example_of_file_control(void (*read_settings)(const char *path), void (*in_between)(void)) {
+    FileStamp stamp = platform_file_stamp("settings");
+    read_settings("settings");
+    in_between();
+    if (platform_file_changed("settings", stamp)) {
+        read_settings("settings");
+    }
+}
+
+void example_of_process_info(void) {
+    uint64_t virtual_kb;
+    uint64_t resident_kb;
+    if (platform_process_memory(-1, &virtual_kb, &resident_kb)) {
+        msg_print("%llu KiB in use", (unsigned long long) resident_kb);
+    }
+}
+
+static int on_message(int socket, char *first_line, char **lines) {
+    if (strcmp(first_line, "quit") == 0) {
+        return 0;
+    }
+    return platform_send_message(socket, "you said", lines[0], (char *) NULL);
+}
+
+void example_of_socket(int socket) {
+    MsgBuf *buffer = platform_msgbuf_create(65536);
+    platform_msgbuf_set(buffer);
+    platform_message_loop(socket, on_message, NULL, 0);
+    platform_msgbuf_set(NULL);
+    platform_msgbuf_free(buffer);
+}
+
+int32_t example_of_pair(void) {
+    PairHandle *pair = platform_pair_parent_open_lp("ECHO_PAIR", 1, 1, "./echo", NULL, "echo", (char *) NULL);
+    int32_t value = 42;
+    platform_pair_send(pair, &value, sizeof value);
+    platform_pair_recv(pair, &value, sizeof value);
+    platform_pair_kill_child(pair);
+    platform_pair_close(pair);
+    return value;
+}

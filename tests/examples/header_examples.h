@@ -1,0 +1,26 @@
+/* Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+ * The examples of the public headers, made callable. */
+#ifndef ZEL_TESTS_EXAMPLES_HEADER_EXAMPLES_H
+#define ZEL_TESTS_EXAMPLES_HEADER_EXAMPLES_H
+
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+void example_of_msg(void);
+void example_of_diag_log(void);
+void example_of_zel_malloc(void);
+void example_of_debug_heap(void);
+int example_of_environment(const char *path);
+void example_of_file_control(void (*read_settings)(const char *path), void (*in_between)(void));
+void example_of_process_info(void);
+void example_of_socket(int socket);
+int32_t example_of_pair(void); /* the value received */
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

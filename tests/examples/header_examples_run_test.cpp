@@ -1,0 +1,117 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// The examples of the public headers do what their remarks say.
+#include "header_examples.h"
+
+#include <support/child.h>
+#include <support/files.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+
+using namespace zel::test;
+
+TEST(HeaderExampleOfMsg, PrintsWhatItsRemarksSay) {
+    const Outcome outcome = run_in_child(example_of_msg);
+    EXPECT_EQ(outcome.out, "backup: 12 files in /home/guest\n");
+    EXPECT_EQ(outcome.err, "Warning: core is not readable\n         It was left out.\n");
+}
+
+TEST(HeaderExampleOfDiagLog, WritesItsLineIntoTheLog) {
+    const ScratchFolder folder;
+    const Outcome outcome = run_in_child([&folder] {
+        setenv("ZEL_DIAG_DIR", folder.path.c_str(), 1);
+        example_of_diag_log();
+    });
+    EXPECT_EQ(outcome.status, 0);
+    const std::filesystem::directory_iterator log(folder.path);
+    ASSERT_NE(log, std::filesystem::directory_iterator());
+    EXPECT_EQ(read_file(log->path()), "request 12\n");
+}
+
+TEST(HeaderExampleOfZelMalloc, EndsWithoutAMessage) {
+    const Outcome outcome = run_in_child(example_of_zel_malloc);
+    EXPECT_EQ(outcome.out + outcome.err, "");
+    EXPECT_EQ(outcome.status, 0);
+}
+
+TEST(HeaderExampleOfDebugHeap, FindsTheWritePastTheEndTwice) {
+    const Outcome outcome = run_in_child([] {
+        setenv("ZEL_MSGERR_WRAP", "0", 1);
+        example_of_debug_heap();
+    });
+    const std::string said = outcome.out + outcome.err;
+    const std::string finding = "corrupted at the end";
+    EXPECT_NE(said.find(finding), said.rfind(finding)) << said;
+    EXPECT_NE(outcome.err.find("Error: "), std::string::npos);
+    EXPECT_EQ(outcome.status, 1);
+}
+
+TEST(HeaderExampleOfEnvironment, ReportsWhatFailed) {
+    const Outcome outcome = run_in_child([] {
+        setenv("ZEL_PERROR", "1", 1);
+        printf("%d\n", example_of_environment("/nowhere/index"));
+        printf("%d\n", example_of_environment("/dev/null"));
+    });
+    EXPECT_EQ(outcome.out, "open index: No such file or directory\n0\n1\n");
+}
+
+TEST(HeaderExampleOfFileControl, ReadsAgainWhatHasChanged) {
+    const ScratchFolder folder;
+    write_file(folder.path + "/settings", "one");
+    const auto print = [](const char *path) { printf("read %s\n", path); };
+    const Outcome changed = run_in_child([&] {
+        EXPECT_EQ(chdir(folder.path.c_str()), 0);
+        example_of_file_control(print, [] { write_file("settings", "longer"); });
+    });
+    EXPECT_EQ(changed.out, "read settings\nread settings\n");
+    const Outcome same = run_in_child([&] {
+        EXPECT_EQ(chdir(folder.path.c_str()), 0);
+        example_of_file_control(print, [] {});
+    });
+    EXPECT_EQ(same.out, "read settings\n");
+}
+
+TEST(HeaderExampleOfProcessInfo, PrintsANumber) {
+    const Outcome outcome = run_in_child(example_of_process_info);
+    EXPECT_TRUE(outcome.out.ends_with(" KiB in use\n")) << outcome.out;
+    EXPECT_GT(atol(outcome.out.c_str()), 0);
+}
+
+TEST(HeaderExampleOfSocket, AnswersUntilQuit) {
+    const Outcome outcome = run_in_child([] {
+        int ends[2];
+        socketpair(AF_UNIX, SOCK_STREAM, 0, ends);
+        const std::string requests = "greet\r\nBob\r\n\r\nquit\r\n\r\n";
+        send(ends[0], requests.data(), requests.size(), 0);
+        example_of_socket(ends[1]);
+        char answer[64] = {};
+        recv(ends[0], answer, sizeof answer - 1, MSG_DONTWAIT);
+        printf("%s", answer);
+    });
+    EXPECT_EQ(outcome.out, "you said\r\nBob\r\n\r\n");
+}
+
+TEST(HeaderExampleOfPair, ReceivesTheAnswerOfItsCompanion) {
+    const Outcome outcome = run_in_child([] {
+        EXPECT_EQ(chdir(ZEL_EXAMPLE_PARTS), 0);
+        printf("%d\n", example_of_pair());
+    });
+    EXPECT_EQ(outcome.out, "41\n");
+}
+
+TEST(HeaderExampleOfDebugHooks, SeesItsOwnArgumentsAlone) {
+    const Outcome outcome =
+        run_program({ZEL_EXAMPLE_PARTS "/header_example_hooks", "one", "two", "__ZEL_DEBUG__", "delay", "0"});
+    EXPECT_EQ(outcome.out, "one\ntwo\n");
+    EXPECT_EQ(outcome.status, 0);
+}
+
+} // namespace

@@ -1,0 +1,153 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// The companion of the word count, asked byte by byte, and on its own.
+#include "word_count_support.h"
+
+#include <components/platform/zel_pair_connection.h>
+
+#include <sys/socket.h>
+#include <sys/wait.h>
+
+namespace {
+
+using namespace zel::test;
+
+constexpr const char *kCompanion = ZEL_BINARY_DIR "/examples/word_count_companion";
+
+std::string value(int32_t number) {
+    return {reinterpret_cast<const char *>(&number), sizeof number};
+}
+
+std::string chunk(const std::string &bytes) {
+    return value(static_cast<int32_t>(bytes.size())) + bytes;
+}
+
+// The real companion at the other end of a pair.
+struct WordCountCompanion : testing::Test {
+    void SetUp() override {
+        adopt_orphans();
+        pair = platform_pair_parent_open_lp("WORD_COUNT_PAIR", 0, 1, kCompanion, nullptr, kCompanion,
+                                            static_cast<char *>(nullptr));
+        ASSERT_NE(platform_pair_rx_fd(pair), -1);
+    }
+    void TearDown() override {
+        if (pair != nullptr) {
+            platform_pair_kill_child(pair);
+            platform_pair_close(pair);
+        }
+    }
+
+    void say(const std::string &bytes) const {
+        ASSERT_EQ(send(platform_pair_tx_fd(pair), bytes.data(), bytes.size(), MSG_NOSIGNAL),
+                  static_cast<ssize_t>(bytes.size()));
+    }
+
+    // As many bytes as are expected; fewer when the stream ends.
+    std::string hear(size_t length) const {
+        std::string bytes(length, '\0');
+        const ssize_t count = recv(platform_pair_rx_fd(pair), bytes.data(), length, MSG_WAITALL);
+        return bytes.substr(0, count < 0 ? 0 : static_cast<size_t>(count));
+    }
+
+    void expect_answer(const std::string &answer) const { EXPECT_EQ(hear(answer.size()), answer); }
+
+    // Waits for the end by itself.
+    int exit_status() {
+        int32_t status = 0;
+        platform_wait_child(platform_pair_companion_pid(pair), &status);
+        platform_pair_close(pair);
+        pair = nullptr;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+
+    PairHandle *pair = nullptr;
+};
+
+TEST_F(WordCountCompanion, ATextIsAskedForByAReadyAndAnsweredByItsCounts) {
+    say("count\r\nname\r\n\r\n");
+    expect_answer(value(1));
+    say(chunk("so on") + chunk(" so\n") + value(0));
+    expect_answer("counted 1 3 9\r\n2 so\r\n1 on\r\n\r\n");
+}
+
+TEST_F(WordCountCompanion, AnEmptyTextIsAnsweredByOneLine) {
+    say("count\r\nname\r\n\r\n");
+    expect_answer(value(1));
+    say(value(0));
+    expect_answer("counted 0 0 0\r\n\r\n");
+}
+
+TEST_F(WordCountCompanion, ATextThatIsBrokenOffIsNotAnswered) {
+    say("count\r\nfirst\r\n\r\n");
+    expect_answer(value(1));
+    say(chunk("one") + value(-1) + "count\r\nsecond\r\n\r\n");
+    expect_answer(value(1));
+    say(chunk("two") + value(0));
+    expect_answer("counted 0 1 3\r\n1 two\r\n\r\n");
+}
+
+TEST_F(WordCountCompanion, QuitEndsItWell) {
+    say("quit\r\n\r\n");
+    EXPECT_EQ(hear(1), "");
+    EXPECT_EQ(exit_status(), 0);
+}
+
+TEST_F(WordCountCompanion, TheEndOfTheStreamWithoutQuitEndsItWithAnError) {
+    shutdown(platform_pair_tx_fd(pair), SHUT_WR);
+    EXPECT_EQ(exit_status(), 1);
+}
+
+TEST_F(WordCountCompanion, TheEndOfTheStreamInATextEndsItWithAnError) {
+    say("count\r\nname\r\n\r\n");
+    expect_answer(value(1));
+    say(value(100) + "only these");
+    shutdown(platform_pair_tx_fd(pair), SHUT_WR);
+    EXPECT_EQ(hear(1), "");
+    EXPECT_EQ(exit_status(), 1);
+}
+
+TEST_F(WordCountCompanion, AChunkLongerThanAgreedEndsItWithAnError) {
+    say("count\r\nname\r\n\r\n");
+    expect_answer(value(1));
+    say(value(65537));
+    EXPECT_EQ(hear(1), "");
+    EXPECT_EQ(exit_status(), 1);
+}
+
+TEST_F(WordCountCompanion, AnUnknownRequestEndsItWithAnError) {
+    say("weigh\r\nname\r\n\r\n");
+    EXPECT_EQ(hear(1), "");
+    EXPECT_EQ(exit_status(), 1);
+}
+
+TEST_F(WordCountCompanion, ACountWithoutANameIsNotUnderstood) {
+    say("count\r\n\r\n");
+    EXPECT_EQ(hear(1), "");
+    EXPECT_EQ(exit_status(), 1);
+}
+
+struct CompanionStart : testing::Test {
+    static void expect_refused(const std::vector<std::string> &settings, const std::string &error) {
+        const Outcome outcome = run_with(settings, {kCompanion});
+        EXPECT_EQ(outcome.out, "");
+        EXPECT_EQ(outcome.err, error);
+        EXPECT_EQ(outcome.status, 1);
+    }
+};
+
+TEST_F(CompanionStart, WithoutItsVariableItSaysSo) {
+    expect_refused({"--unset=WORD_COUNT_PAIR"},
+                   "word_count_companion: Error: Cannot open the pair: Failing to start due to\n"
+                   "word_count_companion:        wrong type on linux\n");
+}
+
+TEST_F(CompanionStart, AVariableWithoutNumbersIsRefused) {
+    expect_refused({"WORD_COUNT_PAIR=abc pid-rtx_fd_l", "--unset=WORD_COUNT_PAIR_HYBRID"},
+                   "word_count_companion: Error: Cannot open the pair: Unknown error -1 (-1)\n");
+}
+
+TEST_F(CompanionStart, APortAtWhichNobodyListensIsRefused) {
+    expect_refused({"WORD_COUNT_PAIR=1 1 pid-rtx_fd_w", "WORD_COUNT_PAIR_HYBRID=1"},
+                   "word_count_companion: Error: Cannot open the pair: Connection refused (111)\n");
+}
+
+} // namespace
