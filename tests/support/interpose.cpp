@@ -25,6 +25,7 @@
 #endif
 
 HOOK(int, accept, "accept", (int fd, sockaddr *address, socklen_t *length), (fd, address, length))
+HOOK(int, access, "access", (const char *path, int mode), (path, mode))
 HOOK(int, bind, "bind", (int fd, const sockaddr *address, socklen_t length), (fd, address, length))
 HOOK(int, clock_gettime, TIME64("clock_gettime", "__clock_gettime64"), (clockid_t clock, timespec *time), (clock, time))
 HOOK(int, close, "close", (int fd), (fd))
@@ -44,6 +45,7 @@ HOOK(int, fsync, "fsync", (int fd), (fd))
 HOOK(int, getaddrinfo, "getaddrinfo", (const char *host, const char *service, const addrinfo *hints, addrinfo **list),
      (host, service, hints, list))
 HOOK(char *, getlogin, "getlogin", (), ())
+HOOK(passwd *, getpwuid, "getpwuid", (uid_t user), (user))
 HOOK(int, kill, "kill", (pid_t pid, int signal), (pid, signal))
 HOOK(int, listen, "listen", (int fd, int backlog), (fd, backlog))
 HOOK(tm *, localtime_r, TIME64("localtime_r", "__localtime64_r"), (const time_t *now, tm *local), (now, local))
@@ -52,6 +54,7 @@ HOOK(int, ppoll, TIME64("ppoll", "__ppoll64"),
      (pollfd * entries, nfds_t count, const timespec *timeout, const sigset_t *blocked),
      (entries, count, timeout, blocked))
 HOOK(void *, realloc, "realloc", (void *pointer, size_t size), (pointer, size))
+HOOK(ssize_t, read, "read", (int fd, void *buffer, size_t size), (fd, buffer, size))
 HOOK(ssize_t, recv, "recv", (int fd, void *buffer, size_t length, int flags), (fd, buffer, length, flags))
 HOOK(int, select, TIME64("select", "__select64"),
      (int count, fd_set *readable, fd_set *writable, fd_set *exceptional, timeval *timeout),

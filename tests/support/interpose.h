@@ -16,6 +16,7 @@
 #include <functional>
 #include <netdb.h>
 #include <poll.h>
+#include <pwd.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/types.h>
@@ -77,6 +78,7 @@ std::function<Result(Arguments...)> fail_always(Hook<Result(Arguments...)> & /*h
 namespace hook {
 
 extern Hook<int(int, sockaddr *, socklen_t *)> accept;
+extern Hook<int(const char *, int)> access;
 extern Hook<int(int, const sockaddr *, socklen_t)> bind;
 extern Hook<int(clockid_t, timespec *)> clock_gettime;
 extern Hook<int(int)> close;
@@ -94,12 +96,14 @@ extern Hook<void(addrinfo *)> freeaddrinfo;
 extern Hook<int(int)> fsync;
 extern Hook<int(const char *, const char *, const addrinfo *, addrinfo **)> getaddrinfo;
 extern Hook<char *()> getlogin;
+extern Hook<passwd *(uid_t)> getpwuid;
 extern Hook<int(pid_t, int)> kill;
 extern Hook<int(int, int)> listen;
 extern Hook<tm *(const time_t *, tm *)> localtime_r;
 extern Hook<void *(size_t)> malloc;
 extern Hook<int(pollfd *, nfds_t, const timespec *, const sigset_t *)> ppoll;
 extern Hook<void *(void *, size_t)> realloc;
+extern Hook<ssize_t(int, void *, size_t)> read;
 extern Hook<ssize_t(int, void *, size_t, int)> recv;
 extern Hook<int(int, fd_set *, fd_set *, fd_set *, timeval *)> select;
 extern Hook<ssize_t(int, const void *, size_t, int)> send;
