@@ -22,13 +22,11 @@ int by_hand_send(int fd, const char *const *lines, size_t count) {
     char area[BY_HAND_AREA];
     char *end = area;
     for (size_t line = 0; line < count; ++line) {
-        const size_t length = strlen(lines[line]);
-        memcpy(end, lines[line], length);
-        memcpy(end + length, "\r\n", 2);
-        end += length + 2;
+        end = mempcpy(end, lines[line], strlen(lines[line]));
+        end = mempcpy(end, "\r\n", 2);
     }
-    memcpy(end, "\r\n", 2);
-    return by_hand_send_all(fd, area, (size_t) (end + 2 - area));
+    end = mempcpy(end, "\r\n", 2);
+    return by_hand_send_all(fd, area, (size_t) (end - area));
 }
 
 /* The position behind the next CR LF, or null. */

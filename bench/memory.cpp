@@ -21,24 +21,24 @@ constexpr size_t size_of(size_t index) {
 }
 
 void zel_pair_of_calls(benchmark::State &state) {
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         void *block = zel_malloc(64, "zel_pair_of_calls", "a block");
-        benchmark::DoNotOptimize(block);
+        benchmark::DoNotOptimize(&block);
         zel_free(block);
     }
 }
 
 void bare_pair_of_calls(benchmark::State &state) {
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         void *block = malloc(64);
-        benchmark::DoNotOptimize(block);
+        benchmark::DoNotOptimize(&block);
         free(block);
     }
 }
 
 void zel_many(benchmark::State &state) {
     Blocks blocks;
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         for (size_t i = 0; i < kBlocks; ++i) {
             blocks[i] = zel_malloc(size_of(i), "zel_many", "a block");
         }
@@ -51,7 +51,7 @@ void zel_many(benchmark::State &state) {
 
 void bare_many(benchmark::State &state) {
     Blocks blocks;
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         for (size_t i = 0; i < kBlocks; ++i) {
             blocks[i] = malloc(size_of(i));
         }

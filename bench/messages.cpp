@@ -58,7 +58,7 @@ void zel_message(benchmark::State &state, Route route) {
     const auto send = [&link](auto... line) {
         return platform_send_message(link.fd(), line..., static_cast<char *>(nullptr));
     };
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         if (std::apply(send, lines) == 0 || platform_get_one_message(link.fd(), check_answer, nullptr, 1) == 0) {
             state.SkipWithError("wrong answer");
         }
@@ -75,7 +75,7 @@ void message_by_hand(benchmark::State &state, Route route, bool waits) {
     end->waits = waits ? 1 : 0;
     const auto lines = message<Count>();
     expected = lines.back();
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         if (by_hand_send(link.fd(), lines.data(), Count) == 0 ||
             by_hand_receive(end.get(), check_answer_by_hand) == 0) {
             state.SkipWithError("wrong answer");

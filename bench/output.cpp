@@ -204,7 +204,7 @@ std::string output_of(Action action) {
 Way to_null(const char *name, Action action) {
     return {name, [action](benchmark::State &state) {
                 const Redirected redirected(null_stream());
-                for (auto _ : state) {
+                while (state.KeepRunning()) {
                     action();
                 }
             }};

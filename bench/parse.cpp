@@ -31,7 +31,7 @@ void parse_stock(benchmark::State &state, int lines, Parser parser) {
     const std::string message = make_message(lines);
     std::vector<std::string> stock(kStock);
     const std::unique_ptr<char *[]> table(new char *[PLATFORM_MAX_MESSAGE_LINES + 1]);
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         state.PauseTiming();
         stock.assign(kStock, message);
         state.ResumeTiming();

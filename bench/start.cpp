@@ -18,7 +18,7 @@ namespace {
 
 void zel_start(benchmark::State &state) {
     const char *program = companion_path().c_str();
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         PairHandle *pair = platform_pair_parent_open_lp("ZEL_BENCH_PAIR", 1, 1, program, nullptr, program, "exit",
                                                         static_cast<char *>(nullptr));
         int32_t status = -1;
@@ -32,7 +32,7 @@ void zel_start(benchmark::State &state) {
 
 void bare_start(benchmark::State &state) {
     const std::vector<const char *> argv = {companion_path().c_str(), "exit", nullptr};
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         int status = -1;
         waitpid(start_by_hand(argv), &status, 0);
         if (status != 0) {
@@ -86,7 +86,7 @@ int run_with_same_steps(const char *const *argv) {
 
 void start_with_same_steps(benchmark::State &state) {
     const std::array<const char *, 3> argv = {companion_path().c_str(), "exit", nullptr};
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         if (run_with_same_steps(argv.data()) != 0) {
             state.SkipWithError("the companion failed");
         }

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <cstdio>
 
 namespace bench {
@@ -15,7 +16,7 @@ constexpr double kGiB = 1024.0 * 1024.0 * 1024.0;
 // The value below which that part of the values lies.
 double quantile(std::vector<double> values, double part) {
     std::sort(values.begin(), values.end());
-    return values[static_cast<size_t>(part * static_cast<double>(values.size() - 1) + 0.5)];
+    return values[static_cast<size_t>(std::lround(part * static_cast<double>(values.size() - 1)))];
 }
 
 std::vector<double> ratios(const std::vector<double> &zel, const std::vector<double> &floor) {
@@ -41,11 +42,24 @@ std::string text_of(double seconds, double bytes) {
     return text.data();
 }
 
+// One way of one row, as Google Benchmark runs it.
+class OneWay : public benchmark::Fixture {
+public:
+    OneWay(const std::string &name, Body body) : body_(std::move(body)) { SetName(name.c_str()); }
+
+protected:
+    void BenchmarkCase(benchmark::State &state) override { body_(state); }
+
+private:
+    Body body_;
+};
+
 } // namespace
 
 void add_row(const std::string &name, Clock clock, int64_t iterations, const std::vector<Way> &ways) {
     for (const Way &way : ways) {
-        auto *run = benchmark::RegisterBenchmark((name + "/" + way.name).c_str(), way.body);
+        auto *run = new OneWay(name + "/" + way.name, way.body);
+        benchmark::internal::RegisterBenchmarkInternal(run);
         run->Iterations(iterations);
         if (clock == Clock::wall) {
             run->UseRealTime();

@@ -18,7 +18,7 @@ constinit std::array<char, kBuffer> buffer = {};
 void zel_round_trip(benchmark::State &state) {
     const Link link = Link::by_library(Route::pair, "zel-values");
     int32_t value = 42;
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         platform_pair_send(link.pair(), &value, sizeof value);
         if (platform_pair_recv(link.pair(), &value, sizeof value) != sizeof value) {
             state.SkipWithError("the companion is gone");
@@ -29,7 +29,7 @@ void zel_round_trip(benchmark::State &state) {
 void bare_round_trip(benchmark::State &state) {
     const Link link = Link::by_hand(Route::pair, "bare-values");
     int32_t value = 42;
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         send(link.fd(), &value, sizeof value, 0);
         if (recv(link.fd(), &value, sizeof value, 0) != sizeof value) {
             state.SkipWithError("the companion is gone");
@@ -63,7 +63,7 @@ bool bare_one_way(int fd) {
 void zel_bulk(benchmark::State &state) {
     const Link link = Link::by_library(Route::pair, "zel-sink");
     state.counters["bytes"] = static_cast<double>(kOneWay);
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         if (!zel_one_way(link.pair())) {
             state.SkipWithError("the companion is gone");
         }
@@ -73,7 +73,7 @@ void zel_bulk(benchmark::State &state) {
 void bare_bulk(benchmark::State &state) {
     const Link link = Link::by_hand(Route::pair, "bare-sink");
     state.counters["bytes"] = static_cast<double>(kOneWay);
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         if (!bare_one_way(link.fd())) {
             state.SkipWithError("the companion is gone");
         }
