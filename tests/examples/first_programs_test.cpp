@@ -1,6 +1,10 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // The first programs: the README shows them as they are, and they do what it says.
-#include "word_count_support.h"
+#include "examples_support.h"
+
+#include <support/files.h>
+
+#include <gtest/gtest.h>
 
 #include <algorithm>
 
@@ -28,19 +32,15 @@ std::string shown_program(const std::string &document, const std::string &file) 
     return end == std::string::npos ? "" : document.substr(first, end - first);
 }
 
-struct FirstPrograms : testing::Test {
-    FirstPrograms() { adopt_orphans(); }
-};
-
-TEST_F(FirstPrograms, TheReadmeShowsTheParentAsItIs) {
+TEST(FirstPrograms, TheReadmeShowsTheParentAsItIs) {
     EXPECT_EQ(shown_program(source("README.md"), "examples/first_parent.c"), source("examples/first_parent.c"));
 }
 
-TEST_F(FirstPrograms, TheReadmeShowsTheCompanionAsItIs) {
+TEST(FirstPrograms, TheReadmeShowsTheCompanionAsItIs) {
     EXPECT_EQ(shown_program(source("README.md"), "examples/first_companion.c"), source("examples/first_companion.c"));
 }
 
-TEST_F(FirstPrograms, EachIsShorterThanFortyLines) {
+TEST(FirstPrograms, EachIsShorterThanFortyLines) {
     for (const char *path : {"examples/first_parent.c", "examples/first_companion.c"}) {
         const std::string text = source(path);
         EXPECT_LT(std::count(text.begin(), text.end(), '\n'), 40) << path;
@@ -48,40 +48,40 @@ TEST_F(FirstPrograms, EachIsShorterThanFortyLines) {
     }
 }
 
-TEST_F(FirstPrograms, ABlockThatDiffersInOneByteIsFound) {
+TEST(FirstPrograms, ABlockThatDiffersInOneByteIsFound) {
     EXPECT_EQ(shown_program("see a.c:\n\n```c\nint a;\n```\n", "a.c"), "int a;\n");
     EXPECT_NE(shown_program("see a.c:\n\n```c\nint a; \n```\n", "a.c"), "int a;\n");
     EXPECT_EQ(shown_program("see a.c:\n\n    int a;\n", "a.c"), "");
     EXPECT_EQ(shown_program("```c\nint a;\n```\n", "a.c"), "");
 }
 
-TEST_F(FirstPrograms, TheParentPrintsTheAnswerOfTheCompanionBesideIt) {
+TEST(FirstPrograms, TheParentPrintsTheAnswerOfTheCompanionBesideIt) {
     const Outcome outcome = run_with({"--chdir=" ZEL_BINARY_DIR "/examples"}, {kParent});
     EXPECT_EQ(outcome.out, "The companion answered 42; its wait status is 0.\n");
     EXPECT_EQ(outcome.err, "");
     EXPECT_EQ(outcome.status, 0);
 }
 
-TEST_F(FirstPrograms, TheParentTakesACompanionAsItsArgument) {
+TEST(FirstPrograms, TheParentTakesACompanionAsItsArgument) {
     const Outcome outcome = run_with({"--chdir=/"}, {kParent, kCompanion});
     EXPECT_EQ(outcome.out, "The companion answered 42; its wait status is 0.\n");
     EXPECT_EQ(outcome.status, 0);
 }
 
-TEST_F(FirstPrograms, ACompanionThatDoesNotAnswerIsReported) {
+TEST(FirstPrograms, ACompanionThatDoesNotAnswerIsReported) {
     const Outcome outcome = run_with({}, {kParent, "/nowhere"});
     EXPECT_EQ(outcome.out, "");
     EXPECT_EQ(outcome.err, "Error: /nowhere gave no answer; its wait status is 256.\n");
     EXPECT_EQ(outcome.status, 1);
 }
 
-TEST_F(FirstPrograms, TheCompanionAloneSaysThatItsPairIsMissing) {
+TEST(FirstPrograms, TheCompanionAloneSaysThatItsPairIsMissing) {
     const Outcome outcome = run_with({"--unset=FIRST_PAIR"}, {kCompanion});
     EXPECT_EQ(outcome.err, "Error: Cannot open the pair: Failing to start due to wrong type on linux\n");
     EXPECT_EQ(outcome.status, 1);
 }
 
-TEST_F(FirstPrograms, TheCompanionRefusesABadVariable) {
+TEST(FirstPrograms, TheCompanionRefusesABadVariable) {
     const Outcome outcome = run_with({"FIRST_PAIR=abc pid-rtx_fd_l"}, {kCompanion});
     EXPECT_EQ(outcome.err, "Error: Cannot open the pair: Unknown error -1 (-1)\n");
     EXPECT_EQ(outcome.status, 1);

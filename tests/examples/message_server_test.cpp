@@ -1,5 +1,7 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // The message server, asked by clients over TCP.
+#include "examples_support.h"
+
 #include <components/platform/socket.h>
 
 #include <gtest/gtest.h>
@@ -14,6 +16,8 @@
 
 namespace {
 
+using zel::test::example;
+
 // The server, running; its output comes through a pipe.
 struct MessageServer : testing::Test {
     void start(const char *quiet_tenths = "600") {
@@ -22,8 +26,7 @@ struct MessageServer : testing::Test {
         pid = fork();
         if (pid == 0) {
             dup2(ends[1], STDOUT_FILENO);
-            setenv("LSAN_OPTIONS", "print_suppressions=0:suppressions=" ZEL_LEAKS, 1);
-            execl(ZEL_BINARY_DIR "/examples/message_server", "message_server", quiet_tenths, nullptr);
+            execl(example("message_server").c_str(), "message_server", quiet_tenths, nullptr);
             _exit(127);
         }
         close(ends[1]);

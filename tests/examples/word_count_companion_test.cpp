@@ -1,8 +1,10 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // The companion of the word count, asked byte by byte, and on its own.
-#include "word_count_support.h"
+#include "examples_support.h"
 
 #include <components/platform/zel_pair_connection.h>
+
+#include <gtest/gtest.h>
 
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -24,7 +26,6 @@ std::string chunk(const std::string &bytes) {
 // The real companion at the other end of a pair.
 struct WordCountCompanion : testing::Test {
     void SetUp() override {
-        adopt_orphans();
         pair = platform_pair_parent_open_lp("WORD_COUNT_PAIR", 0, 1, kCompanion, nullptr, kCompanion,
                                             static_cast<char *>(nullptr));
         ASSERT_NE(platform_pair_rx_fd(pair), -1);

@@ -240,7 +240,6 @@ TEST_P(WordCountFailure, OutputThatCannotBeWrittenIsAFailure) {
 }
 
 TEST(WordCountPorts, WithoutAFreePortTheHybridArrangementIsRefused) {
-    adopt_orphans();
     const Outcome outcome = run_with({"STORM_BIND_FAILS=1"}, {part("word_count_in_storm"), "--hybrid", "/dev/null"});
     EXPECT_EQ(outcome.out, "");
     EXPECT_EQ(outcome.err, "Error: No port from 20300 to 21299 can be opened on localhost.\n");

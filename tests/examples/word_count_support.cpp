@@ -4,7 +4,6 @@
 
 #include <cstdio>
 #include <sstream>
-#include <sys/prctl.h>
 
 namespace zel::test {
 
@@ -32,23 +31,6 @@ std::string expected_row(const std::string &line) {
 }
 
 } // namespace
-
-std::string part(const std::string &name) {
-    return ZEL_EXAMPLE_PARTS "/" + name;
-}
-
-void adopt_orphans() {
-    prctl(PR_SET_CHILD_SUBREAPER, 1);
-}
-
-Outcome run_with(const std::vector<std::string> &settings, const std::vector<std::string> &command) {
-    std::vector<std::string> whole = {"env"};
-    whole.insert(whole.end(), settings.begin(), settings.end());
-    whole.emplace_back(
-        "LSAN_OPTIONS=print_suppressions=0:suppressions=" ZEL_LEAKS); // settings may be options: they go first
-    whole.insert(whole.end(), command.begin(), command.end());
-    return run_program(whole);
-}
 
 std::string shell(const std::string &command, const std::string &path) {
     return run_program({"sh", "-c", command, "sh", path}).out;

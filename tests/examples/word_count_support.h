@@ -3,7 +3,8 @@
 #ifndef ZEL_TESTS_EXAMPLES_WORD_COUNT_SUPPORT_H
 #define ZEL_TESTS_EXAMPLES_WORD_COUNT_SUPPORT_H
 
-#include <support/child.h>
+#include "examples_support.h"
+
 #include <support/files.h>
 
 #include <gtest/gtest.h>
@@ -15,16 +16,6 @@ namespace zel::test {
 
 inline constexpr const char *kWordCount = ZEL_BINARY_DIR "/examples/word_count";
 inline constexpr const char *kEndedWell = "The companion ended with exit status 0.\n";
-
-// A program of the folder parts.
-std::string part(const std::string &name);
-
-// Whoever is left behind by a program under test becomes a child of this process, where the listener of the test
-// program sees it. Each fixture below calls this.
-void adopt_orphans();
-
-// Runs a program as "env SETTING... PROGRAM ARGUMENT..." does. A setting is NAME=VALUE, or an option of env.
-Outcome run_with(const std::vector<std::string> &settings, const std::vector<std::string> &command);
 
 // The output of a shell command, whose $1 is the path.
 std::string shell(const std::string &command, const std::string &path);
@@ -38,7 +29,6 @@ std::string shown(const std::string &bytes);
 
 // A folder of its own, and the word count in either arrangement: the parameter is "" or "--hybrid".
 struct WordCountTest : testing::TestWithParam<std::string> {
-    WordCountTest() { adopt_orphans(); }
     std::string text(const std::string &name, const std::string &contents) const;
     // word_count [--hybrid] ARGUMENT..., in the folder
     Outcome count(const std::vector<std::string> &arguments, const std::vector<std::string> &settings = {}) const;
