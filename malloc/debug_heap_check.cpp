@@ -46,7 +46,7 @@ void note_release(const Record &record, const Caller &caller) {
              context_text(caller));
 }
 
-// The checks have passed; these would say that the table contradicts the header.
+// The checks have passed: what stands here now was changed since, by what wrote the note of the release at the latest.
 Record &require_record(int32_t index) {
     Record *record = record_at(index);
     if (record == nullptr) {
@@ -84,13 +84,15 @@ void verify_before_allocation(const Caller &caller) {
     require_sound_heap(caller);
 }
 
+// The header is read again behind the note: a stream of the program's was written to meanwhile.
 void free_debug_info(void *pointer, const Caller &caller) {
     require_valid(pointer, caller);
     require_sound_heap(caller);
+    const Record &owner = *record_at(read_header(pointer).index);
+    debug_heap.bytes_in_use -= owner.length;
+    note_release(owner, caller);
     const int32_t index = read_header(pointer).index;
     Record &record = require_record(index);
-    debug_heap.bytes_in_use -= record.length;
-    note_release(record, caller);
     record.state = debug_heap.free_head;
     debug_heap.free_head = index;
     erase_index(debug_heap.in_use, static_cast<uint32_t>(index));

@@ -13,7 +13,7 @@
 
 namespace zel::memory {
 
-constinit DebugHeap debug_heap = {.mode = 0, .records = nullptr, .in_use = nullptr, .capacity = 0, .bytes_in_use = 0};
+constinit DebugHeap debug_heap = {.mode = 0, .records = nullptr, .in_use = {}, .capacity = 0, .bytes_in_use = 0};
 
 namespace {
 
@@ -44,31 +44,44 @@ void write_word(void *address, uint32_t value) {
 }
 
 // The kernel looks at a signal set before it looks at what is to be done with it: the one call that tells whether
-// eight bytes can be read and does nothing else. ~0 is no operation on a mask.
-bool is_readable(const void *address) {
+// eight bytes can be read and does nothing else. ~0 is no operation on a mask. A set at address 0 would be no set at
+// all, which is not looked at.
+bool is_readable(uintptr_t address) {
     constexpr uintptr_t kSetSize = 8;
-    const auto set = reinterpret_cast<uintptr_t>(address) & ~(kSetSize - 1);
+    const uintptr_t set = address & ~(kSetSize - 1);
     const zel::ErrnoKept kept;
-    return syscall(SYS_rt_sigprocmask, ~0, set, nullptr, kSetSize) == 0 || errno != EFAULT;
+    return set != 0 && (syscall(SYS_rt_sigprocmask, ~0, set, nullptr, kSetSize) == 0 || errno != EFAULT);
 }
 
+// A larger table for that many records, taken from the system directly: it is no allocation of the program's.
 template <typename Entry>
-Entry *enlarge(Entry *table, uint32_t count) {
-    auto *larger = static_cast<Entry *>(realloc(static_cast<void *>(table), size_t{count} * sizeof(Entry)));
+Entry *enlarge(Entry *table, size_t count, uint32_t capacity) {
+    auto *larger = static_cast<Entry *>(realloc(static_cast<void *>(table), count * sizeof(Entry)));
     if (larger == nullptr) {
         msg_fatal("Zel MALLOC library internal error: no memory for %lu debug info structures.",
-                  static_cast<unsigned long>(count));
+                  static_cast<unsigned long>(capacity));
     }
     return larger;
 }
 
-// Taken from the system directly: the table is no allocation of the program's.
+void grow_index_set(uint32_t before, uint32_t capacity) {
+    for (uint32_t level = 0; level < kIndexLevels; ++level) {
+        const uint32_t words_before = before == 0 ? 0 : index_words(before, level);
+        const uint32_t words = index_words(capacity, level);
+        if (words == words_before) {
+            return;
+        }
+        uint32_t *&table = debug_heap.in_use.levels[level];
+        table = enlarge(table, words, capacity);
+        std::fill(table + words_before, table + words, 0);
+    }
+}
+
 void grow_table() {
     const uint32_t before = debug_heap.capacity;
     const uint32_t capacity = before + kRecordTableStep;
-    debug_heap.records = enlarge(debug_heap.records, capacity);
-    debug_heap.in_use = enlarge(debug_heap.in_use, index_pages(capacity));
-    std::fill(debug_heap.in_use + index_pages(before), debug_heap.in_use + index_pages(capacity), IndexPage{});
+    debug_heap.records = enlarge(debug_heap.records, capacity, capacity);
+    grow_index_set(before, capacity);
     for (uint32_t index = before; index < capacity; ++index) {
         debug_heap.records[index] = {};
         debug_heap.records[index].state = static_cast<int32_t>(index + 1);
@@ -123,7 +136,8 @@ uint32_t read_trailer(const void *pointer, size_t length) {
 }
 
 bool probe_header(const void *pointer, Header *header) {
-    if (!is_readable(bytes_at(pointer) - kHeaderSize)) {
+    // As numbers: nothing may be computed from a pointer that points nowhere.
+    if (!is_readable(reinterpret_cast<uintptr_t>(pointer) - kHeaderSize)) {
         return false;
     }
     *header = read_header(pointer);
@@ -131,7 +145,7 @@ bool probe_header(const void *pointer, Header *header) {
 }
 
 bool probe_trailer(const void *pointer, size_t length, uint32_t *trailer) {
-    if (!is_readable(bytes_at(pointer) + rounded_up(length))) {
+    if (!is_readable(reinterpret_cast<uintptr_t>(pointer) + rounded_up(length))) {
         return false;
     }
     *trailer = read_trailer(pointer, length);

@@ -68,7 +68,7 @@ struct Header {
 struct DebugHeap {
     int mode;                           // 0, ZEL_MALLOC_CHECK_PTR or ZEL_MALLOC_VERIFY_HEAP; never back to 0
     Record *records;                    // only grows
-    IndexPage *in_use;                  // the records in use, for walking
+    IndexSet in_use;                    // the records in use, for walking
     uint32_t capacity;                  // records in the table
     int32_t free_head = kEndOfFreeList; // released last, reused first
     size_t bytes_in_use;                // sum of the lengths of records in use

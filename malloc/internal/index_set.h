@@ -10,48 +10,76 @@
 namespace zel::memory {
 
 inline constexpr uint32_t kBitsPerWord = 32;
-inline constexpr uint32_t kIndicesPerPage = kBitsPerWord * kBitsPerWord;
 
-// The members among kIndicesPerPage neighbouring indices: a bit each, and a bit for each word that is not empty. The
-// pages of a set stand one behind the other in an array of the caller's, zeroed before its first use.
-struct IndexPage {
-    uint32_t used_words;
-    std::array<uint32_t, kBitsPerWord> words;
+// Enough for every index that an int32_t holds: the last level is a single word.
+inline constexpr uint32_t kIndexLevels = 7;
+
+// A bit for each index; on each level above, a bit for each word below that is not empty. The words are the caller's:
+// a level has index_words of them, zeroed before their first use.
+struct IndexSet {
+    std::array<uint32_t *, kIndexLevels> levels;
 };
 
-constexpr uint32_t index_pages(uint32_t capacity) {
-    return capacity / kIndicesPerPage + (capacity % kIndicesPerPage == 0 ? 0 : 1);
+// The words of a level in a set for the indices below the capacity, which is not 0.
+constexpr uint32_t index_words(uint32_t capacity, uint32_t level) {
+    uint32_t last = capacity - 1;
+    for (uint32_t below = 0; below <= level; ++below) {
+        last /= kBitsPerWord;
+    }
+    return last + 1;
 }
 
-constexpr void insert_index(IndexPage *pages, uint32_t index) {
-    IndexPage &page = pages[index / kIndicesPerPage];
-    const uint32_t word = index % kIndicesPerPage / kBitsPerWord;
-    page.words[word] |= uint32_t{1} << (index % kBitsPerWord);
-    page.used_words |= uint32_t{1} << word;
-}
-
-constexpr void erase_index(IndexPage *pages, uint32_t index) {
-    IndexPage &page = pages[index / kIndicesPerPage];
-    const uint32_t word = index % kIndicesPerPage / kBitsPerWord;
-    page.words[word] &= ~(uint32_t{1} << (index % kBitsPerWord));
-    if (page.words[word] == 0) {
-        page.used_words &= ~(uint32_t{1} << word);
+constexpr void insert_index(IndexSet &set, uint32_t index) {
+    for (uint32_t *level : set.levels) {
+        uint32_t &word = level[index / kBitsPerWord];
+        const bool was_empty = word == 0;
+        word |= uint32_t{1} << (index % kBitsPerWord);
+        if (!was_empty) {
+            return;
+        }
+        index /= kBitsPerWord;
     }
 }
 
-// The smallest member that is not below the number, or the capacity when there is none.
-constexpr uint32_t next_index(const IndexPage *pages, uint32_t capacity, uint32_t from) {
-    while (from < capacity) {
-        const IndexPage &page = pages[from / kIndicesPerPage];
-        const uint32_t word = from % kIndicesPerPage / kBitsPerWord;
-        const uint32_t rest = page.words[word] >> (from % kBitsPerWord);
-        if (rest != 0) {
-            return from + static_cast<uint32_t>(std::countr_zero(rest));
+constexpr void erase_index(IndexSet &set, uint32_t index) {
+    for (uint32_t *level : set.levels) {
+        uint32_t &word = level[index / kBitsPerWord];
+        word &= ~(uint32_t{1} << (index % kBitsPerWord));
+        if (word != 0) {
+            return;
         }
-        const uint64_t later_words = uint64_t{page.used_words} >> (word + 1);
-        const uint32_t next_word =
-            later_words == 0 ? kBitsPerWord : word + 1 + static_cast<uint32_t>(std::countr_zero(later_words));
-        from = (from / kIndicesPerPage) * kIndicesPerPage + next_word * kBitsPerWord;
+        index /= kBitsPerWord;
+    }
+}
+
+// The smallest member below a bit of a level that is set.
+constexpr uint32_t first_below(const IndexSet &set, uint32_t level, uint32_t bit) {
+    while (level > 0) {
+        --level;
+        bit = bit * kBitsPerWord + static_cast<uint32_t>(std::countr_zero(set.levels[level][bit]));
+    }
+    return bit;
+}
+
+// The smallest member that is not below the number, or the capacity when there is none. Up through the levels until one
+// has a bit at or behind the place looked at, then down again.
+constexpr uint32_t next_index(const IndexSet &set, uint32_t capacity, uint32_t from) {
+    if (from >= capacity) {
+        return capacity;
+    }
+    uint32_t bit = from;
+    uint32_t last_word = capacity - 1;
+    for (uint32_t level = 0; level < kIndexLevels; ++level) {
+        const uint32_t word = bit / kBitsPerWord;
+        last_word /= kBitsPerWord;
+        if (word > last_word) {
+            return capacity;
+        }
+        const uint32_t rest = set.levels[level][word] >> (bit % kBitsPerWord);
+        if (rest != 0) {
+            return first_below(set, level, bit + static_cast<uint32_t>(std::countr_zero(rest)));
+        }
+        bit = word + 1;
     }
     return capacity;
 }
