@@ -1,0 +1,148 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// The set of record indices beside a set of the standard library.
+#include <malloc/internal/index_set.h>
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <random>
+#include <set>
+#include <vector>
+
+using namespace zel::memory;
+
+namespace {
+
+// A set with its words, and what it must be equal to.
+struct Pair {
+    explicit Pair(uint32_t range) : capacity(range) {
+        for (uint32_t level = 0; level < kIndexLevels; ++level) {
+            words[level].resize(index_words(range, level));
+            set.levels[level] = words[level].data();
+        }
+    }
+
+    void insert(uint32_t index) {
+        insert_index(set, index);
+        reference.insert(index);
+    }
+
+    void erase(uint32_t index) {
+        erase_index(set, index);
+        reference.erase(index);
+    }
+
+    uint32_t expected_next(uint32_t from) const {
+        const auto next = reference.lower_bound(from);
+        return next == reference.end() ? capacity : *next;
+    }
+
+    void expect_equal() const {
+        for (uint32_t from = 0; from <= capacity; ++from) {
+            ASSERT_EQ(next_index(set, capacity, from), expected_next(from)) << "from " << from << " of " << capacity;
+        }
+    }
+
+    uint32_t capacity;
+    IndexSet set = {};
+    std::array<std::vector<uint32_t>, kIndexLevels> words;
+    std::set<uint32_t> reference;
+};
+
+constexpr std::array<uint32_t, 13> kRanges = {1, 2, 31, 32, 33, 1023, 1024, 1025, 2048, 3000, 32767, 32768, 32769};
+
+} // namespace
+
+TEST(IndexSet, NothingIsNextInAnEmptySet) {
+    for (const uint32_t range : kRanges) {
+        Pair(range).expect_equal();
+    }
+}
+
+TEST(IndexSet, ASetWithoutARangeHasNoNext) {
+    EXPECT_EQ(next_index(IndexSet{}, 0, 0), 0U);
+}
+
+TEST(IndexSet, ASingleMemberIsFoundFromAllThatIsNotAboveIt) {
+    for (const uint32_t range : {33U, 1025U, 2048U}) {
+        for (uint32_t index = 0; index < range; index += 31) {
+            Pair pair(range);
+            pair.insert(index);
+            pair.expect_equal();
+            pair.erase(index);
+            pair.expect_equal();
+        }
+    }
+}
+
+TEST(IndexSet, TheLastIndexOfARangeIsFound) {
+    for (const uint32_t range : kRanges) {
+        Pair pair(range);
+        pair.insert(range - 1);
+        pair.expect_equal();
+    }
+}
+
+TEST(IndexSet, AFullSetHasEveryIndex) {
+    for (const uint32_t range : kRanges) {
+        Pair pair(range);
+        for (uint32_t index = 0; index < range; ++index) {
+            pair.insert(index);
+        }
+        pair.expect_equal();
+    }
+}
+
+TEST(IndexSet, ItIsEqualToAReferenceWhateverComesAndGoes) {
+    std::mt19937 random(1);
+    for (const uint32_t range : kRanges) {
+        Pair pair(range);
+        for (int round = 0; round < 20; ++round) {
+            for (int step = 0; step < 50; ++step) {
+                const uint32_t index = static_cast<uint32_t>(random()) % range;
+                random() % 2 == 0 ? pair.insert(index) : pair.erase(index);
+            }
+            pair.expect_equal();
+        }
+        while (!pair.reference.empty()) {
+            pair.erase(*pair.reference.begin());
+        }
+        pair.expect_equal();
+    }
+}
+
+TEST(IndexSet, ErasingWhatIsNotInItChangesNothing) {
+    Pair pair(2048);
+    pair.insert(7);
+    pair.erase(8);
+    pair.erase(2047);
+    pair.expect_equal();
+}
+
+TEST(IndexSet, EachLevelHasAWordForThirtyTwoOfTheLevelBelow) {
+    EXPECT_EQ(index_words(1, 0), 1U);
+    EXPECT_EQ(index_words(32, 0), 1U);
+    EXPECT_EQ(index_words(33, 0), 2U);
+    EXPECT_EQ(index_words(1024, 0), 32U);
+    EXPECT_EQ(index_words(1024, 1), 1U);
+    EXPECT_EQ(index_words(1025, 1), 2U);
+    EXPECT_EQ(index_words(32769, 2), 2U);
+}
+
+TEST(IndexSet, TheLastLevelIsOneWordForEveryIndexThatThereCanBe) {
+    EXPECT_EQ(index_words(UINT32_MAX, kIndexLevels - 1), 1U);
+}
+
+TEST(IndexSet, AWalkLooksAtAFewWordsForEachMemberWhateverTheRange) {
+    // The words on the way to the members are there; all others are not, and looking at one would end the test.
+    constexpr uint32_t kRange = uint32_t{1} << 30;
+    std::array<std::array<uint32_t, 1>, kIndexLevels> words = {};
+    IndexSet set = {};
+    for (uint32_t level = 0; level < kIndexLevels; ++level) {
+        set.levels[level] = words[level].data();
+    }
+    insert_index(set, 3);
+    EXPECT_EQ(next_index(set, kRange, 0), 3U);
+    // Behind the only member of the lowest words, the levels above say at once that nothing follows.
+    EXPECT_EQ(next_index(set, kRange, 4), kRange);
+}
