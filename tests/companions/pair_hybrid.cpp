@@ -10,6 +10,7 @@
 int main(int argc, char **argv) {
     PairHandle *ph = zel::test::open_or_exit(1, 1);
     if (argc < 2 || platform_pair_rx_fd(ph) == atoi(argv[1])) {
+        platform_pair_close(ph);
         return zel::test::kTookDescriptor;
     }
     const int32_t said[] = {ph->kind,
