@@ -52,6 +52,7 @@ bool compose_path(LogPath &path, const char *directory, const char *name) {
     constexpr int kCentury = 100;
     const time_t now = time(nullptr);
     struct tm local = {};
+    tzset(); // localtime_r reads the time zone once; the program may have set another since
     localtime_r(&now, &local);
     return zel::format_text(path, "%s/zel%02d%02d%02d%02d%02d%02d%s.log", directory, local.tm_year - kCentury,
                             local.tm_mon, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
