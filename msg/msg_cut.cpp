@@ -45,8 +45,9 @@ size_t break_point(std::string_view rest, ptrdiff_t room) {
     if (blank != std::string_view::npos && blank >= blanks) {
         return blank;
     }
-    // A first word longer than the room is written whole and overflows; behind blanks it moves to the next line.
-    return blanks == 0 ? std::min(rest.find_first_of(kWordEnds), rest.size()) : 0;
+    // A first word longer than the room is written whole and overflows. Where blanks come first, this is where they
+    // begin: nothing is written, and the word moves to the next line.
+    return std::min(rest.find_first_of(kWordEnds), rest.size());
 }
 
 } // namespace zel::msg

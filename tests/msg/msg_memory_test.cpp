@@ -31,12 +31,14 @@ std::function<void *(size_t)> malloc_failing_at(int nth) {
     };
 }
 
-// As many streams in the diag list as it has slots.
-const MsgStreamDesc *fill_diag_list() {
-    const MsgStreamDesc *desc = _msg_get_stream_desc(MSG_DIAG);
-    do {
-        msg_add_stream(MSG_DIAG, stdout);
-    } while (desc->count < desc->capacity);
+// Puts the stream into each slot that the list of the type has.
+const MsgStreamDesc *fill_list(int type, FILE *stream) {
+    const MsgStreamDesc *desc = _msg_get_stream_desc(type);
+    msg_clear_streams(type);
+    msg_add_stream(type, stream);
+    for (int32_t free_slots = desc->capacity - desc->count; free_slots > 0; --free_slots) {
+        msg_add_stream(type, stream);
+    }
     return desc;
 }
 
@@ -56,7 +58,7 @@ TEST(MsgMemory, WithoutTheFirstSlotsOfAListTheProcessEnds) {
 
 TEST(MsgMemory, AListThatCannotGrowKeepsItsStreamsAndWarns) {
     const Outcome outcome = run_messages([] {
-        const MsgStreamDesc *desc = fill_diag_list();
+        const MsgStreamDesc *desc = fill_list(MSG_DIAG, stdout);
         const MsgStreamDesc before = *desc;
         {
             // Only the list: the warning is formatted as ever.
@@ -76,15 +78,9 @@ TEST(MsgMemory, AListThatCannotGrowKeepsItsStreamsAndWarns) {
 
 TEST(MsgMemory, TheListOfTheWarningsItselfSurvivesNotGrowing) {
     const Outcome outcome = run_messages([] {
-        const MsgStreamDesc *desc = _msg_get_stream_desc(MSG_WARNING);
-        msg_clear_streams(MSG_WARNING);
-        do {
-            msg_add_stream(MSG_WARNING, stderr);
-        } while (desc->count < desc->capacity);
-        for (int count = desc->count; count > 1; --count) {
-            msg_remove_stream(MSG_WARNING, stderr);
-            msg_add_stream(MSG_WARNING, stdout);
-        }
+        fill_list(MSG_WARNING, stdout);
+        msg_remove_stream(MSG_WARNING, stdout);
+        msg_add_stream(MSG_WARNING, stderr);
         const Interposed failing(hook::realloc, fail_nth(hook::realloc, 0, ENOMEM, nullptr));
         msg_add_stream(MSG_WARNING, stdout);
     });

@@ -278,8 +278,10 @@ TEST(MsgStreams, SyncModeZeroDoesNotClearTheFlag) {
 }
 
 TEST(MsgStreams, AModeAboveOneIsReturnedAndSetsNothing) {
-    const Outcome outcome =
-        run_messages([] { printf("%d %d", msg_sync_mode(MSG_DIAG, 2), msg_sync_mode(MSG_DIAG, -1)); });
+    const Outcome outcome = run_messages([] {
+        printf("%d ", msg_sync_mode(MSG_DIAG, 2));
+        printf("%d", msg_sync_mode(MSG_DIAG, -1));
+    });
     EXPECT_EQ(outcome.out, "2 0");
 }
 
