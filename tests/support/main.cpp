@@ -51,6 +51,12 @@ extern "C" const char *__asan_default_options() { // NOLINT(bugprone-reserved-id
     return "allocator_may_return_null=1:print_suppressions=0";
 }
 
+// A list of what was suppressed would stand in the standard error of a child, which tests compare.
+extern "C" const char *__lsan_default_options();
+extern "C" const char *__lsan_default_options() {
+    return "print_suppressions=0";
+}
+
 int main(int argc, char **argv) {
     testing::InitGoogleTest(&argc, argv);
     // Ahead of the printer, which would otherwise call a test passed before it was looked at.
