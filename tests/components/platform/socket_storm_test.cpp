@@ -1,0 +1,218 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// Every operation that waits, while a signal comes each millisecond and restarts no system call.
+#include "socket_support.h"
+
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/time.h>
+#include <sys/un.h>
+
+namespace {
+
+using namespace zel::test;
+
+constexpr int kEnough = 20;
+
+// What the signal does: it plays the peer, so that the wait ends after it was interrupted often enough. System calls
+// alone, for it runs anywhere.
+std::function<void()> on_signal;
+volatile sig_atomic_t signals = 0;
+
+void take_signal(int /*signal*/) {
+    const int error = errno;
+    signals = signals + 1;
+    if (signals >= kEnough) {
+        on_signal();
+    }
+    errno = error;
+}
+
+struct Storm {
+    explicit Storm(std::function<void()> peer) {
+        on_signal = std::move(peer);
+        signals = 0;
+        struct sigaction action = {};
+        action.sa_handler = take_signal;
+        sigaction(SIGALRM, &action, &before_);
+        const itimerval every_millisecond = {.it_interval = {.tv_sec = 0, .tv_usec = 1000},
+                                             .it_value = {.tv_sec = 0, .tv_usec = 1000}};
+        setitimer(ITIMER_REAL, &every_millisecond, nullptr);
+    }
+    ~Storm() {
+        const itimerval never = {};
+        setitimer(ITIMER_REAL, &never, nullptr);
+        sigaction(SIGALRM, &before_, nullptr);
+        EXPECT_GE(signals, kEnough);
+    }
+    Storm(const Storm &) = delete;
+    Storm &operator=(const Storm &) = delete;
+
+private:
+    struct sigaction before_ = {};
+};
+
+// Sends a text piece by piece, one byte a signal.
+std::function<void()> sender(int fd, const char *text) {
+    return [fd, text, sent = size_t{0}]() mutable {
+        if (text[sent] != '\0' && send(fd, text + sent, 1, MSG_NOSIGNAL) == 1) {
+            ++sent;
+        }
+    };
+}
+
+// Takes what comes, as far as the signals leave it room.
+struct Receiver {
+    explicit Receiver(int socket) : fd(socket) {}
+    int fd;
+    std::string text = std::string(8U << 20U, '\0');
+    size_t length = 0;
+    void take() {
+        const ssize_t count =
+            recv(fd, text.data() + length, std::min<size_t>(text.size() - length, 65536), MSG_DONTWAIT);
+        length += count > 0 ? static_cast<size_t>(count) : 0;
+    }
+    std::string all() {
+        text.resize(length);
+        return text + waiting_on(fd);
+    }
+};
+
+// Connects to the listener, once.
+struct Client {
+    explicit Client(const Listener &listener) : address(listener.address) {
+        fd.fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    }
+    sockaddr_in address;
+    Descriptor fd{-1};
+    void connect() { ::connect(fd.fd, reinterpret_cast<const sockaddr *>(&address), sizeof address); }
+};
+
+std::string varied_text(size_t length) {
+    std::string text(length, '\0');
+    for (size_t position = 0; position < length; ++position) {
+        text[position] = static_cast<char>('a' + position % 23);
+    }
+    return text;
+}
+
+TEST(SignalStorm, SelectRecvWaitsOn) {
+    const SocketPair pair;
+    char byte = '\0';
+    const Storm storm(sender(pair.theirs.fd, "x"));
+    EXPECT_EQ(platform_select_recv(pair.ours.fd, &byte, 1, 1, nullptr), 1);
+    EXPECT_EQ(byte, 'x');
+}
+
+TEST(SignalStorm, GetOneMessageWaitsForAWholeMessage) {
+    const SocketPair pair;
+    const CurrentBuffer buffer;
+    const Dispatched dispatched;
+    {
+        const Storm storm(sender(pair.theirs.fd, "A\r\nB\r\n\r\n"));
+        EXPECT_EQ(platform_get_one_message(pair.ours.fd, handle_message, nullptr, 1), 1);
+    }
+    EXPECT_EQ(dispatched.messages, (std::vector<Message>{{"A", "B"}}));
+}
+
+TEST(SignalStorm, MessageLoopHandsOverAllMessages) {
+    const SocketPair pair;
+    const CurrentBuffer buffer;
+    std::vector<Message> messages;
+    on_message = [&messages](int, char *first_line, char **lines) {
+        messages.push_back(message_of(first_line, lines));
+        return strcmp(first_line, "quit") == 0 ? 0 : 1;
+    };
+    {
+        const Storm storm(sender(pair.theirs.fd, "A\r\nB\r\n\r\nquit\r\n\r\n"));
+        platform_message_loop(pair.ours.fd, handle_message, nullptr, 0);
+    }
+    EXPECT_EQ(messages, (std::vector<Message>{{"A", "B"}, {"quit"}}));
+    on_message = nullptr;
+}
+
+TEST(SignalStorm, SendAllSendsAll) {
+    const SocketPair pair;
+    const std::string data = varied_text(4U << 20U);
+    Receiver receiver(pair.theirs.fd);
+    {
+        const Storm storm([&receiver] { receiver.take(); });
+        EXPECT_EQ(platform_send_all(pair.ours.fd, data.data(), static_cast<int32_t>(data.size())),
+                  static_cast<int>(data.size()));
+    }
+    EXPECT_TRUE(receiver.all() == data);
+}
+
+TEST(SignalStorm, SendMessageSendsAll) {
+    const SocketPair pair;
+    const std::string line = varied_text(2U << 20U);
+    Receiver receiver(pair.theirs.fd);
+    {
+        const Storm storm([&receiver] { receiver.take(); });
+        EXPECT_EQ(platform_send_message(pair.ours.fd, "A", line.c_str(), "C", static_cast<char *>(nullptr)), 1);
+    }
+    EXPECT_TRUE(receiver.all() == "A\r\n" + line + "\r\nC\r\n\r\n");
+}
+
+TEST(SignalStorm, AcceptTimeoutWaitsOn) {
+    Listener listener;
+    Client client(listener);
+    const Storm storm([&client] { client.connect(); });
+    const Descriptor accepted(platform_accept_timeout(listener.fd.fd, 60));
+    EXPECT_NE(accepted.fd, -1);
+    listener.fd.fd = -1; // closed by the call
+}
+
+TEST(SignalStorm, AcceptOnceWaitsOn) {
+    Listener listener;
+    Client client(listener);
+    const Storm storm([&client] { client.connect(); });
+    const Descriptor accepted(platform_accept_once(listener.fd.fd));
+    EXPECT_NE(accepted.fd, -1);
+    listener.fd.fd = -1; // closed by the call
+}
+
+TEST(SignalStorm, AcceptRetryWaitsOn) {
+    const Listener listener;
+    Client client(listener);
+    const Storm storm([&client] { client.connect(); });
+    const Descriptor accepted(platform_accept_retry(listener.fd.fd, nullptr, nullptr));
+    EXPECT_NE(accepted.fd, -1);
+}
+
+// A listening Unix-domain socket whose queue is full: connecting to it waits until somebody is accepted.
+struct FullListener {
+    FullListener() {
+        fd.fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        address.sun_family = AF_UNIX;
+        EXPECT_EQ(bind(fd.fd, pointer(), sizeof address.sun_family), 0); // the system chooses a name
+        EXPECT_EQ(getsockname(fd.fd, pointer(), &length), 0);
+        EXPECT_EQ(listen(fd.fd, 0), 0);
+        first.fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        EXPECT_EQ(connect(first.fd, pointer(), length), 0);
+    }
+    sockaddr *pointer() { return reinterpret_cast<sockaddr *>(&address); }
+    sockaddr_un address = {};
+    socklen_t length = sizeof address;
+    Descriptor fd{-1};
+    Descriptor first{-1};
+};
+
+TEST(SignalStorm, SocketOpenWaitsForItsConnection) {
+    FullListener listener;
+    addrinfo entry = {};
+    entry.ai_family = AF_UNIX;
+    entry.ai_socktype = SOCK_STREAM;
+    entry.ai_addr = listener.pointer();
+    entry.ai_addrlen = listener.length;
+    Descriptor accepted(-1);
+    const Storm storm([&] {
+        if (accepted.fd == -1) {
+            accepted.fd = accept(listener.fd.fd, nullptr, nullptr);
+        }
+    });
+    const Descriptor connected(platform_socket_open(&entry, 0, 0));
+    EXPECT_NE(connected.fd, -1);
+}
+
+} // namespace
