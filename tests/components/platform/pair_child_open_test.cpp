@@ -47,28 +47,24 @@ void expect_kind(const std::string &value, int32_t kind) {
     EXPECT_EQ(platform_pair_hybrid_environment(opened.ph), kind == 13 ? 1 : 0);
 }
 
-void expect_unreadable(const std::string &value) {
-    SCOPED_TRACE(value);
+void expect_not_open(const std::optional<std::string> &value, int32_t kind, int32_t error, const char *text) {
+    SCOPED_TRACE(value.value_or("unset"));
     const Opened opened(value);
-    EXPECT_EQ(opened.ph->kind, 12);
-    EXPECT_EQ(opened.ph->error_number, -1);
-    EXPECT_EQ(opened.ph->error_text, nullptr);
+    EXPECT_EQ(opened.ph->kind, kind);
+    EXPECT_EQ(opened.ph->error_number, error);
+    EXPECT_STREQ(opened.ph->error_text, text);
     EXPECT_EQ(opened.ph->companion_pid, 0);
     EXPECT_EQ(opened.ph->rx_fd, -1);
     EXPECT_EQ(opened.ph->tx_fd, -1);
-    EXPECT_EQ(platform_pair_ok(opened.ph), 0);
+    EXPECT_EQ(platform_pair_ok(opened.ph), error == 0 ? 1 : 0);
+}
+
+void expect_unreadable(const std::string &value) {
+    expect_not_open(value, 12, -1, nullptr);
 }
 
 void expect_wrong_type(const std::optional<std::string> &value) {
-    const Opened opened(value);
-    const PairHandle *ph = opened.ph;
-    EXPECT_EQ(ph->kind, 0);
-    EXPECT_EQ(ph->error_number, 0);
-    EXPECT_STREQ(ph->error_text, kWrongType);
-    EXPECT_EQ(ph->companion_pid, 0);
-    EXPECT_EQ(ph->rx_fd, -1);
-    EXPECT_EQ(ph->tx_fd, -1);
-    EXPECT_EQ(platform_pair_ok(ph), 1);
+    expect_not_open(value, 0, 0, kWrongType);
 }
 
 // The signals whose handling an open changes, in order, to what: "1 ignored ".
@@ -202,10 +198,7 @@ TEST(PairChildOpen, AnEndOfAPairIsOpened) {
 
 TEST(PairChildOpen, TheModeOfTheDescriptorIsNotTouched) {
     int calls = 0;
-    const Interposed counting(hook::fcntl, [&calls](int, int, long) {
-        ++calls;
-        return 0;
-    });
+    const Interposed counting(hook::fcntl, count_calls(hook::fcntl, calls, 0));
     const Opened blocking("123 7 pid-rtx_fd_l", 0, 1);
     const Opened not_blocking("123 7 pid-rtx_fd_l", 0, 0);
     EXPECT_EQ(calls, 0);

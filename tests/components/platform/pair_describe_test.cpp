@@ -10,21 +10,6 @@ namespace {
 
 constexpr size_t kDescriptionSize = 2048;
 
-PairHandle record_of(int32_t parent) {
-    return {.companion_pid = 4711,
-            .parent = parent,
-            .kind = 12,
-            .hybrid_environment = 0,
-            .blocking = 1,
-            .rx_fd = 5,
-            .tx_fd = 6,
-            .child_exit_status = 256,
-            .child_term_signal = 9,
-            .error_number = 32,
-            .error_text = nullptr,
-            .self = nullptr};
-}
-
 std::string description_of(PairHandle ph) {
     ph.self = &ph;
     std::array<char, kDescriptionSize> buffer;
@@ -42,19 +27,19 @@ std::string corrupt_description(const void *handle, const void *self) {
 } // namespace
 
 TEST(PairDescribe, AParentsHandle) {
-    EXPECT_EQ(description_of(record_of(1)),
-              "handle intact; parent side; companion pid 4711; reads block; read FD 5; write FD 6; child status 256; "
-              "term signal 9; errno 32; zel: None");
+    EXPECT_EQ(description_of(sample_record(1)),
+              "handle intact; parent side; companion pid 4711; reads block; read FD 15; write FD 16; child status 256; "
+              "term signal 9; errno 2; zel: None");
 }
 
 TEST(PairDescribe, ACompanionsHandleHasNoChildStatus) {
-    EXPECT_EQ(description_of(record_of(0)),
-              "handle intact; child side; companion pid 4711; reads block; read FD 5; write FD 6; term signal 9; "
-              "errno 32; zel: None");
+    EXPECT_EQ(description_of(sample_record(0)),
+              "handle intact; child side; companion pid 4711; reads block; read FD 15; write FD 16; term signal 9; "
+              "errno 2; zel: None");
 }
 
 TEST(PairDescribe, ReadsThatDoNotBlock) {
-    PairHandle ph = record_of(0);
+    PairHandle ph = sample_record(0);
     ph.blocking = 0;
     EXPECT_NE(description_of(ph).find("; reads non-blocking; "), std::string::npos);
     ph.blocking = -3;
@@ -62,7 +47,7 @@ TEST(PairDescribe, ReadsThatDoNotBlock) {
 }
 
 TEST(PairDescribe, NegativeNumbersAreShownAsSuch) {
-    PairHandle ph = record_of(1);
+    PairHandle ph = sample_record(1);
     ph.companion_pid = INT32_MIN;
     ph.rx_fd = ph.tx_fd = ph.error_number = -1;
     EXPECT_EQ(description_of(ph),
@@ -71,7 +56,7 @@ TEST(PairDescribe, NegativeNumbersAreShownAsSuch) {
 }
 
 TEST(PairDescribe, AnErrorTextReplacesEverythingElse) {
-    PairHandle ph = record_of(1);
+    PairHandle ph = sample_record(1);
     ph.error_text = "fork failed";
     EXPECT_EQ(description_of(ph), "zel: fork failed");
     ph.parent = 0;
@@ -80,13 +65,13 @@ TEST(PairDescribe, AnErrorTextReplacesEverythingElse) {
 }
 
 TEST(PairDescribe, AnErrorTextIsNoFormat) {
-    PairHandle ph = record_of(1);
+    PairHandle ph = sample_record(1);
     ph.error_text = "100%d of %s";
     EXPECT_EQ(description_of(ph), "zel: 100%d of %s");
 }
 
 TEST(PairDescribe, ADamagedHandleShowsBothAddresses) {
-    PairHandle ph = record_of(1);
+    PairHandle ph = sample_record(1);
     ph.error_text = "fork failed";
     for (PairHandle *self : {static_cast<PairHandle *>(nullptr), &ph + 1}) {
         ph.self = self;
@@ -102,7 +87,7 @@ TEST(PairDescribe, ANullHandleIsACorruptOneWithoutAddresses) {
 }
 
 TEST(PairDescribe, WithoutABufferTheOneOfTheLibraryIsOverwritten) {
-    PairHandle ph = record_of(1);
+    PairHandle ph = sample_record(1);
     ph.self = &ph;
     const char *first = platform_pair_describe(&ph, nullptr);
     ASSERT_NE(first, nullptr);
@@ -115,13 +100,13 @@ TEST(PairDescribe, WithoutABufferTheOneOfTheLibraryIsOverwritten) {
 TEST(PairDescribe, ABufferOfTheCallersLeavesTheOneOfTheLibraryAlone) {
     const char *own = platform_pair_describe(nullptr, nullptr);
     const std::string before = own;
-    EXPECT_EQ(description_of(record_of(1)).substr(0, 13), "handle intact");
+    EXPECT_EQ(description_of(sample_record(1)).substr(0, 13), "handle intact");
     EXPECT_EQ(std::string(own), before);
 }
 
 TEST(PairDescribe, ALongTextIsCutToTheBuffer) {
     const std::string text(3000, 'x');
-    PairHandle ph = record_of(1);
+    PairHandle ph = sample_record(1);
     ph.error_text = text.c_str();
     ph.self = &ph;
     std::array<char, kDescriptionSize + 1> buffer;
@@ -140,8 +125,7 @@ TEST(PairDescribe, OpenHandlesOfBothOutcomes) {
                   "; reads block; read FD " + fd + "; write FD " + fd +
                   "; child status 256; term signal 0; errno 0; zel: None");
     EXPECT_EQ(finish(ph), kServed);
-    const Interposed failing(hook::socketpair, fail_always(hook::socketpair, EMFILE, -1));
-    ph = start();
+    ph = start_without_sockets();
     EXPECT_STREQ(platform_pair_describe(ph, nullptr), "zel: socketpair create failed");
     platform_pair_close(ph);
 }

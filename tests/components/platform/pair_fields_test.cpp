@@ -9,22 +9,6 @@ using namespace zel::test;
 
 namespace {
 
-// Two records with a different number in each field.
-PairHandle record_of(int32_t parent) {
-    return {.companion_pid = 11,
-            .parent = parent,
-            .kind = 12,
-            .hybrid_environment = 13,
-            .blocking = 14,
-            .rx_fd = 15,
-            .tx_fd = 16,
-            .child_exit_status = 17,
-            .child_term_signal = 18,
-            .error_number = ENOENT,
-            .error_text = "some step failed",
-            .self = nullptr};
-}
-
 struct Operation {
     const char *name; // as the assertion names it
     void (*call)(PairHandle *ph);
@@ -62,41 +46,42 @@ void expect_abort(const Operation &operation, PairHandle *ph) {
 } // namespace
 
 TEST(PairFields, EachOperationReturnsItsField) {
-    PairHandle ph = record_of(1);
+    PairHandle ph = sample_record(1);
     ph.self = &ph;
     EXPECT_EQ(platform_pair_errno(&ph), ENOENT);
     EXPECT_EQ(platform_pair_parent(&ph), 1);
     EXPECT_EQ(platform_pair_rx_fd(&ph), 15);
     EXPECT_EQ(platform_pair_tx_fd(&ph), 16);
-    EXPECT_EQ(platform_pair_companion_pid(&ph), 11);
-    EXPECT_EQ(platform_pair_child_exit_status(&ph), 17);
-    EXPECT_EQ(platform_pair_child_term_signal(&ph), 18);
+    EXPECT_EQ(platform_pair_companion_pid(&ph), 4711);
+    EXPECT_EQ(platform_pair_child_exit_status(&ph), 256);
+    EXPECT_EQ(platform_pair_child_term_signal(&ph), 9);
     EXPECT_EQ(platform_pair_hybrid_environment(&ph), 13);
 }
 
 TEST(PairFields, AHandleIsAChildsWhenItIsNotAParents) {
-    PairHandle parent = record_of(1);
+    PairHandle parent = sample_record(1);
     parent.self = &parent;
     EXPECT_EQ(platform_pair_child(&parent), 0);
-    PairHandle child = record_of(0);
+    PairHandle child = sample_record(0);
     child.self = &child;
     EXPECT_EQ(platform_pair_parent(&child), 0);
     EXPECT_EQ(platform_pair_child(&child), 1);
 }
 
 TEST(PairFields, AHandleIsHealthyWithoutAnError) {
-    PairHandle ph = record_of(1);
+    PairHandle ph = sample_record(1);
     ph.self = &ph;
     for (const int32_t error : {-1, 1, EAGAIN, INT32_MAX}) {
         ph.error_number = error;
         EXPECT_EQ(platform_pair_ok(&ph), 0) << error;
     }
     ph.error_number = 0;
+    ph.error_text = "some step failed";
     EXPECT_EQ(platform_pair_ok(&ph), 1) << "whatever the error text says";
 }
 
 TEST(PairFields, TheErrorTextIsTheSystems) {
-    PairHandle ph = record_of(1);
+    PairHandle ph = sample_record(1);
     ph.self = &ph;
     EXPECT_STREQ(platform_pair_errstr(&ph), "No such file or directory");
     ph.error_number = 0;
@@ -106,7 +91,7 @@ TEST(PairFields, TheErrorTextIsTheSystems) {
 }
 
 TEST(PairFields, AHandleIsValidWhileItPointsAtItself) {
-    PairHandle ph = record_of(1);
+    PairHandle ph = sample_record(1);
     ph.self = &ph;
     EXPECT_EQ(platform_pair_valid(&ph), 1);
     PairHandle copy = ph;
@@ -123,7 +108,7 @@ TEST(PairFields, NoOperationTakesANullHandle) {
 }
 
 TEST(PairFields, NoOperationTakesADamagedHandle) {
-    PairHandle ph = record_of(1);
+    PairHandle ph = sample_record(1);
     ph.self = &ph + 1;
     for (const Operation &operation : kAsserting) {
         expect_abort(operation, &ph);
@@ -132,7 +117,7 @@ TEST(PairFields, NoOperationTakesADamagedHandle) {
 
 TEST(PairFields, AnOkQuestionOnADamagedHandleNamesErrno) {
     const Operation ok = {"platform_pair_errno", [](PairHandle *ph) { platform_pair_ok(ph); }};
-    PairHandle ph = record_of(1);
+    PairHandle ph = sample_record(1);
     expect_abort(ok, &ph);
     expect_abort(ok, nullptr);
 }

@@ -196,10 +196,7 @@ TEST(PairHybrid, ARefusedConnectionIsADiagnosticLineAndAnError) {
 
 TEST(PairHybrid, AnUnreadableValueIsAnErrorBeforeAnyConnection) {
     int attempts = 0;
-    const Interposed counting(hook::socket, [&attempts](int, int, int) {
-        ++attempts;
-        return -1;
-    });
+    const Interposed counting(hook::socket, count_calls(hook::socket, attempts, -1));
     PairHandle *ph = open_hybrid("abc pid-rtx_fd_w");
     EXPECT_EQ(platform_pair_errno(ph), -1);
     EXPECT_EQ(ph->error_text, nullptr);
@@ -214,10 +211,7 @@ TEST(PairHybrid, SignalsStayAsTheyWere) {
     const Port port;
     port.start_listening();
     int changes = 0;
-    const Interposed counting(hook::sigaction, [&changes](int, const struct sigaction *, struct sigaction *) {
-        ++changes;
-        return 0;
-    });
+    const Interposed counting(hook::sigaction, count_calls(hook::sigaction, changes, 0));
     platform_pair_close(open_hybrid(variable_for(port.number), "1", 1));
     EXPECT_EQ(changes, 0);
 }

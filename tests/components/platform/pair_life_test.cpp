@@ -25,18 +25,6 @@ void PrintTo(const Round &round, std::ostream *out) {
          << ", left open " << round.left_open;
 }
 
-// Closes what is open now and was not before. Returns how many descriptors that were.
-size_t close_added_since(const std::set<int> &before) {
-    size_t added = 0;
-    for (const int fd : open_descriptors()) {
-        if (before.count(fd) == 0) {
-            ++added;
-            hook::close.real(fd);
-        }
-    }
-    return added;
-}
-
 Round run_round(int blocking) {
     const std::set<int> before = open_descriptors();
     PairHandle *ph = start({.blocking = blocking});

@@ -46,18 +46,6 @@ void expect_nothing_open(const PairHandle *ph, int error, const char *text) {
     EXPECT_EQ(platform_pair_valid(ph), 1);
 }
 
-// Closes what is open now and was not before. Returns how many descriptors that were.
-size_t close_added_since(const std::set<int> &before) {
-    size_t added = 0;
-    for (const int fd : open_descriptors()) {
-        if (before.count(fd) == 0) {
-            ++added;
-            close(fd);
-        }
-    }
-    return added;
-}
-
 // Whether two descriptors are the ends of one pair.
 bool are_connected(int one, int other) {
     char byte = 0;
@@ -116,18 +104,9 @@ TEST(PairParentOpen, AForkIsTriedAgainWithoutAPause) {
     const std::set<int> before = open_descriptors();
     const FailingFork failing(times(40, EAGAIN));
     int pauses = 0;
-    const Interposed sleeping(hook::sleep, [&pauses](unsigned) {
-        ++pauses;
-        return 0u;
-    });
-    const Interposed polling(hook::ppoll, [&pauses](pollfd *, nfds_t, const timespec *, const sigset_t *) {
-        ++pauses;
-        return 0;
-    });
-    const Interposed selecting(hook::select, [&pauses](int, fd_set *, fd_set *, fd_set *, timeval *) {
-        ++pauses;
-        return 0;
-    });
+    const Interposed sleeping(hook::sleep, count_calls(hook::sleep, pauses, 0));
+    const Interposed polling(hook::ppoll, count_calls(hook::ppoll, pauses, 0));
+    const Interposed selecting(hook::select, count_calls(hook::select, pauses, 0));
     platform_pair_close(start());
     EXPECT_EQ(pauses, 0);
     close_added_since(before);
@@ -176,10 +155,7 @@ TEST(PairParentOpen, AFailedForkLeavesSigpipeAsItWas) {
     const std::set<int> before = open_descriptors();
     const FailingFork failing(times(1, ENOMEM));
     int changes = 0;
-    const Interposed counting(hook::sigaction, [&changes](int, const struct sigaction *, struct sigaction *) {
-        ++changes;
-        return 0;
-    });
+    const Interposed counting(hook::sigaction, count_calls(hook::sigaction, changes, 0));
     platform_pair_close(start({.ignore_sigpipe = 1}));
     EXPECT_EQ(changes, 0);
     close_added_since(before);

@@ -93,6 +93,37 @@ PairHandle *start_missing(const int *stdio_fds) {
     return start_program("/nowhere/to/be/found", {.companion = "missing", .stdio_fds = stdio_fds});
 }
 
+PairHandle *start_without_sockets() {
+    const Interposed failing(hook::socketpair, fail_always(hook::socketpair, EMFILE, -1));
+    return start();
+}
+
+PairHandle sample_record(int32_t parent) {
+    return {.companion_pid = 4711,
+            .parent = parent,
+            .kind = 12,
+            .hybrid_environment = 13,
+            .blocking = 14,
+            .rx_fd = 15,
+            .tx_fd = 16,
+            .child_exit_status = 256,
+            .child_term_signal = 9,
+            .error_number = ENOENT,
+            .error_text = nullptr,
+            .self = nullptr};
+}
+
+size_t close_added_since(const std::set<int> &before) {
+    size_t added = 0;
+    for (const int fd : open_descriptors()) {
+        if (before.count(fd) == 0) {
+            ++added;
+            hook::close.real(fd);
+        }
+    }
+    return added;
+}
+
 void wait_until_ended(pid_t pid) {
     siginfo_t info = {};
     while (waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT) == -1 && errno == EINTR) {

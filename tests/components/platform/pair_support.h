@@ -44,6 +44,25 @@ PairHandle *start(const Start &how = {});
 // A companion that cannot be executed.
 PairHandle *start_missing(const int *stdio_fds = nullptr);
 
+// A handle whose sockets could not be created: nothing is open, and there is no companion.
+PairHandle *start_without_sockets();
+
+// A record with a different value in each field and no error text. It is not valid until it points at itself.
+PairHandle sample_record(int32_t parent);
+
+// A replacement that counts its calls and does nothing else.
+template <typename Result, typename... Arguments>
+std::function<Result(Arguments...)> count_calls(Hook<Result(Arguments...)> & /*hook*/, int &calls,
+                                                std::type_identity_t<Result> result) {
+    return [&calls, result](Arguments...) -> Result {
+        ++calls;
+        return result;
+    };
+}
+
+// Closes what is open now and was not before. Returns how many descriptors that were.
+size_t close_added_since(const std::set<int> &before);
+
 // Waits until the child has ended, without reaping it.
 void wait_until_ended(pid_t pid);
 

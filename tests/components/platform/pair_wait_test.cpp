@@ -361,10 +361,7 @@ TEST(KillAndReap, AnInterruptedWaitIsReportedAndGoesOn) {
 
 TEST(KillAndReap, NoNumberBelowOneIsEverSignalled) {
     int calls = 0;
-    const Interposed counting(hook::kill, [&calls](pid_t, int) {
-        ++calls;
-        return 0;
-    });
+    const Interposed counting(hook::kill, count_calls(hook::kill, calls, 0));
     const FailingWait waiting({}, 0);
     for (const int32_t pid : {0, -1, -2, -getpid(), INT32_MIN}) {
         EXPECT_EQ(platform_kill_and_reap(pid), 0) << pid;
