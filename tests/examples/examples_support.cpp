@@ -6,6 +6,8 @@
 
 #include <cstdlib>
 #include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/time.h>
 
 namespace zel::test {
 
@@ -32,7 +34,7 @@ std::string part(const std::string &name) {
 }
 
 void adopt_orphans() {
-    prctl(PR_SET_CHILD_SUBREAPER, 1);
+    prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0);
 }
 
 Outcome run_with(const std::vector<std::string> &settings, const std::vector<std::string> &command) {
@@ -40,6 +42,11 @@ Outcome run_with(const std::vector<std::string> &settings, const std::vector<std
     whole.insert(whole.end(), settings.begin(), settings.end());
     whole.insert(whole.end(), command.begin(), command.end());
     return run_program(whole);
+}
+
+void give_up_in_time(int socket) {
+    const timeval limit = {.tv_sec = 20, .tv_usec = 0};
+    setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
 }
 
 } // namespace zel::test
