@@ -34,6 +34,14 @@ private:
         }};
 };
 
+__attribute__((format(printf, 1, 2))) char *format_list(const char *format, ...) {
+    va_list args;
+    va_start(args, format);
+    char *text = zel_vprintf_strdup(format, args);
+    va_end(args);
+    return text;
+}
+
 void release_blocks(const AllocatorLog &log, void *except) {
     for (void *block : log.blocks) {
         if (block != except) {
@@ -105,6 +113,12 @@ TEST(ZelPrintfStrdup, FormatsLikePrintf) {
     zel_free(text);
 }
 
+TEST(ZelVprintfStrdup, FormatsAnArgumentList) {
+    char *text = format_list("%d %s", 3, "files, more than fit into the first buffer");
+    EXPECT_STREQ(text, "3 files, more than fit into the first buffer");
+    zel_free(text);
+}
+
 TEST(ZelPrintfStrdup, EveryAttemptStartsAtTheFirstArgument) {
     const std::string first(50, 'a');
     char *text = zel_printf_strdup("%s %d %s", first.c_str(), 7, "end");
@@ -137,7 +151,7 @@ TEST(ZelPrintfStrdup, ATextThatCannotBeFormattedIsNullAndItsBufferReleased) {
 
 TEST(ZelPrintfStrdup, AResizeThatFailsIsReportedUnderTheNestedEntry) {
     const Outcome outcome = run_unwrapped([] {
-        const Interposed no_memory(hook::realloc, fail_always(hook::realloc, ENOMEM, nullptr));
+        const Interposed no_memory(hook::realloc, fail_nth(hook::realloc, 0, ENOMEM, nullptr));
         zel_printf_strdup("%040d", 7);
     });
     EXPECT_TRUE(ended_with_error(outcome, "zel_vprintf_strdup (via zel_realloc): Not enough memory to allocate 42 "
