@@ -16,7 +16,7 @@
 
 namespace {
 
-using zel::test::example;
+using namespace zel::test;
 
 // The server, running; its output comes through a pipe.
 struct MessageServer : testing::Test {
@@ -52,6 +52,7 @@ struct MessageServer : testing::Test {
     int connect_client() const {
         const int fd = platform_connect_host("localhost", port);
         EXPECT_NE(fd, -1);
+        give_up_in_time(fd);
         return fd;
     }
 

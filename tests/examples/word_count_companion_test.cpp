@@ -29,6 +29,7 @@ struct WordCountCompanion : testing::Test {
         pair = platform_pair_parent_open_lp("WORD_COUNT_PAIR", 0, 1, kCompanion, nullptr, kCompanion,
                                             static_cast<char *>(nullptr));
         ASSERT_NE(platform_pair_rx_fd(pair), -1);
+        give_up_in_time(platform_pair_rx_fd(pair));
     }
     void TearDown() override {
         if (pair != nullptr) {

@@ -102,9 +102,9 @@ TEST_P(WordCountFailure, EachTextThatCannotBeReadIsReported) {
 }
 
 TEST_P(WordCountFailure, AReadThatFailsInTheMiddleGivesUpThatTextAlone) {
-    const Outcome outcome = count_with(part("word_count_in_storm"),
-                                       {"--companion", ZEL_BINARY_DIR "/examples/word_count_companion", "b", "a", "b"},
-                                       {"STORM_READ_FAILS=12"});
+    const Outcome outcome =
+        count_with(part("word_count_in_storm"), {"--companion", example("word_count_companion"), "b", "a", "b"},
+                   {"STORM_READ_FAILS=12"});
     EXPECT_EQ(outcome.out, report_b + report_b + kEndedWell);
     EXPECT_EQ(outcome.err, "Error: a cannot be read: Input/output error.\n");
     EXPECT_EQ(outcome.status, kTextUnreadable);
@@ -152,6 +152,17 @@ TEST_P(WordCountFailure, ACompanionThatEndsAtOnceIsLost) {
 
 TEST_P(WordCountFailure, ACompanionThatEndsBeforeItIsReadyIsLost) {
     expect_lost("exit before ready", "exit status 3");
+}
+
+// The first receive is interrupted, and the stream ends behind it. Whoever takes the end for the interruption that is
+// past tries for ever.
+TEST_P(WordCountFailure, AnInterruptionThatIsPastDoesNotHideTheEndOfTheStream) {
+    const Outcome outcome = count_with(part("word_count_in_storm"), {"--companion", part("faulty_companion"), "a"},
+                                       {"FAULT=exit before ready"});
+    EXPECT_EQ(outcome.err, "Error: The companion was lost while it counted a.\n"
+                           "       It ended with exit status 3.\n"
+                           "       Texts that were not counted: 1.\n");
+    EXPECT_EQ(outcome.status, kCompanionFailed);
 }
 
 TEST_P(WordCountFailure, ACompanionThatEndsInTheMiddleOfATextIsLost) {
