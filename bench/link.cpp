@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -43,7 +44,7 @@ int listen_by_hand() {
     sockaddr_in address = {};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const int fd = require(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket");
+    const int fd = require(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0), "socket");
     require(bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address), "bind");
     require(listen(fd, 1), "listen");
     return fd;
@@ -51,6 +52,8 @@ int listen_by_hand() {
 
 int accept_by_hand(int listening) {
     const int on = 1;
+    pollfd readable = {.fd = listening, .events = POLLIN, .revents = 0};
+    poll(&readable, 1, kAcceptSeconds * 1000);
     const int fd = require(accept4(listening, nullptr, nullptr, SOCK_CLOEXEC), "accept");
     require(setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on), "TCP_NODELAY");
     close(listening);
