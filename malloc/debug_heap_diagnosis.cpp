@@ -40,12 +40,16 @@ struct Findings {
     const Record *indexed; // the record that the header names, or null
     const Record *owner;   // the record that the pointer belongs to, or null
     bool indexed_is_owner; // the header names the pointer's own record
-    bool trailer_intact;   // of the owner; true when there is none
+    bool trailer_intact;   // of the owner; true when it does not count, or there is none
 };
 
-bool has_intact_trailer(const void *pointer, const Record *owner) {
+// The block of a record in use is there; that of a released one may be gone, in whole or behind its header.
+bool has_intact_trailer(const Record &owner) {
+    if (is_in_use(owner)) {
+        return read_trailer(owner.pointer, owner.length) == kTrailerMagic;
+    }
     uint32_t trailer;
-    return owner == nullptr || (probe_trailer(pointer, owner->length, &trailer) && trailer == kTrailerMagic);
+    return probe_trailer(owner.pointer, owner.length, &trailer) && trailer == kTrailerMagic;
 }
 
 Findings look_at(const void *pointer, const Record *known) {
@@ -55,7 +59,8 @@ Findings look_at(const void *pointer, const Record *known) {
     findings.indexed_is_owner = findings.indexed != nullptr && findings.indexed->pointer == pointer &&
                                 (known == nullptr || known == findings.indexed);
     findings.owner = findings.indexed_is_owner ? findings.indexed : known;
-    findings.trailer_intact = findings.header.magic != kLiveMagic || has_intact_trailer(pointer, findings.owner);
+    findings.trailer_intact =
+        findings.header.magic != kLiveMagic || findings.owner == nullptr || has_intact_trailer(*findings.owner);
     return findings;
 }
 

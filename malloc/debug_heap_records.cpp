@@ -47,10 +47,9 @@ void write_word(void *address, uint32_t value) {
 // eight bytes can be read and does nothing else. ~0 is no operation on a mask. A set at address 0 would be no set at
 // all, which is not looked at.
 bool is_readable(uintptr_t address) {
-    constexpr uintptr_t kSetSize = 8;
-    const uintptr_t set = address & ~(kSetSize - 1);
+    constexpr size_t kSetSize = 8;
     const zel::ErrnoKept kept;
-    return set != 0 && (syscall(SYS_rt_sigprocmask, ~0, set, nullptr, kSetSize) == 0 || errno != EFAULT);
+    return address != 0 && (syscall(SYS_rt_sigprocmask, ~0, address, nullptr, kSetSize) == 0 || errno != EFAULT);
 }
 
 // A larger table for that many records, taken from the system directly: it is no allocation of the program's.
@@ -144,8 +143,9 @@ bool probe_header(const void *pointer, Header *header) {
     return true;
 }
 
+// Together with the word in front of it, which belongs to the block too: memory checkers know what is behind.
 bool probe_trailer(const void *pointer, size_t length, uint32_t *trailer) {
-    if (!is_readable(reinterpret_cast<uintptr_t>(pointer) + rounded_up(length))) {
+    if (!is_readable(reinterpret_cast<uintptr_t>(pointer) + rounded_up(length) - kWordSize)) {
         return false;
     }
     *trailer = read_trailer(pointer, length);

@@ -129,7 +129,7 @@ TEST(HeapReport, ALeakIsInTheReport) {
     const std::string pointer = padded("Pointer", 2 * sizeof(void *));
     for (const std::vector<std::string> &arguments : {std::vector<std::string>{"leak"}, {"--verify", "leak"}}) {
         const Outcome outcome = run_example(arguments);
-        EXPECT_EQ(outcome.out, "One of four blocks has been released; 372 bytes are in use.\n"
+        EXPECT_EQ(outcome.out, "One of six blocks has been released; 387 bytes are in use.\n"
                                "Note: a `*' in the first column indicates an invalid or corrupted pointer.\n"
                                "X  ID    " +
                                    pointer +
@@ -137,9 +137,11 @@ TEST(HeapReport, ALeakIsInTheReport) {
                                    "     0 <A>     256 ZEL_MALLOC_ARRAY     " +
                                    line +
                                    " examples/heap_report.cpp\n"
-                                   "     1 <B>      16 zel_malloc           zel_vprintf_strdup   buffer allocation\n"
-                                   "     2 <C>     100 zel_malloc_if_room   ???                  ???\n"
-                                   "zel_malloc_debug_report: 372 bytes allocated, 3 pointers\n");
+                                   "     1 <B>       9 zel_strdup2          leak                 path\n"
+                                   "     2 <C>       7 zel_strdup2          leak                 path\n"
+                                   "     3 <D>      15 zel_strdup2          leak                 path\n"
+                                   "     4 <E>     100 zel_malloc_if_room   ???                  ???\n"
+                                   "zel_malloc_debug_report: 387 bytes allocated, 5 pointers\n");
         EXPECT_EQ(outcome.err, "");
         EXPECT_EQ(outcome.status, 0);
     }

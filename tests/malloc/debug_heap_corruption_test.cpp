@@ -11,7 +11,7 @@ using namespace zel::test;
 
 namespace {
 
-// The heap of these tests: <P>, of 5 bytes, is record 0, a sound block is record 1, and record 2 has been released.
+// The heap of these tests: <P>, of 8 bytes, is record 0, a sound block is record 1, and record 2 has been released.
 struct Damage {
     const char *name;
     ptrdiff_t offset;
@@ -53,7 +53,7 @@ const std::vector<Damage> kReleasedDamages = {
     {"index of a released record", kIndexAt, 2, kReferencedAfter, kFreedData, false},
 };
 
-constexpr const char *kOwner = "pointer was allocated by zel_malloc with a length of 5.  The storage was allocated in "
+constexpr const char *kOwner = "pointer was allocated by zel_malloc with a length of 8.  The storage was allocated in "
                                "the function F for p.  ";
 
 std::string diagnosis(const char *verdict, bool owner_known) {
@@ -63,7 +63,7 @@ std::string diagnosis(const char *verdict, bool owner_known) {
 }
 
 void *build_heap() {
-    void *pointer = named('P', zel_malloc(5, "F", "p"));
+    void *pointer = named('P', zel_malloc(8, "F", "p"));
     zel_malloc(6, "sound", "sound");
     zel_free(zel_malloc(7, "released", "released"));
     return pointer;
@@ -151,7 +151,7 @@ TEST(DebugHeapDamagedLiveBlock, IsDescribed) {
 TEST(DebugHeapDamagedLiveBlock, IsMarkedInTheReport) {
     for (const Damage &damage : kLiveDamages) {
         SCOPED_TRACE(damage.name);
-        expect_lines(run_live(damage, report), "zel_malloc_debug_report: 11 bytes allocated, 2 pointers (1 invalid or "
+        expect_lines(run_live(damage, report), "zel_malloc_debug_report: 14 bytes allocated, 2 pointers (1 invalid or "
                                                "corrupted!)\n");
     }
 }
@@ -266,7 +266,7 @@ TEST(DebugHeapDamagedLiveBlock, AnIndexEqualToTheCapacityMatchesNoRecord) {
     expect_error(run_live(damage, zel_free), "zel_free: " + unknown + " ");
     expect_error(run_live(damage, resize), "zel_realloc: " + unknown + " " + kResizeContext);
     expect_lines(run_live(damage, describe), unknown + "\n");
-    expect_lines(run_live(damage, report), "zel_malloc_debug_report: 11 bytes allocated, 2 pointers (1 invalid or "
+    expect_lines(run_live(damage, report), "zel_malloc_debug_report: 14 bytes allocated, 2 pointers (1 invalid or "
                                            "corrupted!)\n");
     EXPECT_EQ(run_live(damage, allocate, ZEL_MALLOC_VERIFY_HEAP).err,
               "Warning: " + diagnosis(kAtTheBeginning, true) + "\nError: zel_malloc: The heap was corrupted. " +

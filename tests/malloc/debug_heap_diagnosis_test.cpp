@@ -3,6 +3,7 @@
 #include "debug_heap_support.h"
 
 #include <malloc/internal/debug_heap.h>
+#include <support/interpose.h>
 
 #include <array>
 #include <cerrno>
@@ -194,6 +195,25 @@ TEST(DebugHeapDiagnosis, APointerToUnmappedMemoryIsCorruptedAtTheBeginning) {
                   return pages + 64;
               }),
               kAtTheBeginning);
+}
+
+TEST(DebugHeapDiagnosis, AReleasedBlockOfWhichOnlyTheHeaderIsLeftIsCorruptedAtTheEnd) {
+    EXPECT_EQ(description_of([] {
+                  // The header is the end of the first page.
+                  static char *block;
+                  block = half_readable(false) + page_size() - 8;
+                  mprotect(block + 8, page_size(), PROT_READ | PROT_WRITE);
+                  const Interposed placed(hook::malloc, [](size_t /*size*/) -> void * { return block; });
+                  void *pointer = zel_malloc(100, "F", "p");
+                  hook::malloc.replacement = nullptr;
+                  keep_from_system(pointer);
+                  zel_free(pointer);
+                  set_word_at(pointer, kMagicAt, kLive);
+                  mprotect(pointer, page_size(), PROT_NONE);
+                  return pointer;
+              }),
+              "The pointer <P> referenced data that was corrupted at the end.  The pointer was allocated by zel_malloc "
+              "with a length of 100.  The storage was allocated in the function F for p.  \n");
 }
 
 TEST(DebugHeapDiagnosis, AForeignHeaderOfALiveBlockIsAnInternalError) {

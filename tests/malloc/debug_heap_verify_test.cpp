@@ -134,7 +134,8 @@ TEST(DebugHeapVerify, AtTheUsualWidthFindingsAreWrapped) {
 TEST(DebugHeapVerify, TheReportAndADescriptionDoNotVerify) {
     const Outcome outcome = run_damaged([] {
         zel_malloc_debug_report(0);
-        zel_malloc_describe_ptr(nullptr);
+        static uint64_t variable;
+        zel_malloc_describe_ptr(&variable + 1);
     });
     EXPECT_EQ(outcome.err, "");
     EXPECT_EQ(outcome.status, 0);
