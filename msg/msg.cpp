@@ -233,13 +233,12 @@ void _msg_output(int type, int fmt_type, int primary_only, int continuation, con
         return;
     }
     const char *opening = prefix == nullptr ? "" : prefix;
-    const Channel channel = {.type = type, .primary_only = primary_only != 0};
+    const Channel channel = {.type = type, .primary_only = primary_only != 0, .streams = _msg_get_stream_desc(type)};
     Message message = {.channel = channel,
                        .fmt_type = fmt_type,
                        .lead = opening,
                        .lead_length = lead_length_of(channel, opening),
                        .indentation = indentation_under(opening)};
-    _msg_get_stream_desc(type);
     char *text = msg_vformat_alloc(checked_format(channel, format), args, zel::kFirstTextSize);
     if (text == nullptr) {
         report_lost_message();

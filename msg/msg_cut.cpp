@@ -10,8 +10,11 @@ namespace zel::msg {
 
 namespace {
 
-constexpr std::string_view kBlanks = " \t";
 constexpr std::string_view kWordEnds = " \t\n";
+
+constexpr bool is_blank(char character) {
+    return character == ' ' || character == '\t';
+}
 
 // The end of the line if it is not more than that many characters away, else npos. Looks no further, so that cutting a
 // long paragraph takes time in proportion to its length.
@@ -23,10 +26,20 @@ size_t line_end_within(std::string_view rest, size_t room) {
     return rest.size() <= room ? rest.size() : std::string_view::npos;
 }
 
+// The rightmost blank among the first characters, down to the first one that is none; npos when there is none.
+size_t rightmost_blank(std::string_view text, size_t first) {
+    for (size_t end = text.size(); end > first; --end) {
+        if (is_blank(text[end - 1])) {
+            return end - 1;
+        }
+    }
+    return std::string_view::npos;
+}
+
 } // namespace
 
 size_t leading_blanks(std::string_view text) {
-    return std::min(text.find_first_not_of(kBlanks), text.size());
+    return static_cast<size_t>(std::find_if_not(text.begin(), text.end(), is_blank) - text.begin());
 }
 
 size_t break_point(std::string_view rest, ptrdiff_t room) {
@@ -41,8 +54,8 @@ size_t break_point(std::string_view rest, ptrdiff_t room) {
     if (blanks == rest.size() || static_cast<ptrdiff_t>(blanks) > room) {
         return 0;
     }
-    const size_t blank = first_part(rest, width + 1).find_last_of(kBlanks);
-    if (blank != std::string_view::npos && blank >= blanks) {
+    const size_t blank = rightmost_blank(first_part(rest, width + 1), blanks);
+    if (blank != std::string_view::npos) {
         return blank;
     }
     // A first word longer than the room is written whole and overflows. Where blanks come first, this is where they

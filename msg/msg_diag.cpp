@@ -38,7 +38,7 @@ void put(Outgoing &out, std::string_view piece) {
 // DELIBERATE: the text is read as a format a second time. Callers rely on it and double their percent signs. There is
 // nothing to convert, so only the two conversions that take no argument are carried out; any other stands as it is.
 // Held by the tests MsgDiag.FourPercentSignsInTheFormatMakeOne and MsgDiag.TheSecondPassHasNothingToConvert.
-void write_second_pass(FILE *stream, std::string_view text, const char *error_text) {
+void write_second_pass(FILE *stream, std::string_view text, int error) {
     Outgoing out = {.stream = stream, .text = {}};
     size_t percent;
     while ((percent = text.find('%')) != std::string_view::npos) {
@@ -46,7 +46,7 @@ void write_second_pass(FILE *stream, std::string_view text, const char *error_te
         const bool known = conversion == '%' || conversion == 'm';
         put(out, zel::first_part(text, percent + (conversion == 'm' ? 0 : 1)));
         if (conversion == 'm') {
-            put(out, error_text);
+            put(out, strerror(error));
         }
         text.remove_prefix(percent + (known ? 2 : 1));
     }
@@ -54,12 +54,12 @@ void write_second_pass(FILE *stream, std::string_view text, const char *error_te
     hand_over(out);
 }
 
-void write_line(FILE *stream, const char *text, const char *error_text) {
+void write_line(FILE *stream, const char *text, int error) {
     if (strchr(text, '%') == nullptr) {
         fputs(text, stream);
         return;
     }
-    write_second_pass(stream, text, error_text);
+    write_second_pass(stream, text, error);
 }
 
 } // namespace
@@ -75,9 +75,8 @@ void msg_diag(const char *format, ...) {
     va_start(args, format);
     zel::vformat_text(text, format, args);
     va_end(args);
-    const char *error_text = strerror(kept.value);
     for (int32_t index = 0; index < desc->count; ++index) {
-        write_line(desc->streams[index], text.data(), error_text);
+        write_line(desc->streams[index], text.data(), kept.value);
         if (desc->sync != 0) {
             zel::msg::force_to_disk(desc->streams[index]);
         }

@@ -122,9 +122,8 @@ void drop_stream(const zel::msg::Channel &channel, FILE *stream, const char *ope
 // Held by the test MsgStreams.TheStreamBehindAFailedOneMissesThatOnePiece.
 template <typename Operation>
 void for_each_stream(const zel::msg::Channel &channel, const char *word, Operation succeeds) {
-    const MsgStreamDesc *desc = _msg_get_stream_desc(channel.type);
-    for (int32_t index = 0; index < desc->count; ++index) {
-        FILE *stream = desc->streams[index];
+    for (int32_t index = 0; index < channel.streams->count; ++index) {
+        FILE *stream = channel.streams->streams[index];
         if (!succeeds(stream)) {
             drop_stream(channel, stream, word);
         }

@@ -3,7 +3,7 @@
 #ifndef ZEL_MSG_INTERNAL_STREAMS_H
 #define ZEL_MSG_INTERNAL_STREAMS_H
 
-#include <cstdio>
+#include <msg/msg.h>
 
 namespace zel::msg {
 
@@ -11,6 +11,7 @@ namespace zel::msg {
 struct Channel {
     int type;
     bool primary_only;
+    const MsgStreamDesc *streams; // of the type; looked up once for all pieces of the message
 };
 
 // Writes the text to every stream of the type; a stream that fails is dropped and reported.
