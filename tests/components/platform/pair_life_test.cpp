@@ -30,10 +30,11 @@ Round run_round(int blocking) {
     PairHandle *ph = start({.blocking = blocking});
     Round round = {.error = ph->error_number, .text = ph->error_text == nullptr ? "" : ph->error_text};
     round.served = ph->companion_pid != 0 && blocking != 0 && echoes(ph, 1);
-    if (ph->companion_pid != 0) {
-        platform_pair_kill_child(ph);
-    }
+    const pid_t pid = ph->companion_pid;
     platform_pair_close(ph);
+    if (pid != 0) {
+        EXPECT_EQ(reap(pid), kServed);
+    }
     round.left_open = close_added_since(before);
     EXPECT_FALSE(has_children());
     return round;

@@ -175,6 +175,7 @@ TEST(PairCompanionAlive, AHybridCompanionAlwaysFindsItsParentAlive) {
 
 TEST(PairKillChild, TheCompanionIsTerminatedAndReaped) {
     PairHandle *ph = start();
+    EXPECT_TRUE(echoes(ph, 1)) << "it runs";
     const std::string termination = std::to_string(ph->companion_pid) + " " + std::to_string(SIGTERM);
     const ProcessCalls calls;
     EXPECT_EQ(platform_pair_kill_child(ph), 1);
@@ -185,6 +186,7 @@ TEST(PairKillChild, TheCompanionIsTerminatedAndReaped) {
 
 TEST(PairKillChild, TheOutcomeIsNotKept) {
     PairHandle *ph = start();
+    EXPECT_TRUE(echoes(ph, 1)) << "it runs";
     EXPECT_EQ(platform_pair_kill_child(ph), 1);
     for (int question = 0; question < 2; ++question) {
         EXPECT_EQ(platform_pair_child_exit_status(ph), 256);

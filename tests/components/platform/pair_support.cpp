@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <sstream>
 #include <sys/mman.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -196,6 +197,14 @@ void add_mode(int fd, int flags) {
 
 bool is_nonblocking(int fd) {
     return (hook::fcntl.real(fd, F_GETFL, 0) & O_NONBLOCK) != 0;
+}
+
+void start_timer_signals(void (*handler)(int), suseconds_t microseconds) {
+    struct sigaction action = {};
+    action.sa_handler = handler;
+    sigaction(SIGALRM, &action, nullptr);
+    const itimerval interval = {.it_interval = {0, microseconds}, .it_value = {0, microseconds}};
+    setitimer(ITIMER_REAL, &interval, nullptr);
 }
 
 // ---- Steps

@@ -107,6 +107,10 @@ std::string target_of(int fd);
 void add_mode(int fd, int flags);
 bool is_nonblocking(int fd);
 
+// From now on a signal interrupts, again and again, what this process waits for. For a process of its own: nothing ends
+// the signals, and no alarm ends the process any more.
+void start_timer_signals(void (*handler)(int), suseconds_t microseconds);
+
 // Lines that this process and its forked children add to one list, in the order of time.
 class StepLog {
 public:

@@ -6,7 +6,6 @@
 
 #include <csignal>
 #include <cstdlib>
-#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -116,14 +115,6 @@ void count_storm(int /*signal*/) {
     if (storm_signals == kStorm) {
         [[maybe_unused]] const ssize_t written = write(storm_release, "x", 1);
     }
-}
-
-void start_storm() {
-    struct sigaction action = {};
-    action.sa_handler = count_storm;
-    sigaction(SIGALRM, &action, nullptr);
-    const itimerval interval = {.it_interval = {0, 500}, .it_value = {0, 500}};
-    setitimer(ITIMER_REAL, &interval, nullptr);
 }
 
 // A child that ends with status 5 when the storm has raged long enough.
@@ -291,7 +282,7 @@ TEST(WaitChild, AStormOfSignalsIsReportedCallByCall) {
             failed += result == -1;
             return result;
         });
-        start_storm();
+        start_timer_signals(count_storm, 500);
         int32_t status = 0;
         const int32_t result = platform_wait_child(pid, &status);
         signal(SIGALRM, SIG_IGN);
