@@ -46,11 +46,8 @@ std::vector<std::string> files_in(const std::string &folder) {
 // Starts up with these arguments; a null name asks for the derived one.
 Outcome start_up(const Variables &variables, std::vector<std::string> words, const char *name = nullptr) {
     return run_with(variables, [&] {
-        std::vector<char *> argv;
-        for (std::string &word : words) {
-            argv.push_back(word.data());
-        }
-        argv.push_back(nullptr);
+        std::vector<char *> argv(words.size() + 1);
+        std::transform(words.begin(), words.end(), argv.begin(), [](std::string &word) { return word.data(); });
         const StandingClock clock;
         const NoFiles files;
         platform_diag_startup(static_cast<int32_t>(words.size()), argv.data(), name);

@@ -125,7 +125,7 @@ TEST(PlatformPerror, ErrnoIsKept) {
 }
 
 // Formatting the copy is the first thing that happens, and the first that can change the error number.
-TEST(PlatformPerror, TheErrorTextIsTakenBeforeAnythingElse) {
+TEST(PlatformPerror, TheErrorIsTakenBeforeAnythingElseAndGivenBack) {
     const Outcome outcome = run_with({{"ZEL_PERROR", "1"}}, [] {
         msg_add_stream(MSG_DIAG, stderr);
         const Interposed spoiling(hook::vsnprintf, [](char *buffer, size_t size, const char *format, va_list args) {
@@ -134,8 +134,9 @@ TEST(PlatformPerror, TheErrorTextIsTakenBeforeAnythingElse) {
             return length;
         });
         report("a", ENOENT);
+        printf("%s", errno == ENOENT ? "kept" : "lost");
     });
-    EXPECT_EQ(outcome.out, "a: No such file or directory\n");
+    EXPECT_EQ(outcome.out, "a: No such file or directory\nkept");
     EXPECT_EQ(outcome.err, "a: No such file or directory\n");
 }
 
