@@ -127,21 +127,22 @@ TEST(HeapReport, AStrayPointerIsFoundWhenItIsReleased) {
 TEST(HeapReport, ALeakIsInTheReport) {
     const std::string line = padded(line_of("ZEL_MALLOC_ARRAY(int32_t, 64)"), 20);
     const std::string pointer = padded("Pointer", 2 * sizeof(void *));
+    const std::string expected = "One of six blocks has been released; 387 bytes are in use.\n"
+                                 "Note: a `*' in the first column indicates an invalid or corrupted pointer.\n"
+                                 "X  ID    " +
+                                 pointer +
+                                 "  Length Method               Function/Line        Purpose/File\n"
+                                 "     0 <A>     256 ZEL_MALLOC_ARRAY     " +
+                                 line +
+                                 " examples/heap_report.cpp\n"
+                                 "     1 <B>       9 zel_strdup2          leak                 path\n"
+                                 "     2 <C>       7 zel_strdup2          leak                 path\n"
+                                 "     3 <D>      15 zel_strdup2          leak                 path\n"
+                                 "     4 <E>     100 zel_malloc_if_room   ???                  ???\n"
+                                 "zel_malloc_debug_report: 387 bytes allocated, 5 pointers\n";
     for (const std::vector<std::string> &arguments : {std::vector<std::string>{"leak"}, {"--verify", "leak"}}) {
         const Outcome outcome = run_example(arguments);
-        EXPECT_EQ(outcome.out, "One of six blocks has been released; 387 bytes are in use.\n"
-                               "Note: a `*' in the first column indicates an invalid or corrupted pointer.\n"
-                               "X  ID    " +
-                                   pointer +
-                                   "  Length Method               Function/Line        Purpose/File\n"
-                                   "     0 <A>     256 ZEL_MALLOC_ARRAY     " +
-                                   line +
-                                   " examples/heap_report.cpp\n"
-                                   "     1 <B>       9 zel_strdup2          leak                 path\n"
-                                   "     2 <C>       7 zel_strdup2          leak                 path\n"
-                                   "     3 <D>      15 zel_strdup2          leak                 path\n"
-                                   "     4 <E>     100 zel_malloc_if_room   ???                  ???\n"
-                                   "zel_malloc_debug_report: 387 bytes allocated, 5 pointers\n");
+        EXPECT_EQ(outcome.out, expected);
         EXPECT_EQ(outcome.err, "");
         EXPECT_EQ(outcome.status, 0);
     }

@@ -207,11 +207,12 @@ void protect(int protection) {
 
 // Takes away the pages of the record table that hold nothing but records between the two, until the process ends.
 void forbid_records(uint32_t first, uint32_t last) {
-    const auto page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
-    const zel::memory::Record *records = zel::memory::debug_heap.records;
-    const uintptr_t begin = (reinterpret_cast<uintptr_t>(&records[first]) + page - 1) / page * page;
-    const uintptr_t end = reinterpret_cast<uintptr_t>(&records[last]) / page * page;
-    forbidden = {.begin = reinterpret_cast<void *>(begin), .length = end - begin};
+    const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    auto *begin = reinterpret_cast<char *>(&zel::memory::debug_heap.records[first]);
+    begin += (page - reinterpret_cast<uintptr_t>(begin) % page) % page;
+    const auto *end = reinterpret_cast<const char *>(&zel::memory::debug_heap.records[last]);
+    end -= reinterpret_cast<uintptr_t>(end) % page;
+    forbidden = {.begin = begin, .length = static_cast<size_t>(end - begin)};
     protect(PROT_NONE);
     atexit([] { protect(PROT_READ | PROT_WRITE); });
 }
