@@ -138,8 +138,9 @@ TEST(MsgCont, ALeadTextOfAnyLengthIsKept) {
             MSG_CONT("next");
             MSG_CONT("last");
         });
-        const std::string indentation(std::min<size_t>(length, 49), ' ');
-        EXPECT_EQ(outcome.out, "open on\n" + prefix + "next\n" + indentation + "last\n");
+        std::string expected = "open on\n" + prefix + "next\n";
+        expected += std::string(std::min<size_t>(length, 49), ' ') + "last\n";
+        EXPECT_EQ(outcome.out, expected);
     }
 }
 

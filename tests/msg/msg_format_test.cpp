@@ -44,7 +44,7 @@ std::string sizes_asked_for(const std::function<void()> &body) {
 std::string sizes_for_length(size_t initial_size, size_t length) {
     const std::string wanted(length, 'x');
     char *text = nullptr;
-    const std::string sizes = sizes_asked_for([&] { text = vformat(initial_size, "%s", wanted.c_str()); });
+    std::string sizes = sizes_asked_for([&] { text = vformat(initial_size, "%s", wanted.c_str()); });
     EXPECT_STREQ(text, wanted.c_str());
     free(text);
     return sizes;
