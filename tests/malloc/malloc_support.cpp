@@ -4,8 +4,10 @@
 
 #include <msg/msg.h>
 
+#include <cstdlib>
 #include <ostream>
 #include <regex>
+#include <sys/resource.h>
 
 namespace zel::test {
 
@@ -19,6 +21,13 @@ void *note_failure(unsigned long size, const char *text) {
 }
 
 } // namespace
+
+void deny_huge() {
+    const rlimit limit = {.rlim_cur = kHuge, .rlim_max = kHuge};
+    if (setrlimit(RLIMIT_AS, &limit) != 0) {
+        abort();
+    }
+}
 
 void *AllocatorLog::add(const std::string &call, void *block) {
     calls.push_back(call);

@@ -15,8 +15,10 @@
 
 namespace zel::test {
 
-// A size that no system provides.
-inline constexpr size_t kHuge = SIZE_MAX - 4095;
+// A size that no system provides once deny_huge has limited the address space to it; it is still no negative number,
+// which would be another story to a memory checker. For children.
+inline constexpr size_t kHuge = PTRDIFF_MAX - 4095;
+void deny_huge();
 
 // All calls of the system allocator in its scope, each as "malloc SIZE", "realloc SIZE" or "free".
 class AllocatorLog {

@@ -240,7 +240,10 @@ TEST(MallocFailure, PercentSignsInADescriptionStandAsTheyAre) {
 }
 
 TEST(MallocFailure, ASizeThatNoSystemProvidesEndsTheProcess) {
-    const Outcome outcome = run_unwrapped([] { zel_malloc(kHuge, "read", "a page"); });
+    const Outcome outcome = run_unwrapped([] {
+        deny_huge();
+        zel_malloc(kHuge, "read", "a page");
+    });
     EXPECT_TRUE(ended_with_error(outcome, "read (via zel_malloc): Not enough memory to allocate " +
                                               std::to_string(kHuge) + " bytes for a page."));
 }
@@ -256,7 +259,10 @@ TEST(MallocFailure, EveryEntryReportsASizeThatNoSystemProvides) {
         {"", [block] { return zel_realloc_fl(block, kHuge, "N", 1, "f.c"); }, {kHuge, "N in f.c, line 1" + tail}},
     };
     for (const FailingCall &failing : calls) {
-        const Outcome outcome = run_unwrapped([&failing] { failing.call(); });
+        const Outcome outcome = run_unwrapped([&failing] {
+            deny_huge();
+            failing.call();
+        });
         EXPECT_TRUE(ended_with_error(outcome, failing.failure.text));
     }
     zel_free(block);
@@ -264,6 +270,7 @@ TEST(MallocFailure, EveryEntryReportsASizeThatNoSystemProvides) {
 
 TEST(MallocIfRoom, ASizeThatNoSystemProvidesIsNullWithoutAWord) {
     const Outcome outcome = run_unwrapped([] {
+        deny_huge();
         void *block = zel_malloc_if_room(8);
         printf("%d", zel_malloc_if_room(kHuge) == nullptr);
         printf("%d", zel_calloc_if_room(kHuge / 16, 16) == nullptr);
