@@ -207,8 +207,7 @@ void start_timer_signals(void (*handler)(int), suseconds_t microseconds) {
     setitimer(ITIMER_REAL, &interval, nullptr);
 }
 
-// ---- Steps
-// ------------------------------------------------------------------------------------------------------------
+// ---- Steps ----------------------------------------------------------------------------------------------------------
 
 struct StepLog::Shared {
     size_t used;
