@@ -1,7 +1,7 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // A small server of framed messages over TCP on localhost: one client at a time, until one of them says "stop".
 //
-//   message_server [TENTHS]        drops a client that says nothing for about so many tenths of a second (300)
+//   message_server [MILLISECONDS]      drops a client from which no message comes for so long (30000)
 //
 //   request          answer                what it does
 //   sum N...         sum, TOTAL            adds the numbers, one a line behind the first
@@ -10,25 +10,34 @@
 //   stop             none                  ends the connection and the server
 //   anything else    unknown, REQUEST
 //
-// Each word stands on a line of its own: "sum" CR LF "2" CR LF "3" CR LF CR LF is answered by "sum" CR LF "5" CR LF CR
-// LF. Exit status: 0 after "stop", 1 when the server could not be opened or can accept nobody any more.
+// Each word stands on a line of its own: "sum" CR LF "2" CR LF "3" CR LF CR LF is answered by
+// "sum" CR LF "5" CR LF CR LF.
+//
+// Exit status: 0 after "stop", 1 when the server could not be opened or can accept nobody any more.
 #include <components/platform/socket.h>
 #include <msg/msg.h>
 
-#include <errno.h>
 #include <stdlib.h>
 #include <string.h>
+#include <time.h>
 
 enum { FIRST_PORT = 20300, END_PORT = 21300, MESSAGE_ROOM = 65536, TEXT_ROOM = 32 };
 
 // Neither the handler nor the idle function has an argument of ours: what they share is process-wide.
 static struct {
-    int client;       // the socket that is served
-    int quiet_limit;  // tenths of a second without a message after which the client is dropped
-    int quiet_tenths; // since the last message
-    int served;       // messages so far
-    int stop;         // a client has said "stop"
+    int client;             // the socket that is served
+    long long quiet_limit;  // milliseconds without a message after which the client is dropped
+    long long last_message; // when the last one came, or the client
+    int served;             // messages so far
+    int stop;               // a client has said "stop"
 } server;
+
+// Milliseconds since some moment of no importance.
+static long long now(void) {
+    struct timespec time;
+    clock_gettime(CLOCK_MONOTONIC, &time);
+    return time.tv_sec * 1000LL + time.tv_nsec / 1000000;
+}
 
 static int answer(int socket, const char *what, const char *value) {
     return platform_send_message(socket, what, value, (char *) NULL);
@@ -52,7 +61,7 @@ static int answer_sum(int socket, char **lines) {
 // Gets each message; the lines are valid during the call. 0 ends the loop, and so the connection: so does an answer
 // that cannot be sent.
 static int on_message(int socket, char *first_line, char **lines) {
-    server.quiet_tenths = 0;
+    server.last_message = now();
     int before = server.served++;
     if (strcmp(first_line, "sum") == 0) {
         return answer_sum(socket, lines);
@@ -67,10 +76,11 @@ static int on_message(int socket, char *first_line, char **lines) {
     return answer(socket, "unknown", first_line);
 }
 
-// Called after every wait, about ten times a second while the client is quiet. Its result does not end the loop; a
-// socket that is shut down does, as the end of the stream.
+// Called after every wait, about ten times a second while the client is quiet, and after each piece of a message: so it
+// looks at the time and does not count. Its result does not end the loop; a socket that is shut down does, as the end
+// of the stream.
 static int on_idle(void) {
-    if (++server.quiet_tenths > server.quiet_limit) {
+    if (now() - server.last_message > server.quiet_limit) {
         shutdown(server.client, SHUT_RDWR);
     }
     return 0;
@@ -78,7 +88,7 @@ static int on_idle(void) {
 
 static void serve(int client) {
     server.client = client;
-    server.quiet_tenths = 0;
+    server.last_message = now();
     platform_msgbuf_reset(gMsgBuf); // what the client before left half said
     platform_message_loop(client, on_message, on_idle, 0);
     platform_socket_close(client);
@@ -91,7 +101,7 @@ int main(int argc, char **argv) {
     if (listening == -1) {
         msg_fatal("No port from %d to %d can be opened.", FIRST_PORT, END_PORT - 1);
     }
-    server.quiet_limit = argc > 1 ? atoi(argv[1]) : 300;
+    server.quiet_limit = argc > 1 ? atoll(argv[1]) : 30000;
     MsgBuf *buffer = platform_msgbuf_create(MESSAGE_ROOM);
     platform_msgbuf_set(buffer);
     msg_print("Listening on localhost, port %d.", port);

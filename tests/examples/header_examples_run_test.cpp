@@ -1,5 +1,6 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // The examples of the public headers do what their remarks say.
+#include "examples_support.h"
 #include "header_examples.h"
 
 #include <support/child.h>
@@ -108,8 +109,7 @@ TEST(HeaderExampleOfPair, ReceivesTheAnswerOfItsCompanion) {
 }
 
 TEST(HeaderExampleOfDebugHooks, SeesItsOwnArgumentsAlone) {
-    const Outcome outcome =
-        run_program({ZEL_EXAMPLE_PARTS "/header_example_hooks", "one", "two", "__ZEL_DEBUG__", "delay", "0"});
+    const Outcome outcome = run_program({part("header_example_hooks"), "one", "two", "__ZEL_DEBUG__", "delay", "0"});
     EXPECT_EQ(outcome.out, "one\ntwo\n");
     EXPECT_EQ(outcome.status, 0);
 }

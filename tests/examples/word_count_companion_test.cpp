@@ -47,13 +47,15 @@ struct WordCountCompanion : testing::Test {
     std::string hear(size_t length) const {
         std::string bytes(length, '\0');
         const ssize_t count = recv(platform_pair_rx_fd(pair), bytes.data(), length, MSG_WAITALL);
+        EXPECT_NE(count, -1) << "nothing came";
         return bytes.substr(0, count < 0 ? 0 : static_cast<size_t>(count));
     }
 
     void expect_answer(const std::string &answer) const { EXPECT_EQ(hear(answer.size()), answer); }
 
-    // Waits for the end by itself.
+    // A companion that still waits for more finds the end of the stream.
     int exit_status() {
+        shutdown(platform_pair_tx_fd(pair), SHUT_RDWR);
         int32_t status = 0;
         platform_wait_child(platform_pair_companion_pid(pair), &status);
         platform_pair_close(pair);
