@@ -26,8 +26,8 @@ constexpr int32_t kDrainSize = 2048;
 using LineTable = std::array<char *, PLATFORM_MAX_MESSAGE_LINES + 1>;
 using ReceiveArea = std::array<char, zel::kReceiveSize>;
 
-// How often a buffer was emptied, moved or replaced. The pointers of the buffer do not tell: other data of the same length
-// may stand there.
+// How often a buffer was emptied, moved or replaced. The pointers of the buffer do not tell: other data of the same
+// length may stand there.
 constinit uint32_t buffer_changes = 0;
 
 // ---- Receiving ------------------------------------------------------------------------------------------------------
