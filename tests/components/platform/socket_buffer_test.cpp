@@ -165,6 +165,21 @@ TEST(RecvMessages, AFailureAndTheEndOfTheStreamPassAFilledBuffer) {
     EXPECT_TRUE(buffer_holds("ab"));
 }
 
+TEST(RecvMessages, TheRoomIsAskedForBeforeTheCountIsLookedAt) {
+    const Outcome outcome = run_in_child([] {
+        const CurrentBuffer buffer(0);
+        SocketPair pair;
+        pair.theirs.close();
+        platform_recv_messages(-1); // -1 is below any capacity
+        printf("passed");
+        fflush(stdout);
+        platform_recv_messages(pair.ours.fd); // 0 is not below 0
+    });
+    EXPECT_EQ(outcome.signal, SIGABRT);
+    EXPECT_EQ(outcome.out, "passed");
+    EXPECT_EQ(outcome.err, assertion_text("platform_recv_messages", kRoomCondition));
+}
+
 TEST(RecvMessages, WithoutACurrentBufferAborts) {
     const Outcome outcome = run_in_child([] { platform_recv_messages(-1); });
     EXPECT_EQ(outcome.signal, SIGABRT);

@@ -188,18 +188,26 @@ TEST(SendMessageSize, ALongLineThatFindsNoMemoryEndsTheMessage) {
 }
 #endif
 
-TEST(SendMessage, AFailedSendEndsTheMessageWithZeroWhicheverItIs) {
-    const std::string line(9000, 'x');
-    int failed = 0;
-    for (int result = 0; result == 0; ++failed) {
+// Sends three lines of that length, the n-th send failing, until none fails. Returns how many sends there were.
+int fail_each_send(size_t length) {
+    const std::string line(length, 'x');
+    const std::string framed = line + "\r\n";
+    int failing_send = 0;
+    for (int result = 0; result == 0; ++failing_send) {
         const SocketPair pair;
-        const Interposed failing(hook::send, fail_nth(hook::send, failed, ECONNRESET, -1));
+        const Interposed failing(hook::send, fail_nth(hook::send, failing_send, ECONNRESET, -1));
         errno = 0;
-        result = platform_send_message(pair.ours.fd, "A", line.c_str(), "C", kEnd);
+        result = platform_send_message(pair.ours.fd, line.c_str(), line.c_str(), line.c_str(), kEnd);
         EXPECT_EQ(errno, result == 0 ? ECONNRESET : 0);
-        EXPECT_EQ(waiting_on(pair.theirs.fd) == "A\r\n" + line + "\r\nC\r\n\r\n", result == 1);
+        EXPECT_EQ(waiting_on(pair.theirs.fd) == framed + framed + framed + "\r\n", result == 1);
     }
-    EXPECT_GE(failed, 4); // what comes before the long line, the line, what comes behind it, and the success
+    return failing_send - 1;
+}
+
+TEST(SendMessage, AFailedSendEndsTheMessageWithZeroWhicheverItIs) {
+    EXPECT_GE(fail_each_send(3), 1);
+    EXPECT_GE(fail_each_send(4000), 2); // the first when the area is full
+    EXPECT_EQ(fail_each_send(9000), 4); // one for each line, one for the end
 }
 
 TEST(SendMessage, NothingIsSentBehindAFailedSend) {
