@@ -209,15 +209,18 @@ TEST(DebugHeapReport, TheTableKeepsItsColumnsAtAnyWidth) {
     const Outcome outcome = run_heap(1, [] {
         msg_set_width_limit(30);
         named('P', zel_malloc(5, "a function with blanks", "a purpose with blanks"));
+        named('Q', zel_malloc_fl(6, "a macro with blanks", 7, "a folder/a file with blanks"));
         zel_malloc_debug_report(1);
     });
-    EXPECT_EQ(outcome.out, "Note: a `*' in the first\n"
-                           "column indicates an invalid or\n"
-                           "corrupted pointer.\n" +
-                               std::string(kHeading) +
-                               "     0 <P>       5 zel_malloc           a function with blanks a purpose with blanks\n"
-                               "zel_malloc_debug_report: 5\n"
-                               "bytes allocated, 1 pointers\n");
+    EXPECT_EQ(outcome.out,
+              "Note: a `*' in the first\n"
+              "column indicates an invalid or\n"
+              "corrupted pointer.\n" +
+                  std::string(kHeading) +
+                  "     0 <P>       5 zel_malloc           a function with blanks a purpose with blanks\n"
+                  "     1 <Q>       6 a macro with blanks  7                    a folder/a file with blanks\n"
+                  "zel_malloc_debug_report: 11\n"
+                  "bytes allocated, 2 pointers\n");
 }
 
 TEST(DebugHeapReport, TheTableKeepsItsColumnsAtTheWidthOfEveryProgram) {
