@@ -68,7 +68,7 @@ uint32_t next_in_use(uint32_t from) {
 Totals walk_records(bool verbose) {
     Totals totals = {};
     for (uint32_t index = next_in_use(0); index < debug_heap.capacity; index = next_in_use(index + 1)) {
-        const Record &record = debug_heap.records[index];
+        const Record record = debug_heap.records[index]; // a copy: a stream that is written to may move the table
         const bool valid = zel::memory::is_valid(record.pointer);
         if (verbose && totals.pointers == 0) {
             print_heading();

@@ -14,8 +14,8 @@
  *   zel_enable_malloc_debug(ZEL_MALLOC_CHECK_PTR);
  *   char *name = zel_strdup("guest", "main", "user name");
  *   name[8] = '!';                                // past the end, into the trailer
- *   zel_malloc_describe_ptr(name);                // The pointer 0x... referenced data that was corrupted at the end.
- * ... zel_free(name);                               // the same as an error; the process ends
+ *   zel_malloc_describe_ptr(name);                // ... referenced data that was corrupted at the end. ...
+ *   zel_free(name);                               // the same as an error; the process ends
  *
  * The layout of a block, in 32-bit words of the machine's byte order, for a request of n bytes:
  *

@@ -63,10 +63,6 @@ Record &require_record(int32_t index) {
 
 } // namespace
 
-bool is_aligned(const void *pointer) {
-    return reinterpret_cast<uintptr_t>(pointer) % kPointerAlignment == 0;
-}
-
 bool is_valid(const void *pointer) {
     if (!is_aligned(pointer)) {
         return false;

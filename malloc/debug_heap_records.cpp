@@ -104,10 +104,6 @@ int32_t take_record(Method method) {
 
 } // namespace
 
-bool debug_heap_on() {
-    return debug_heap.mode != 0;
-}
-
 size_t debug_block_size(size_t size) {
     constexpr size_t kLargest = SIZE_MAX - kGuardSize - (kWordSize - 1);
     return size > kLargest ? SIZE_MAX : rounded_up(size) + kGuardSize;

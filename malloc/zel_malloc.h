@@ -24,7 +24,7 @@
  *   - On failure the handler, if one is installed, gets the size and the text of the report; what it returns is the
  *     entry's result as it stands: nothing is cleared or copied into it. Without a handler the report is an error
  *     message and the process ends with status 1.
- *   - Sizes are in bytes. Storage is aligned as malloc aligns it.
+ *   - Sizes are in bytes. Storage is aligned as malloc aligns it, with the debug heap on only to a multiple of 8.
  */
 #ifndef ZEL_MALLOC_ZEL_MALLOC_H
 #define ZEL_MALLOC_ZEL_MALLOC_H
@@ -47,7 +47,8 @@ void *zel_malloc(size_t size, const char *function, const char *purpose);
 void *zel_calloc(size_t count, size_t size, const char *function, const char *purpose);
 
 /* Resizes the block; its contents stay up to the smaller size, and it may move. A null pointer allocates; a size of 0
- * releases the pointer and returns null. When the block cannot be resized it stays as it was. */
+ * releases the pointer and returns null. When the block cannot be resized it stays as it was; with the debug heap on it
+ * counts as released all the same and must not be handed back. */
 void *zel_realloc(void *pointer, size_t size, const char *function, const char *purpose);
 
 /* A copy of the text; null for a null text. */
@@ -58,7 +59,9 @@ char *zel_strdup(const char *text, const char *function, const char *purpose);
 char *zel_strdup2(const char *a, const char *b, const char *function, const char *purpose);
 
 /* A new text, formatted as by printf. Null on a formatting error. The storage grows from 16 bytes; at least one byte
- * more than the text needs is allocated. Failures are reported under zel_malloc or zel_realloc. Clears errno. */
+ * more than the text needs is allocated. Failures are reported under zel_malloc or zel_realloc: what a failure handler
+ * returns is written into, resized and released like their results, so it must be null or a block of the size from
+ * malloc. Clears errno. */
 char *zel_vprintf_strdup(const char *format, va_list args) __attribute__((format(printf, 1, 0)));
 char *zel_printf_strdup(const char *format, ...) __attribute__((format(printf, 1, 2)));
 

@@ -26,7 +26,7 @@
  *     message goes on to the other streams.
  *   - A message that cannot be formatted for lack of memory is replaced by a fixed text on standard error.
  *   - Streams are never closed here. One stream may stand in several lists, and twice in one.
- *   - errno is 0 afterwards, or what the last failing write left.
+ *   - errno is not kept: it is 0 after a message that was written. msg_diag alone keeps it.
  */
 #ifndef ZEL_MSG_MSG_H
 #define ZEL_MSG_MSG_H
@@ -162,7 +162,7 @@ int msg_warn_has_stream(void);
 /* Sets or reads the sync flag, which makes msg_diag force each line to disk.
  * mode 1: sets the flag of each type in the mask; where it was clear, the type's streams are flushed and forced to
  *   disk.
- * mode 0: changes nothing; a flag once set stays set. Returns mode.
+ * mode 0, or above 1: changes nothing; a flag once set stays set. Returns mode.
  * mode below 0: reads. Returns the flag of the one type in the mask, or -1 when the mask names more than one.
  * Returns -2 when the mask holds none of the five types. */
 int msg_sync_mode(int type_mask, int mode);

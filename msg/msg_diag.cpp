@@ -1,6 +1,7 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // Diagnostic lines.
 #include <msg/base/text.h>
+#include <msg/internal/state.h>
 #include <msg/internal/streams.h>
 #include <msg/msg.h>
 
@@ -65,6 +66,11 @@ void write_line(FILE *stream, const char *text, int error) {
 } // namespace
 
 void msg_diag(const char *format, ...) {
+    // While nobody has touched a list there is no diagnostic stream, and building the lists would take memory: a report
+    // of a failed system call must cost nothing.
+    if (!zel::msg::state.streams_ready) {
+        return;
+    }
     const zel::ErrnoKept kept;
     const MsgStreamDesc *desc = _msg_get_stream_desc(MSG_DIAG);
     if (desc->count == 0) {

@@ -4,9 +4,8 @@
  * A program calls the hook first thing. A developer then asks for a pause or a debugger in one of two ways, and the
  * parent that starts the program need not change:
  *
- *   - on the command line: the word __ZEL_DEBUG__, in any case of letters, and the request behind it. Marker and
- * request are cut from the arguments before the program sees them. No diagnostics file is opened and nothing echoed
- * then.
+ *   - on the command line: the word __ZEL_DEBUG__, in any case of letters, and the request behind it. Both are cut from
+ *     the arguments before the program sees them. No diagnostics file is opened and nothing echoed then.
  *   - in the environment: ZEL_DEBUG=request. The variable is emptied first, so that a program started from here does
  *     not stop again.
  *

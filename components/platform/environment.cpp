@@ -90,5 +90,5 @@ char *platform_dist_name() {
 
 int platform_is_writable_dir(const char *path) {
     struct stat status;
-    return access(path, W_OK) == 0 && stat(path, &status) == 0 && S_ISDIR(status.st_mode) ? 1 : 0;
+    return path != nullptr && access(path, W_OK) == 0 && stat(path, &status) == 0 && S_ISDIR(status.st_mode) ? 1 : 0;
 }

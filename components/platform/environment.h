@@ -61,7 +61,7 @@ void platform_open_diagnostics(const char *name);
  * buffer, overwritten by the next call. The file stays open: one descriptor a call. */
 char *platform_dist_name(void);
 
-/* 1 when the process may write to path and path is a directory, else 0. */
+/* 1 when the process may write to path and path is a directory, else 0; so also for a null path. */
 int platform_is_writable_dir(const char *path);
 
 #pragma GCC visibility pop

@@ -14,7 +14,8 @@
  *       read_settings("settings");
  *   }
  *
- * Paths are byte strings: blanks, newlines, leading dashes and bytes of no encoding are names like any other.
+ * A null path is treated like one that does not exist. Paths are byte strings: blanks, newlines, leading dashes and
+ * bytes of no encoding are names like any other.
  */
 #ifndef ZEL_COMPONENTS_PLATFORM_FILE_CONTROL_H
 #define ZEL_COMPONENTS_PLATFORM_FILE_CONTROL_H
@@ -83,13 +84,14 @@ int platform_copy_file(const char *from, const char *to);
 /* ---- Children for commands --------------------------------------------------------------------------------------- */
 
 /* Starts a program, searched along PATH. fds: null, or the descriptors that become its standard input, output and
- * error, a negative one meaning the parent's own; each is closed in the child after its last use. Returns the child's
- * process number, or -1. A program that cannot be executed is a child that ends with status 127. The caller waits for
- * it (platform_wait_child). Output streams are flushed first. */
+ * error, a negative one meaning the parent's own; each is closed in the child after its last use, unless it is in its
+ * place already. An entry that is not open leaves the parent's own. Returns the child's process number, or -1. A
+ * program that cannot be executed is a child that ends with status 127. The caller waits for it (platform_wait_child).
+ * Output streams are flushed first. */
 int32_t platform_spawn(const char *file, char *const argv[], const int *fds);
 
 /* The same with the arguments as a list, ended by a null pointer of type char *; without redirection, and with
- * /dev/null as all three standard descriptors. */
+ * /dev/null as all three standard descriptors: -1 too when that cannot be opened. */
 int32_t platform_spawnl(const char *file, const char *arg0, ...) __attribute__((sentinel));
 int32_t platform_spawnl_quiet(const char *file, const char *arg0, ...) __attribute__((sentinel));
 
@@ -154,14 +156,14 @@ const char *platform_file_owner(const char *path);
 /* Removes a file, a link or an empty directory. 0 when there is none of that name or it cannot be removed. */
 int platform_remove_file(const char *path);
 
-/* Renames; replaces what is at the target. */
+/* Renames; replaces what is at the target. 1 when it did, else 0. */
 int platform_rename(const char *from, const char *to);
 
-/* Makes a directory of mode 0777 before the mask. Both are the same. */
+/* Makes a directory of mode 0777 before the mask. 1 when it did, else 0. Both are the same. */
 int platform_mkdir(const char *path);
 int platform_make_dir(const char *path);
 
-/* Removes an empty directory. */
+/* Removes an empty directory. 1 when it did, else 0. */
 int platform_rmdir(const char *path);
 
 /* Bytes that an unprivileged process may still write to the path's file system; -1 for a null or empty path, -2 when it
@@ -182,7 +184,8 @@ int platform_stamp_valid(FileStamp stamp);
 /* 1 when two stamps differ. Access times are not compared: reading a file is no change. */
 int platform_stamps_differ(FileStamp a, FileStamp b);
 
-/* 1 when a fresh stamp differs from the one given; a file that is gone has changed. */
+/* 1 when a fresh stamp differs from the one given; a file that is gone has changed, unless it was missing when the
+ * stamp was taken. */
 int platform_file_changed(const char *path, FileStamp stamp);
 int platform_fd_changed(int fd, FileStamp stamp);
 int platform_stream_changed(FILE *stream, FileStamp stamp);

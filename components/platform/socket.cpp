@@ -14,6 +14,7 @@
 namespace {
 
 constexpr int kAcceptAttempts = 500;
+constexpr int kLargestPort = 65535;
 constexpr socklen_t kAddressSize = 16;
 static_assert(sizeof(struct sockaddr_in) == kAddressSize);
 
@@ -26,6 +27,10 @@ void send_without_delay(int fd) {
 
 // Looks up the IPv4 TCP addresses of a host. Null, with errno set, when there are none.
 struct addrinfo *look_up(const char *host, int port) {
+    if (port < 0 || port > kLargestPort) {
+        errno = EINVAL; // the lookup would take the low bits for another port
+        return nullptr;
+    }
     std::array<char, 16> service;
     zel::format_text(service, "%d", port);
     struct addrinfo hints = {};
@@ -152,7 +157,10 @@ int platform_socket_open(const struct addrinfo *list, int server, int backlog) {
 }
 
 int platform_socket_close(int fd) {
-    shutdown(fd, SHUT_RDWR);
+    {
+        const zel::ErrnoKept kept; // a socket that is not connected is closed like any other
+        shutdown(fd, SHUT_RDWR);
+    }
     return close(fd);
 }
 

@@ -149,7 +149,8 @@ int platform_accept_once(int listening);
 int platform_accept_retry(int listening, struct sockaddr *address, socklen_t *address_length);
 
 /* Connects to a host and port by TCP over IPv4. Returns the descriptor, or -1 with the errno of what failed; a host
- * that has no address is EADDRNOTAVAIL. The result of the address lookup is not freed: some hundred bytes a call. */
+ * that has no address is EADDRNOTAVAIL, a port that is none EINVAL. The result of the address lookup is
+ * not freed: some hundred bytes a call. */
 int platform_connect_host(const char *host, int port);
 
 /* Makes a socket of the first address's kind. server not 0: binds it to that address and, if it is a stream socket,

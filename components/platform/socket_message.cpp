@@ -244,14 +244,16 @@ int platform_recv_messages(int socket) {
 
 int platform_process_messages(int socket, PlatformMessageHandler handler) {
     LineTable table;
-    for (;;) {
-        ZEL_ASSERT(gMsgBuf != nullptr);
+    ZEL_ASSERT(gMsgBuf != nullptr);
+    // A handler may leave no buffer current.
+    while (gMsgBuf != nullptr) {
         const int length = platform_parse_message(gMsgBuf->p1, unparsed_length(), table.data());
         if (length == 0) {
-            return 0;
+            break;
         }
         dispatch(socket, handler, table, length);
     }
+    return 0;
 }
 
 int platform_send_message(int socket, const char *first, ...) {

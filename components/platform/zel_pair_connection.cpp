@@ -3,6 +3,7 @@
 #include <components/platform/zel_pair_connection.h>
 
 #include <components/platform/internal/allocation.h>
+#include <components/platform/internal/descriptor.h>
 #include <components/platform/internal/pair.h>
 #include <components/platform/process_info.h>
 #include <components/platform/socket.h>
@@ -141,7 +142,7 @@ int platform_pair_close(PairHandle *ph) {
         platform_socket_close(ph->rx_fd);
     } else {
         close(ph->rx_fd);
-        close(ph->tx_fd);
+        zel::close_keeping_errno(ph->tx_fd);
     }
     free(ph);
     return 1;

@@ -31,8 +31,10 @@
  * The environment string: parent pid, blank, number, blank, tag.
  *
  *   "4711 5 pid-rtx_fd_l"      kind 12: 5 is the companion's descriptor ("pid-rtx_fd", kind 10, the same)
- *   "4711 20311 pid-rtx_fd_w"  kind 13, hybrid: 20311 is a TCP port on localhost, when the variable NAME_HYBRID is set
- *                              and begins with none of 'f', 'F' and '0'
+ *   "4711 20311 pid-rtx_fd_w"  kind 13, the tag of the hybrid arrangement
+ *
+ * Whatever the tag, the number is a TCP port on localhost when the variable NAME_HYBRID is set, not empty and begins
+ * with none of 'f', 'F' and '0'; else a descriptor.
  *
  * Invariant: a handle is valid precisely when it is not null and its field self points at the record itself. Every
  * operation that takes a handle, except platform_pair_valid and platform_pair_describe, asserts that and aborts the
@@ -112,13 +114,14 @@ int32_t platform_pair_recv(PairHandle *ph, void *buffer, int32_t length);
 
 /* 1 while the process at the other end lives. On the parent's side a companion that has ended is reaped, its exit
  * status and signal go into the handle, and the result is 0; a child that somebody else waited for counts as alive
- * until its number is gone. Hybrid: a companion always finds its parent alive. */
+ * until its number is gone. Kind 13: a companion always finds its parent alive. */
 int platform_pair_companion_alive(PairHandle *ph);
 
 /* Parent: platform_kill_and_reap of the companion; the handle's status fields stay as they are. Companion: 0. */
 int platform_pair_kill_child(PairHandle *ph);
 
-/* Closes the descriptors and releases the handle, which must not be used again. Returns 1. */
+/* Closes the descriptors and releases the handle, which must not be used again. Kind 13: the connection is shut down
+ * for every copy of its descriptor. Returns 1. */
 int platform_pair_close(PairHandle *ph);
 
 /* One line of text that describes the handle; a damaged or null one too. buffer: 2048 bytes, or null for a static

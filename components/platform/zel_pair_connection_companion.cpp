@@ -74,11 +74,11 @@ bool parse_address(const char *value, Address *address) {
 // DELIBERATE: the name of the variable is not freed; like a variable's own storage it lasts as long as the process.
 // Held by the test PairChildOpen.TheNameOfTheHybridVariableStaysAllocated.
 //
-// DELIBERATE: any value that does not begin with 'f', 'F' or '0' means hybrid, "no" included. Held by the test
-// PairChildOpen.OnlyAnEmptyValueOrOneThatBeginsWithFOrZeroMeansNotHybrid.
+// DELIBERATE: any value but an empty one that does not begin with 'f', 'F' or '0' means hybrid, "no" included. Held by
+// the test PairChildOpen.OnlyAnEmptyValueOrOneThatBeginsWithFOrZeroMeansNotHybrid.
 bool is_hybrid(const char *env_name) {
     const char *name = zel_strdup2(env_name, "_HYBRID", "platform_pair_child_open", "hybrid variable name");
-    const char *value = platform_getenv(name);
+    const char *value = name == nullptr ? nullptr : platform_getenv(name); // null as a failure handler decided
     return value != nullptr && strchr("fF0", *value) == nullptr;
 }
 

@@ -13,9 +13,6 @@ namespace zel::memory {
 
 // ---- What the core primitives use ----------------------------------------------------------------------------------
 
-// Whether the debug heap is on, in either mode.
-bool debug_heap_on();
-
 // The bytes to take from the system for a request of that size; the largest number when there are none so large.
 size_t debug_block_size(size_t size);
 
@@ -77,6 +74,11 @@ struct DebugHeap {
 
 extern DebugHeap debug_heap;
 
+// Whether the debug heap is on, in either mode. Here, because every allocation asks.
+inline bool debug_heap_on() {
+    return debug_heap.mode != 0;
+}
+
 bool is_in_use(const Record &record);
 
 // The record of an index, or null for one outside the table. An index equal to the capacity matches none.
@@ -91,7 +93,10 @@ void mark_released(void *pointer);
 bool probe_header(const void *pointer, Header *header);
 bool probe_trailer(const void *pointer, size_t length, uint32_t *trailer);
 
-bool is_aligned(const void *pointer);
+// What every pointer that is handed back must be.
+inline bool is_aligned(const void *pointer) {
+    return reinterpret_cast<uintptr_t>(pointer) % kPointerAlignment == 0;
+}
 
 // Whether the pointer is that of a record in use with header and trailer intact.
 bool is_valid(const void *pointer);

@@ -32,7 +32,7 @@ void example_of_debug_heap(void) {
     zel_enable_malloc_debug(ZEL_MALLOC_CHECK_PTR);
     char *name = zel_strdup("guest", "main", "user name");
     name[8] = '!';                 // past the end, into the trailer
-    zel_malloc_describe_ptr(name); // The pointer 0x... referenced data that was corrupted at the end. ...
+    zel_malloc_describe_ptr(name); // ... referenced data that was corrupted at the end. ...
     zel_free(name);                // the same as an error; the process ends
 }
 

@@ -279,11 +279,36 @@ TEST_F(DiagLog, AVeryLongLoginNameIsCutTo256Characters) {
     const Outcome outcome = run_in_child([this] {
         static std::string name(5000, 'n');
         const Interposed endless(hook::getlogin, [] { return name.data(); });
-        printf("%d\n", msg_open_diag_log(a.path.c_str()) == a.path);
+        // Longer than a file system takes, so the file is not opened but its path looked at.
+        const Interposed opening(hook::fopen, [this](const char *path, const char *) -> FILE * {
+            const std::string expected = a.path + "/zel" + std::to_string(getpid()) + std::string(256, 'n') + ".log";
+            printf("%s\n", path == expected ? "as expected" : path);
+            return nullptr;
+        });
+        msg_open_diag_log(a.path.c_str());
     });
-    // The file name would be longer than the file system takes, so there is no log; nothing was written past a buffer.
-    EXPECT_EQ(outcome.out, "1\n");
+    EXPECT_EQ(outcome.out, "as expected\n");
     EXPECT_EQ(outcome.status, 0);
+}
+
+TEST_F(DiagLog, TheLoginNameIsNotAskedForWhenTheDirectoryIsOfNoUse) {
+    const Outcome outcome = run_in_child([this] {
+        const Interposed asked(hook::getlogin, []() -> char * {
+            printf("asked");
+            return nullptr;
+        });
+        msg_open_diag_log((a.path + "/missing").c_str());
+    });
+    EXPECT_EQ(outcome.out, "");
+}
+
+TEST_F(DiagLog, ADirectoryOf4096CharactersIsOneTooLong) {
+    const Outcome outcome = run_in_child([this] {
+        std::string path = a.path;
+        path.append(4096 - path.size(), '/');
+        printf("<%s>", msg_open_diag_log(path.c_str()));
+    });
+    EXPECT_EQ(outcome.out, "<>");
 }
 
 TEST_F(DiagLog, ATooLongDirectoryIsRefusedWhole) {

@@ -56,6 +56,7 @@ HOOK(int, ppoll, TIME64("ppoll", "__ppoll64"),
 HOOK(void *, realloc, "realloc", (void *pointer, size_t size), (pointer, size))
 HOOK(ssize_t, read, "read", (int fd, void *buffer, size_t size), (fd, buffer, size))
 HOOK(ssize_t, recv, "recv", (int fd, void *buffer, size_t length, int flags), (fd, buffer, length, flags))
+HOOK(int, remove, "remove", (const char *path), (path))
 HOOK(int, select, TIME64("select", "__select64"),
      (int count, fd_set *readable, fd_set *writable, fd_set *exceptional, timeval *timeout),
      (count, readable, writable, exceptional, timeout))

@@ -103,6 +103,7 @@ extern Hook<tm *(const time_t *, tm *)> localtime_r;
 extern Hook<void *(size_t)> malloc;
 extern Hook<int(pollfd *, nfds_t, const timespec *, const sigset_t *)> ppoll;
 extern Hook<void *(void *, size_t)> realloc;
+extern Hook<int(const char *)> remove;
 extern Hook<ssize_t(int, void *, size_t)> read;
 extern Hook<ssize_t(int, void *, size_t, int)> recv;
 extern Hook<int(int, fd_set *, fd_set *, fd_set *, timeval *)> select;

@@ -26,8 +26,9 @@ struct PathResult {
     bool allocated;
 };
 
-PathResult buffer_for(char *buf) {
-    return {.buffer = buf == nullptr ? ALLOCATE_CHARS(kAllocatedPathSize) : buf, .allocated = buf == nullptr};
+PathResult buffer_for(char *buf, int32_t line) {
+    char *buffer = buf == nullptr ? zel::file_control::allocate_chars(kAllocatedPathSize, line) : buf;
+    return {.buffer = buffer, .allocated = buf == nullptr};
 }
 
 char *finish(const PathResult &result, bool filled) {
@@ -41,9 +42,12 @@ char *finish(const PathResult &result, bool filled) {
     return nullptr;
 }
 
-// Part of a path in the caller's buffer, or in one of precisely its length.
-char *copy_of(std::string_view part, char *buf) {
-    char *target = buf == nullptr ? ALLOCATE_CHARS(part.size() + 1) : buf;
+// Part of a path in the caller's buffer, which may be the path's own, or in one of precisely its length.
+char *copy_of(std::string_view part, char *buf, int32_t line) {
+    char *target = buf == nullptr ? zel::file_control::allocate_copy(part.size() + 1, line) : buf;
+    if (target == nullptr) {
+        return nullptr; // as a failure handler decided
+    }
     memmove(target, part.data(), part.size());
     target[part.size()] = '\0';
     return target;
@@ -57,21 +61,31 @@ const char *absolute(const char *path, zel::PathBuffer &buffer) {
 } // namespace
 
 char *platform_get_cwd(char *buf, size_t size) {
-    const PathResult result = buffer_for(buf);
+    const PathResult result = buffer_for(buf, __LINE__);
+    if (result.buffer == nullptr) {
+        return nullptr; // as a failure handler decided
+    }
     return finish(result, getcwd(result.buffer, result.allocated ? kPathSize : size) != nullptr);
 }
 
 int platform_set_cwd(const char *path) {
-    if (chdir(path) == 0) {
+    if (path != nullptr && chdir(path) == 0) {
         return 1;
     }
+    errno = path == nullptr ? EFAULT : errno;
     platform_perror("platform_set_cwd");
     return 0;
 }
 
 char *platform_resolve(const char *path, char *buf) {
-    const PathResult result = buffer_for(buf);
-    return finish(result, realpath(path, result.buffer) != nullptr);
+    const PathResult result = buffer_for(buf, __LINE__);
+    // Resolved beside the buffer, which may be the path's own.
+    zel::PathBuffer whole;
+    const bool found = result.buffer != nullptr && realpath(path, whole.data()) != nullptr;
+    if (found) {
+        memcpy(result.buffer, whole.data(), strlen(whole.data()) + 1);
+    }
+    return finish(result, found);
 }
 
 char *platform_resolve_in(const char *dir, const char *path, char *buf) {
@@ -101,7 +115,10 @@ char *platform_relative_path(const char *base, const char *target, char *buf) {
     if (to == nullptr) {
         return nullptr;
     }
-    const PathResult result = buffer_for(buf);
+    const PathResult result = buffer_for(buf, __LINE__);
+    if (result.buffer == nullptr) {
+        return nullptr; // as a failure handler decided
+    }
     const bool fits = zel::compose_relative_path(from, to, {result.buffer, kAllocatedPathSize});
     if (!fits) {
         errno = ENAMETOOLONG;
@@ -114,11 +131,11 @@ char *platform_dirname(const char *path, char *buf) {
         return nullptr;
     }
     const char *slash = strrchr(path, '/');
-    return copy_of({path, slash == nullptr ? 0 : static_cast<size_t>(slash - path)}, buf);
+    return copy_of({path, slash == nullptr ? 0 : static_cast<size_t>(slash - path)}, buf, __LINE__);
 }
 
 char *platform_basename(const char *path, char *buf) {
-    return path == nullptr ? nullptr : copy_of(zel::last_component(path), buf);
+    return path == nullptr ? nullptr : copy_of(zel::last_component(path), buf, __LINE__);
 }
 
 char *platform_extension(const char *path, char *buf) {
@@ -127,9 +144,9 @@ char *platform_extension(const char *path, char *buf) {
     }
     const std::string_view component = zel::last_component(path);
     const std::string_view stem = zel::without_extension(component);
-    return stem.size() == component.size() ? nullptr : copy_of(zel::part_from(component, stem.size()), buf);
+    return stem.size() == component.size() ? nullptr : copy_of(zel::part_from(component, stem.size()), buf, __LINE__);
 }
 
 char *platform_stem(const char *path, char *buf) {
-    return path == nullptr ? nullptr : copy_of(zel::without_extension(zel::last_component(path)), buf);
+    return path == nullptr ? nullptr : copy_of(zel::without_extension(zel::last_component(path)), buf, __LINE__);
 }

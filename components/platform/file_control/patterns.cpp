@@ -19,7 +19,7 @@ char *join_pattern(const char *dir, const char *pattern) {
     const size_t length = strlen(dir);
     const char *separator = dir[length - 1] == '/' ? "" : "/";
     const size_t size = length + strlen(separator) + strlen(pattern) + 1;
-    char *joined = ALLOCATE_CHARS(size);
+    char *joined = zel::file_control::allocate_chars(size, __LINE__);
     zel::format_text({joined, size}, "%s%s%s", dir, separator, pattern);
     return joined;
 }

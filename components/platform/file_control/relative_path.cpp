@@ -31,11 +31,13 @@ bool compose_relative_path(std::string_view base, std::string_view target, std::
     if (ups * kUp.size() + rest.size() >= result.size()) {
         return false;
     }
+    // The rest first, and to its place at once: the result may stand where the target stood.
+    char *const behind_ups = result.data() + ups * kUp.size();
+    memmove(behind_ups, rest.data(), rest.size());
+    behind_ups[rest.size()] = '\0';
     for (size_t up = 0; up < ups; ++up) {
-        result = result.subspan(copy_part(result, kUp));
+        copy_part(result.subspan(up * kUp.size()), kUp);
     }
-    result = result.subspan(copy_part(result, rest));
-    result.front() = '\0';
     return true;
 }
 

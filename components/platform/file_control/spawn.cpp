@@ -2,8 +2,8 @@
 // Starting a child for a command.
 #include <components/platform/file_control.h>
 
+#include <components/platform/internal/allocation.h>
 #include <components/platform/internal/child_start.h>
-#include <components/platform/internal/file_control_unit.h>
 #include <components/platform/zel_pair_connection.h>
 
 #include <array>
@@ -40,14 +40,14 @@ size_t count_texts(const char *first, va_list rest) {
 
 int32_t spawn_list(const char *file, const int *fds, const char *arg0, va_list rest) {
     const size_t size = (count_texts(arg0, rest) + 1) * sizeof(char *);
-    auto **argv = static_cast<char **>(zel_malloc_fl(size, "ZEL_MALLOC_ARRAY", __LINE__, zel::file_control::kUnitName));
+    auto **argv = static_cast<char **>(zel::allocate_or_end(size, "platform_spawnl"));
     size_t count = 0;
     for (const char *text = arg0; text != nullptr; text = va_arg(rest, const char *)) {
         argv[count++] = const_cast<char *>(text);
     }
     argv[count] = nullptr;
     const int32_t pid = platform_spawn(file, argv, fds);
-    zel_free(argv);
+    free(argv);
     return pid;
 }
 
@@ -71,6 +71,9 @@ int32_t platform_spawnl(const char *file, const char *arg0, ...) {
 
 int32_t platform_spawnl_quiet(const char *file, const char *arg0, ...) {
     const int null_fd = platform_null_fd_open();
+    if (null_fd == -1) {
+        return -1; // as standard descriptors, negative ones would mean the parent's own
+    }
     const std::array<int, 3> fds = {null_fd, null_fd, null_fd};
     va_list rest;
     va_start(rest, arg0);

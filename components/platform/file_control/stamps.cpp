@@ -61,7 +61,7 @@ uint32_t owner_permissions(uint32_t mode) {
 
 FileStamp platform_file_stamp(const char *path) {
     struct stat status;
-    return stat(path, &status) == 0 ? stamp_of(status) : kNullStamp;
+    return path != nullptr && stat(path, &status) == 0 ? stamp_of(status) : kNullStamp;
 }
 
 FileStamp platform_fd_stamp(int fd) {

@@ -12,11 +12,11 @@ namespace {
 constexpr mode_t kDirectoryMode = 0777;
 
 bool read_status(const char *path, struct stat *status) {
-    return stat(path, status) == 0;
+    return path != nullptr && stat(path, status) == 0;
 }
 
 int has_access(const char *path, int mode) {
-    return access(path, mode) == 0 ? 1 : 0;
+    return path != nullptr && access(path, mode) == 0 ? 1 : 0;
 }
 
 } // namespace
@@ -68,15 +68,15 @@ const char *platform_file_owner(const char *path) {
 
 int platform_remove_file(const char *path) {
     struct stat status;
-    return lstat(path, &status) == 0 && remove(path) == 0 ? 1 : 0;
+    return path != nullptr && lstat(path, &status) == 0 && remove(path) == 0 ? 1 : 0;
 }
 
 int platform_rename(const char *from, const char *to) {
-    return rename(from, to) == 0 ? 1 : 0;
+    return from != nullptr && to != nullptr && rename(from, to) == 0 ? 1 : 0;
 }
 
 int platform_mkdir(const char *path) {
-    return mkdir(path, kDirectoryMode) == 0 ? 1 : 0;
+    return path != nullptr && mkdir(path, kDirectoryMode) == 0 ? 1 : 0;
 }
 
 int platform_make_dir(const char *path) {
@@ -84,7 +84,7 @@ int platform_make_dir(const char *path) {
 }
 
 int platform_rmdir(const char *path) {
-    return rmdir(path) == 0 ? 1 : 0;
+    return path != nullptr && rmdir(path) == 0 ? 1 : 0;
 }
 
 int64_t platform_free_space(const char *path) {

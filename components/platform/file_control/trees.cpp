@@ -3,7 +3,7 @@
 #include <components/platform/file_control.h>
 
 #include <components/platform/environment.h>
-#include <components/platform/internal/file_control_unit.h>
+#include <components/platform/internal/allocation.h>
 #include <components/platform/internal/path.h>
 #include <components/platform/zel_pair_connection.h>
 #include <msg/base/text.h>
@@ -13,6 +13,9 @@
 #include <unistd.h>
 
 namespace {
+
+// What these services need for themselves comes from the C library: it is no allocation of the program's, and must not
+// decide for it whether the debug heap can still be switched on.
 
 // ---- The system's tools ---------------------------------------------------------------------------------------------
 
@@ -39,14 +42,14 @@ struct ToolPath {
     explicit ToolPath(const char *path) : text(path) {
         if (path[0] == '-') {
             const size_t size = strlen(path) + sizeof "./";
-            owned = ALLOCATE_CHARS(size);
+            owned = static_cast<char *>(zel::allocate_or_end(size, "platform_spawn"));
             zel::format_text({owned, size}, "./%s", path);
             text = owned;
         }
     }
     ToolPath(const ToolPath &) = delete;
     ToolPath &operator=(const ToolPath &) = delete;
-    ~ToolPath() { zel_free(owned); }
+    ~ToolPath() { free(owned); }
     const char *text;
     char *owned = nullptr;
 };
@@ -64,7 +67,7 @@ bool is_special(char character) {
 
 // The directory's own name as a pattern that matches nothing else.
 char *escape(const char *path) {
-    char *escaped = ALLOCATE_CHARS(2 * strlen(path) + 1);
+    auto *escaped = static_cast<char *>(zel::allocate_or_end(2 * strlen(path) + 1, "platform_remove_dir"));
     char *end = escaped;
     for (const char *from = path; *from != '\0'; ++from) {
         if (is_special(*from)) {
@@ -100,8 +103,9 @@ bool remove_entries(const PlatformFileList &list) {
     return true;
 }
 
-// Whether the path is itself a directory and not a link to one. A "/" behind a link's name would lead through it.
-bool is_directory_itself(const char *path) {
+// Whether the path is itself a directory and not a link to one. A "/" behind a link's name would lead through it. Kept
+// out of line: each level of a tree that is removed would have a path buffer on the stack.
+[[gnu::noinline]] bool is_directory_itself(const char *path) {
     zel::PathBuffer bare;
     struct stat status;
     if (!zel::format_text(bare, "%s", path)) {
@@ -116,25 +120,34 @@ bool is_directory_itself(const char *path) {
 } // namespace
 
 int platform_remove_tree(const char *path) {
+    if (path == nullptr) {
+        return 0;
+    }
+    const char *tool = locate(kRemove);
     const ToolPath target(path);
-    return succeeded(platform_spawnl(locate(kRemove), kRemove.name, "-r", "-f", target.text, nullptr));
+    return succeeded(platform_spawnl(tool, tool, "-r", "-f", target.text, nullptr));
 }
 
 int platform_copy_tree(const char *from, const char *to) {
+    if (from == nullptr || to == nullptr) {
+        return 0;
+    }
+    const char *tool = locate(kCopy);
     const ToolPath source(from);
     const ToolPath target(to);
-    return succeeded(platform_spawnl(locate(kCopy), kCopy.name, "-a", source.text, target.text, nullptr));
+    return succeeded(platform_spawnl(tool, tool, "-a", source.text, target.text, nullptr));
 }
 
 // DELIBERATE: only a directory is moved this way; a single file has platform_rename. Held by the test
 // MoveTree.APlainFileIsNotMovedAndNothingRuns.
 int platform_move_tree(const char *from, const char *to) {
-    if (!platform_is_writable_dir(from)) {
+    if (!platform_is_writable_dir(from) || to == nullptr) {
         return 0;
     }
+    const char *tool = locate(kMove);
     const ToolPath source(from);
     const ToolPath target(to);
-    return succeeded(platform_spawnl(locate(kMove), kMove.name, "-f", source.text, target.text, nullptr));
+    return succeeded(platform_spawnl(tool, tool, "-f", source.text, target.text, nullptr));
 }
 
 int platform_remove_dir(const char *path) {
@@ -146,7 +159,7 @@ int platform_remove_dir(const char *path) {
     PlatformFileList hidden = {};
     platform_glob(pattern, "*", &plain);
     platform_glob(pattern, ".*", &hidden);
-    zel_free(pattern);
+    free(pattern);
     const bool removed = remove_entries(plain) && remove_entries(hidden) && rmdir(path) == 0;
     platform_glob_free(&plain);
     platform_glob_free(&hidden);

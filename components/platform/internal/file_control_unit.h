@@ -15,8 +15,18 @@ inline constexpr size_t kPathSize = 4096;
 
 } // namespace zel::file_control
 
-// Storage for characters, described by this unit and the line where it is asked for.
-#define ALLOCATE_CHARS(count)                                                                                          \
-    static_cast<char *>(zel_malloc_fl((count), "ZEL_MALLOC_ARRAY", __LINE__, zel::file_control::kUnitName))
+namespace zel::file_control {
+
+// Storage for a caller, described by this unit and the line of the service that asks for it.
+inline char *allocate_chars(size_t count, int32_t line) {
+    return static_cast<char *>(zel_malloc_fl(count, "ZEL_MALLOC_ARRAY", line, kUnitName));
+}
+
+// The same for a copy of a text.
+inline char *allocate_copy(size_t count, int32_t line) {
+    return static_cast<char *>(zel_malloc_fl(count, "ZEL_STRDUP", line, kUnitName));
+}
+
+} // namespace zel::file_control
 
 #endif

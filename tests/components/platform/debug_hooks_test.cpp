@@ -401,3 +401,38 @@ TEST(DebugOp, TheHookDoesNotEndThePeriodBeforeTheFirstAllocation) {
     EXPECT_EQ(outcome.out, "2: prog a; ZEL_DEBUG unset\non\n");
     EXPECT_EQ(outcome.err, "");
 }
+
+TEST(DebugHooksVariable, AtMost510ArgumentsAreHandedOn) {
+    std::vector<std::string> words(601, "a");
+    const Outcome outcome = run_hook(words, "using set -- $ZEL_EXE_PARMS; echo $#");
+    EXPECT_EQ(outcome.out, "510\n");
+}
+
+TEST(DebugOp, TheThreeVariablesAreSetInTheirOrder) {
+    const Outcome outcome = run_in_child([] {
+        for (const char *name : {"ZEL_DEBUG_PROMPT", "ZEL_EXE", "ZEL_EXE_PARMS"}) {
+            unsetenv(name);
+        }
+        atexit([] {
+            for (char **entry = environ; *entry != nullptr; ++entry) {
+                if (strncmp(*entry, "ZEL_", 4) == 0) {
+                    printf("%s\n", *entry);
+                }
+            }
+        });
+        clearenv();
+        char own[] = "a";
+        platform_debug_op("/x/prog", std::vector<char *>{own, nullptr}.data(), "exec /no/such/program");
+    });
+    EXPECT_EQ(outcome.out, "ZEL_DEBUG_PROMPT=debug prog\nZEL_EXE=/x/prog\nZEL_EXE_PARMS=a\n");
+}
+
+TEST(DebugOp, AnUnknownOpIsRepeatedAsItWasTyped) {
+    EXPECT_EQ(run_hook({"prog"}, "FrOb").err, "\"__ZEL_DEBUG__ FrOb\" not a recognized debug op.\n");
+}
+
+TEST(DebugOp, AShellThatIsSetButEmptyIsTakenAsItIs) {
+    const Outcome outcome = run_hook({"prog"}, "using", "");
+    EXPECT_EQ(outcome.out, "");
+    EXPECT_EQ(outcome.status, 0) << "an empty command line ends well";
+}

@@ -172,3 +172,14 @@ TEST(PlatformPerror, PercentSignsInTheTextConvertNothing) {
     EXPECT_EQ(doubled.err, "50%: Operation not permitted\n");
     EXPECT_EQ(doubled.out, "50%%: Operation not permitted\n");
 }
+
+TEST(PlatformPerror, AsTheFirstCallOfAProcessItNeedsNoMemoryEither) {
+    const Outcome outcome = run_in_child([] {
+        const Interposed failing(hook::malloc, fail_always(hook::malloc, ENOMEM, nullptr));
+        errno = ENOENT;
+        platform_perror("step");
+        _exit(errno == ENOENT ? 0 : 1);
+    });
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.err, "");
+}

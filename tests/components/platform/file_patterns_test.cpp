@@ -344,3 +344,22 @@ TEST_F(Spawn, ManyArgumentsAreTaken) {
     });
     EXPECT_EQ(outcome.out, "400\n");
 }
+
+TEST_F(CopyFile, DevicesHaveNothingToLose) {
+    EXPECT_EQ(platform_copy_file("/dev/null", "/dev/null"), 1);
+}
+
+TEST_F(Spawn, AQuietChildIsNotStartedWithoutTheNullDevice) {
+    const Interposed failing(hook::fopen, fail_always(hook::fopen, EMFILE, nullptr));
+    EXPECT_EQ(platform_spawnl_quiet("true", "true", nullptr), -1);
+}
+
+TEST_F(Spawn, StandardDescriptorsMayBeSwappedAndTheInputKept) {
+    const Outcome outcome = run_in_child([] {
+        const char *const argv[] = {"sh", "-c", "echo out; echo err >&2", nullptr};
+        const int fds[3] = {-1, 2, 1};
+        wait_for(platform_spawn("sh", const_cast<char *const *>(argv), fds));
+    });
+    EXPECT_EQ(outcome.out, "err\n");
+    EXPECT_EQ(outcome.err, "out\n");
+}

@@ -2,6 +2,7 @@
 // Status and access tests, stamps, and small changes to files and directories.
 #include <components/platform/file_control.h>
 
+#include <components/platform/environment.h>
 #include <support/child.h>
 #include <support/files.h>
 #include <support/interpose.h>
@@ -347,4 +348,42 @@ TEST_F(ModeTest, AllPermissionsAskedForMustBeThereForTheOwner) {
 TEST_F(ModeTest, OtherBitsOfTheFlagsDoNotCount) {
     const FileStamp stamp = platform_file_stamp(folder.path.c_str());
     EXPECT_EQ(platform_mode_test(stamp, 0xFFFFF8FC), 1);
+}
+
+TEST_F(FileStampTest, AStreamWhoseFileHasGrownHasChanged) {
+    const std::string file = with_text("file", "text");
+    FILE *stream = fopen(file.c_str(), "a");
+    ASSERT_NE(stream, nullptr);
+    const FileStamp stamp = platform_stream_stamp(stream);
+    fputs("more", stream);
+    fflush(stream);
+    EXPECT_EQ(platform_stream_changed(stream, stamp), 1);
+    fclose(stream);
+}
+
+TEST_F(FileStampTest, AFileThatWasMissingAndIsHasNotChanged) {
+    const FileStamp stamp = platform_file_stamp(path("missing").c_str());
+    EXPECT_EQ(platform_file_changed(path("missing").c_str(), stamp), 0);
+    const FileStamp none = platform_stream_stamp(nullptr);
+    EXPECT_EQ(platform_stamp_valid(none), 0);
+}
+
+TEST_F(FileStatus, ANullPathDoesNotExist) {
+    EXPECT_EQ(platform_exists(nullptr), 0);
+    EXPECT_EQ(platform_is_readable(nullptr), 0);
+    EXPECT_EQ(platform_is_writable(nullptr), 0);
+    EXPECT_EQ(platform_is_executable(nullptr), 0);
+    EXPECT_EQ(platform_is_dir(nullptr), 0);
+    EXPECT_EQ(platform_is_writable_dir(nullptr), 0);
+    EXPECT_EQ(platform_mtime(nullptr), 0);
+    EXPECT_EQ(platform_file_size(nullptr), -1);
+    EXPECT_EQ(platform_file_owner(nullptr), nullptr);
+    EXPECT_EQ(platform_remove_file(nullptr), 0);
+    EXPECT_EQ(platform_rename(nullptr, "x"), 0);
+    EXPECT_EQ(platform_rename("x", nullptr), 0);
+    EXPECT_EQ(platform_mkdir(nullptr), 0);
+    EXPECT_EQ(platform_rmdir(nullptr), 0);
+    EXPECT_EQ(platform_copy_file(nullptr, "x"), 0);
+    EXPECT_EQ(platform_copy_file("x", nullptr), 0);
+    EXPECT_EQ(platform_stamp_valid(platform_file_stamp(nullptr)), 0);
 }

@@ -2,6 +2,7 @@
 // Trees on a real file system: removed, copied, moved; and that nothing outside them is ever touched.
 #include <components/platform/file_control.h>
 
+#include <malloc/zel_malloc.h>
 #include <support/child.h>
 #include <support/files.h>
 #include <support/interpose.h>
@@ -188,6 +189,7 @@ TEST_F(RemoveDir, TheFirstEntryThatCannotBeRemovedStopsTheWalk) {
     make_folder("tree/b");
     make_file("tree/b/kept");
     make_file("tree/c");
+    make_file("tree/.z");
     ASSERT_EQ(chmod(path("tree/b").c_str(), 0555), 0);
     ASSERT_EQ(chmod(path("tree").c_str(), 0777), 0);
     ASSERT_EQ(chmod(folder.path.c_str(), 0777), 0);
@@ -201,6 +203,7 @@ TEST_F(RemoveDir, TheFirstEntryThatCannotBeRemovedStopsTheWalk) {
     EXPECT_FALSE(exists("tree/a")) << "what stood before it is gone";
     EXPECT_TRUE(exists("tree/b/kept"));
     EXPECT_TRUE(exists("tree/c")) << "what stands behind it stays";
+    EXPECT_TRUE(exists("tree/.z")) << "hidden entries come after the others";
 }
 
 TEST_F(RemoveDir, ADirectoryThatMayNotBeWrittenIsRefused) {
@@ -379,7 +382,8 @@ TEST_F(Tools, TheArgumentsAreThoseOfTheTool) {
         platform_copy_tree("a", "b");
         platform_move_tree(folder.path.c_str(), "c");
     });
-    EXPECT_EQ(outcome.out, "/bin/rm: rm -r -f x\n/bin/cp: cp -a a b\n/bin/mv: mv -f " + folder.path + " c\n");
+    EXPECT_EQ(outcome.out,
+              "/bin/rm: /bin/rm -r -f x\n/bin/cp: /bin/cp -a a b\n/bin/mv: /bin/mv -f " + folder.path + " c\n");
 }
 
 TEST_F(Tools, TheyAreLookedForInBinThenUsrBinThenAlongThePath) {
@@ -399,9 +403,9 @@ TEST_F(Tools, TheyAreLookedForInBinThenUsrBinThenAlongThePath) {
         hidden.insert({"/bin/mv", "/usr/bin/mv"});
         platform_move_tree(folder.path.c_str(), "y");
     });
-    EXPECT_EQ(outcome.out,
-              "/usr/bin/rm: rm -r -f x\nrm: rm -r -f x\n/usr/bin/cp: cp -a x y\ncp: cp -a x y\nmv: mv -f " +
-                  folder.path + " y\n");
+    EXPECT_EQ(outcome.out, "/usr/bin/rm: /usr/bin/rm -r -f x\nrm: rm -r -f x\n/usr/bin/cp: /usr/bin/cp -a x y\n"
+                           "cp: cp -a x y\nmv: mv -f " +
+                               folder.path + " y\n");
 }
 
 TEST_F(Tools, OnlyAWholeStatusOfZeroIsSuccess) {
@@ -414,4 +418,42 @@ TEST_F(Tools, OnlyAWholeStatusOfZeroIsSuccess) {
         return 0;
     });
     EXPECT_EQ(platform_remove_tree("x"), 0);
+}
+
+TEST_F(Tools, WhatTheyNeedIsNoAllocationOfTheProgram) {
+    make_folder("tree");
+    const unsigned long before = zel_malloc_total_requested();
+    EXPECT_EQ(platform_copy_tree(path("tree").c_str(), path("copy").c_str()), 1);
+    EXPECT_EQ(platform_remove_tree(path("tree").c_str()), 1);
+    EXPECT_EQ(platform_remove_tree("-there is none"), 1);
+    EXPECT_EQ(zel_malloc_total_requested(), before);
+}
+
+TEST_F(Tools, ANullPathIsRefusedAndNothingRuns) {
+    EXPECT_EQ(forks_during([this] {
+                  EXPECT_EQ(platform_remove_tree(nullptr), 0);
+                  EXPECT_EQ(platform_copy_tree(nullptr, "x"), 0);
+                  EXPECT_EQ(platform_copy_tree("x", nullptr), 0);
+                  EXPECT_EQ(platform_move_tree(nullptr, "x"), 0);
+                  EXPECT_EQ(platform_move_tree(folder.path.c_str(), nullptr), 0);
+                  EXPECT_EQ(platform_remove_dir(nullptr), 0);
+              }),
+              0);
+}
+
+TEST_F(RemoveDir, BothListsAreReleasedAlsoWhenAnEntryStopsTheWalk) {
+    make_folder("tree");
+    make_file("tree/a");
+    int blocks = 0;
+    const Interposed allocating(hook::malloc, [&blocks](size_t size) {
+        ++blocks;
+        return hook::malloc.real(size);
+    });
+    const Interposed releasing(hook::free, [&blocks](void *pointer) {
+        blocks -= pointer != nullptr ? 1 : 0;
+        hook::free.real(pointer);
+    });
+    const Interposed stuck(hook::remove, fail_always(hook::remove, EPERM, -1));
+    EXPECT_EQ(platform_remove_dir(path("tree").c_str()), 0);
+    EXPECT_EQ(blocks, 0);
 }

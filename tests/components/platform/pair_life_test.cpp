@@ -5,6 +5,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 using namespace zel::test;
@@ -161,4 +162,20 @@ TEST(PairFailureSweep, Memory) {
     EXPECT_EQ(outcome_without_memory(0), "ended with 1") << "no handle";
     EXPECT_EQ(outcome_without_memory(1), "not served 1") << "the companion's variable is missing";
     EXPECT_EQ(outcome_without_memory(2), "served 0") << "nothing else is asked for";
+}
+
+TEST(PairClose, ErrnoStaysAsItWas) {
+    const Outcome outcome = run_in_child([] {
+        int ends[2];
+        if (socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0) {
+            exit(2);
+        }
+        const std::string value = "1 " + std::to_string(ends[0]) + " pid-rtx_fd_l";
+        setenv("CLOSE_PAIR", value.c_str(), 1);
+        PairHandle *pair = platform_pair_child_open("CLOSE_PAIR", 0, 1);
+        errno = ENOENT;
+        platform_pair_close(pair);
+        printf("%d", errno == ENOENT);
+    });
+    EXPECT_EQ(outcome.out, "1");
 }

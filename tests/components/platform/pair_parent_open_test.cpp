@@ -55,7 +55,7 @@ Steps steps_of_open(const Start &how) {
 
 } // namespace
 
-TEST(PairHandleRecord, IsTwelveWordsInTheStatedOrder) {
+TEST(PairHandleRecord, IsTwelveWordsInTheirOrder) {
     EXPECT_EQ(sizeof(PairHandle), 10 * 4 + 2 * sizeof(void *));
     EXPECT_EQ(offsetof(PairHandle, companion_pid), 0u);
     EXPECT_EQ(offsetof(PairHandle, parent), 4u);
@@ -280,7 +280,7 @@ TEST(PairParentOpen, TheFirstCompanionDoesNotInheritTheIgnoredSignal) {
     EXPECT_EQ(outcome.status, 0);
 }
 
-TEST(PairParentOpen, TheParentsStepsComeInTheStatedOrder) {
+TEST(PairParentOpen, TheParentsStepsComeInTheirOrder) {
     const Outcome outcome = run_in_child([] {
         const int as_they_are[] = {0, 1, 2};
         const Steps steps =
@@ -293,7 +293,7 @@ TEST(PairParentOpen, TheParentsStepsComeInTheStatedOrder) {
                            "do not block end0\n");
 }
 
-TEST(PairParentOpen, TheChildsStepsComeInTheStatedOrder) {
+TEST(PairParentOpen, TheChildsStepsComeInTheirOrder) {
     const int as_they_are[] = {0, 1, 2};
     const Lines steps = steps_of_open({.companion = "pair_reporter", .blocking = 0, .stdio_fds = as_they_are}).child;
     ASSERT_EQ(steps.size(), 4u);

@@ -258,6 +258,20 @@ TEST(ProcessMessages, AHandlerMayMakeAnotherBufferCurrent) {
     on_message = nullptr;
 }
 
+TEST(ProcessMessages, AHandlerMayLeaveNoBufferCurrent) {
+    const CurrentBuffer only;
+    put_into_buffer("A\r\n\r\nB\r\n\r\n");
+    int handed_over = 0;
+    on_message = [&](int, char *, char **) {
+        ++handed_over;
+        platform_msgbuf_set(nullptr);
+        return 1;
+    };
+    EXPECT_EQ(platform_process_messages(-1, handle_message), 0);
+    EXPECT_EQ(handed_over, 1);
+    on_message = nullptr;
+}
+
 TEST(ProcessMessages, WithoutACurrentBufferAborts) {
     const Outcome outcome = run_in_child([] { platform_process_messages(-1, handle_message); });
     EXPECT_EQ(outcome.signal, SIGABRT);

@@ -64,6 +64,14 @@ TEST(ConnectHost, AnUnknownHostHasNoAddress) {
     EXPECT_EQ(errno, EADDRNOTAVAIL);
 }
 
+TEST(ConnectHost, ANumberThatIsNoPortIsNotTakenForAnother) {
+    for (const int port : {-1, 65536, 65536 + 80}) {
+        errno = 0;
+        EXPECT_EQ(platform_connect_host("localhost", port), -1) << port;
+        EXPECT_EQ(errno, EINVAL) << port;
+    }
+}
+
 TEST(ConnectHost, ALookupThatTheSystemFailedKeepsItsError) {
     const NoAddress failing(EAI_SYSTEM);
     EXPECT_EQ(platform_connect_host("localhost", 80), -1);
