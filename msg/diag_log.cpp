@@ -48,7 +48,7 @@ void store_directory(const char *directory) {
 
 const char *login_name() {
     if (state.login.front() == '\0') {
-        const char *name = getlogin(); // NOLINT(concurrency-mt-unsafe): a process has one thread
+        const char *name = getlogin();
         zel::format_text(state.login, "%s", name == nullptr ? "" : name);
     }
     return state.login.data();

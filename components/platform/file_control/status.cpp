@@ -62,7 +62,7 @@ const char *platform_file_owner(const char *path) {
     if (!read_status(path, &status)) {
         return nullptr;
     }
-    const struct passwd *entry = getpwuid(status.st_uid); // NOLINT(concurrency-mt-unsafe): a process has one thread
+    const struct passwd *entry = getpwuid(status.st_uid);
     return entry == nullptr ? nullptr : entry->pw_name;
 }
 
