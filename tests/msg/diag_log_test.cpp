@@ -78,6 +78,17 @@ struct DiagLog : testing::Test {
     ScratchFolder c;
 };
 
+// What a process says whose log is to stand in the chosen directory; missing: one that does not exist.
+std::string report_of(const Value &chosen, const std::string &missing) {
+    if (!chosen.has_value()) {
+        return "/tmp\na line\n\n";
+    }
+    if (chosen->empty()) {
+        return "\n0 streams\n";
+    }
+    return *chosen + (*chosen == missing ? "\nno file\n" : "\na line\n\n");
+}
+
 } // namespace
 
 TEST_F(DiagLog, WithNoneOfTheVariablesTheFileIsInTmp) {
@@ -99,13 +110,8 @@ TEST_F(DiagLog, EveryCombinationOfTheVariablesIsDecidedByTheFirstThatIsSet) {
         for (const Value &second : kinds) {
             for (const Value &third : kinds) {
                 const Value &chosen = first ? first : second ? second : third;
-                std::string expected = "/tmp\na line\n\n";
-                if (chosen.has_value()) {
-                    expected = chosen->empty() ? "\n0 streams\n"
-                                               : *chosen + (*chosen == missing ? "\nno file\n" : "\na line\n\n");
-                }
                 const Outcome outcome = open_with(first, second, third);
-                EXPECT_EQ(outcome.out, expected);
+                EXPECT_EQ(outcome.out, report_of(chosen, missing));
                 EXPECT_EQ(outcome.err, "");
                 EXPECT_EQ(outcome.status, 0);
             }
