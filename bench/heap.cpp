@@ -36,7 +36,7 @@ constexpr Heap kHeaps[] = {
      "libc_malloc_debug.so", 100000, 0, kAny},
     {"valgrind, memcheck", "valgrind -q ", "malloc", "", 10000, 0, kAny},
     // Two mappings for each block: the kernel grants a process 65530.
-    {"Electric Fence", "EF_DISABLE_BANNER=1 LD_PRELOAD=libefence.so.0.0 ", "malloc", "libefence.so", 2000, 0, 1000},
+    {"Electric Fence", "EF_DISABLE_BANNER=1 LD_PRELOAD=libefence.so.0.0 ", "malloc", "libefence.so", 2000, 0, 10000},
 };
 
 struct Row {
