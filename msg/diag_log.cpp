@@ -5,6 +5,7 @@
 
 #include <components/platform/environment.h>
 #include <msg/base/text.h>
+#include <msg/base/variables.h>
 #include <msg/msg.h>
 
 #include <array>
@@ -26,13 +27,7 @@ using LogPath = std::array<char, kDirectorySize>;
 
 // A variable that is set but empty wins over those behind it: so a user switches diagnostics off.
 const char *directory_from_environment() {
-    for (const char *variable : {"ZEL_DIAG_DIR", "ZEL_DIAGNOSTICS_PATH", "ZEL_TMPDIR"}) {
-        const char *directory = platform_getenv(variable);
-        if (directory != nullptr) {
-            return directory;
-        }
-    }
-    return "/tmp";
+    return zel::first_set({"ZEL_DIAG_DIR", "ZEL_DIAGNOSTICS_PATH", "ZEL_TMPDIR"}, "/tmp");
 }
 
 // The text may be the stored one itself. A longer one than there is room for is refused whole: what is left of a path
@@ -83,6 +78,5 @@ const char *msg_get_diag_dir() {
 }
 
 const char *msg_get_tmpdir() {
-    const char *directory = platform_getenv("ZEL_TMPDIR");
-    return directory != nullptr ? directory : "/tmp";
+    return zel::first_set({"ZEL_TMPDIR"}, "/tmp");
 }

@@ -5,6 +5,7 @@
 #include <components/platform/internal/path.h>
 #include <components/platform/internal/sleep.h>
 #include <msg/base/text.h>
+#include <msg/base/variables.h>
 #include <msg/msg.h>
 
 #include <array>
@@ -37,13 +38,7 @@ bool is_one_of(const char *value, const char *word, const char *digit) {
 
 // Used without a test of its own: whoever sets these variables says where files go.
 const char *fallback_directory() {
-    for (const char *variable : {"ZEL_TMPDIR", "TMP", "TEMP"}) {
-        const char *directory = platform_getenv(variable);
-        if (directory != nullptr) {
-            return directory;
-        }
-    }
-    return "";
+    return zel::first_set({"ZEL_TMPDIR", "TMP", "TEMP"}, "");
 }
 
 // DELIBERATE: the month counts from 00. Log files of many years sort by this stamp. Held by the test
