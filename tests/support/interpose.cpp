@@ -69,8 +69,10 @@ HOOK(int, sigaction, "sigaction", (int signal, const struct sigaction *action, s
 HOOK(unsigned, sleep, "sleep", (unsigned seconds), (seconds))
 HOOK(int, socket, "socket", (int family, int type, int protocol), (family, type, protocol))
 HOOK(int, socketpair, "socketpair", (int family, int type, int protocol, int *fds), (family, type, protocol, fds))
+HOOK(int, statvfs, "statvfs64", (const char *path, struct statvfs *status), (path, status))
 HOOK(long, sysconf, "sysconf", (int name), (name))
 HOOK(time_t, time, TIME64("time", "__time64"), (time_t * now), (now))
 HOOK(int, vsnprintf, "vsnprintf", (char *buffer, size_t size, const char *format, va_list args),
      (buffer, size, format, args))
 HOOK(pid_t, waitpid, "waitpid", (pid_t pid, int *status, int options), (pid, status, options))
+HOOK(ssize_t, write, "write", (int fd, const void *buffer, size_t size), (fd, buffer, size))

@@ -19,6 +19,7 @@
 #include <pwd.h>
 #include <sys/select.h>
 #include <sys/socket.h>
+#include <sys/statvfs.h>
 #include <sys/types.h>
 #include <type_traits>
 
@@ -114,10 +115,12 @@ extern Hook<int(int, const struct sigaction *, struct sigaction *)> sigaction;
 extern Hook<unsigned(unsigned)> sleep;
 extern Hook<int(int, int, int)> socket;
 extern Hook<int(int, int, int, int *)> socketpair;
+extern Hook<int(const char *, struct statvfs *)> statvfs;
 extern Hook<long(int)> sysconf;
 extern Hook<time_t(time_t *)> time;
 extern Hook<int(char *, size_t, const char *, va_list)> vsnprintf;
 extern Hook<pid_t(pid_t, int *, int)> waitpid;
+extern Hook<ssize_t(int, const void *, size_t)> write;
 
 } // namespace hook
 
