@@ -41,6 +41,7 @@ HOOK(pid_t, fork, "fork", (), ())
 HOOK(int, fputs, "fputs", (const char *text, FILE *stream), (text, stream))
 HOOK(void, free, "free", (void *pointer), (pointer))
 HOOK(void, freeaddrinfo, "freeaddrinfo", (addrinfo * list), (list))
+HOOK(int, fstat, TIME64("fstat64", "__fstat64_time64"), (int fd, struct stat *status), (fd, status))
 HOOK(int, fsync, "fsync", (int fd), (fd))
 HOOK(int, getaddrinfo, "getaddrinfo", (const char *host, const char *service, const addrinfo *hints, addrinfo **list),
      (host, service, hints, list))

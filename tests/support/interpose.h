@@ -19,6 +19,7 @@
 #include <pwd.h>
 #include <sys/select.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/types.h>
 #include <type_traits>
@@ -94,6 +95,7 @@ extern Hook<pid_t()> fork;
 extern Hook<int(const char *, FILE *)> fputs;
 extern Hook<void(void *)> free;
 extern Hook<void(addrinfo *)> freeaddrinfo;
+extern Hook<int(int, struct stat *)> fstat;
 extern Hook<int(int)> fsync;
 extern Hook<int(const char *, const char *, const addrinfo *, addrinfo **)> getaddrinfo;
 extern Hook<char *()> getlogin;
