@@ -2,6 +2,7 @@
 // The working directory, resolved and relative paths, and the parts of a path.
 #include <components/platform/file_control.h>
 
+#include "file_support.h"
 #include <malloc/zel_malloc.h>
 #include <msg/msg.h>
 #include <support/child.h>
@@ -13,7 +14,6 @@
 #include <gtest/gtest.h>
 #include <optional>
 #include <random>
-#include <set>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -22,29 +22,6 @@
 using namespace zel::test;
 
 namespace {
-
-// A text that a service allocated, taken over and released; none for null.
-std::optional<std::string> take(char *text) {
-    if (text == nullptr) {
-        return std::nullopt;
-    }
-    std::string copy = text;
-    zel_free(text);
-    return copy;
-}
-
-// Runs the body in a folder, and comes back.
-struct InFolder {
-    explicit InFolder(const std::string &path) {
-        char before[PATH_MAX];
-        came_from = getcwd(before, sizeof before);
-        EXPECT_EQ(chdir(path.c_str()), 0);
-    }
-    ~InFolder() { EXPECT_EQ(chdir(came_from.c_str()), 0); }
-    InFolder(const InFolder &) = delete;
-    InFolder &operator=(const InFolder &) = delete;
-    std::string came_from;
-};
 
 std::string relative(const char *base, const char *target) {
     return take(platform_relative_path(base, target, nullptr)).value_or("(null)");
@@ -371,92 +348,4 @@ TEST(PathParts, GeneratedPathsAgreeWithAnotherWayOfSplitting) {
         const std::string path = random_text(generator, "ab./", 10);
         expect_parts(naive_parts(path));
     }
-}
-
-TEST(Resolve, WithoutABuffer4097BytesAreAllocated) {
-    const unsigned long before = zel_malloc_total_requested();
-    EXPECT_EQ(take(platform_resolve("/tmp", nullptr)), "/tmp");
-    EXPECT_EQ(zel_malloc_total_requested() - before, 4097U);
-    EXPECT_EQ(take(platform_resolve_in("/", "tmp", nullptr)), "/tmp");
-    EXPECT_EQ(zel_malloc_total_requested() - before, 2 * 4097U);
-}
-
-TEST(Resolve, FromADirectoryTheProcessComesBackAlsoWhenThePathIsMissing) {
-    const InFolder anywhere("/");
-    char buffer[4097];
-    EXPECT_EQ(platform_resolve_in("/tmp", "there/is/none", buffer), nullptr);
-    EXPECT_EQ(errno, ENOENT);
-    EXPECT_EQ(take(platform_get_cwd(nullptr, 0)), "/");
-    EXPECT_EQ(platform_resolve_in("/", "tmp", buffer), buffer);
-    EXPECT_STREQ(buffer, "/tmp");
-}
-
-TEST(Resolve, TheBufferMayBeThePathsOwn) {
-    char buffer[4097] = "/tmp/../tmp/.";
-    EXPECT_EQ(platform_resolve(buffer, buffer), buffer);
-    EXPECT_STREQ(buffer, "/tmp");
-    const char *first = platform_resolve_static("/tmp/.");
-    EXPECT_STREQ(platform_resolve_static(first), "/tmp");
-}
-
-TEST(RelativePath, TheBufferMayBeTheTargetsOwn) {
-    char buffer[4097] = "/a/x/y";
-    EXPECT_EQ(platform_relative_path("/a/b/c/d", buffer, buffer), buffer);
-    EXPECT_STREQ(buffer, "../../../x/y");
-}
-
-TEST(WorkingDirectory, ANullPathIsReportedAsABadAddress) {
-    const Outcome outcome = run_in_child([] {
-        msg_add_stream(MSG_DIAG, stderr);
-        printf("%d", platform_set_cwd(nullptr));
-    });
-    EXPECT_EQ(outcome.out, "0");
-    EXPECT_EQ(outcome.err, "platform_set_cwd: Bad address\n");
-}
-
-namespace {
-
-// The report of the memory library when the one allocation of a service fails.
-template <typename Service>
-std::string report_of(Service service) {
-    return run_in_child([&service] {
-               zel_malloc_set_failure_handler([](unsigned long, const char *message) -> void * {
-                   printf("%s", message);
-                   return nullptr;
-               });
-               const Interposed failing(hook::malloc, fail_always(hook::malloc, ENOMEM, nullptr));
-               printf("%s", service() == nullptr ? "" : " and a result");
-           })
-        .out;
-}
-
-bool begins_with(const std::string &text, const std::string &beginning) {
-    return text.compare(0, beginning.size(), beginning) == 0;
-}
-
-} // namespace
-
-TEST(PathStorage, BuffersAndCopiesAreAskedForUnderTheirCategoryUnitAndLine) {
-    const std::string unit = " in components/platform/file_control, line ";
-    const std::string buffers[] = {
-        report_of([] { return platform_get_cwd(nullptr, 0); }),
-        report_of([] { return platform_resolve("/", nullptr); }),
-        report_of([] { return platform_relative_path("/a", "/b", nullptr); }),
-    };
-    const std::string copies[] = {
-        report_of([] { return platform_dirname("/a.b", nullptr); }),
-        report_of([] { return platform_basename("/a.b", nullptr); }),
-        report_of([] { return platform_extension("/a.b", nullptr); }),
-        report_of([] { return platform_stem("/a.b", nullptr); }),
-    };
-    for (const std::string &report : buffers) {
-        EXPECT_TRUE(begins_with(report, "ZEL_MALLOC_ARRAY" + unit)) << report;
-        EXPECT_TRUE(report.ends_with(": Not enough memory to allocate 4097 bytes.")) << report;
-    }
-    for (const std::string &report : copies) {
-        EXPECT_TRUE(begins_with(report, "ZEL_STRDUP" + unit)) << report;
-    }
-    const std::set<std::string> different = {buffers[0], buffers[1], buffers[2], copies[0],
-                                             copies[1],  copies[2],  copies[3]};
-    EXPECT_EQ(different.size(), 7U) << "each service has a line of its own";
 }

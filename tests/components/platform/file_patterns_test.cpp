@@ -1,21 +1,20 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// Expanding and matching patterns, copying a file, starting a child for a command.
+// Expanding and matching patterns.
 #include <components/platform/file_control.h>
 
-#include <components/platform/zel_pair_connection.h>
+#include "file_support.h"
 #include <malloc/zel_malloc.h>
-#include <msg/msg.h>
 #include <support/child.h>
 #include <support/files.h>
 #include <support/interpose.h>
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdlib>
-#include <fcntl.h>
 #include <glob.h>
 #include <gtest/gtest.h>
 #include <string>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
 
@@ -23,35 +22,20 @@ using namespace zel::test;
 
 namespace {
 
-struct Files : testing::Test {
-    std::string path(const std::string &name) const { return folder.path + "/" + name; }
-    ScratchFolder folder;
-};
-
 using Glob = Files;
-using CopyFile = Files;
-using Spawn = Files;
+using Names = std::vector<std::string>;
+
+const Names kNothing = {"nothing"};
 
 // The names that a pattern expands to, or the one word "nothing".
-std::vector<std::string> expand(const std::string &dir, const char *pattern) {
+Names expand(const std::string &dir, const char *pattern) {
     PlatformFileList list = {};
     if (platform_glob(dir.c_str(), pattern, &list) == 0) {
-        return {"nothing"};
+        return kNothing;
     }
-    std::vector<std::string> names(list.paths, list.paths + list.count);
+    Names names(list.paths, list.paths + list.count);
     platform_glob_free(&list);
     return names;
-}
-
-int32_t wait_for(int32_t pid) {
-    int32_t status = -1;
-    EXPECT_EQ(platform_wait_child(pid, &status), pid);
-    return status;
-}
-
-int exit_code(int32_t pid) {
-    const int32_t status = wait_for(pid);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 } // namespace
@@ -60,7 +44,6 @@ TEST_F(Glob, APatternExpandsToThePathsThatMatchInOrder) {
     for (const char *name : {"b.txt", "a.txt", "c.dat", ".hidden"}) {
         write_file(path(name), "");
     }
-    using Names = std::vector<std::string>;
     EXPECT_EQ(expand(folder.path, "*.txt"), (Names{path("a.txt"), path("b.txt")}));
     EXPECT_EQ(expand(folder.path, "?.dat"), (Names{path("c.dat")}));
     EXPECT_EQ(expand(folder.path, "*"), (Names{path("a.txt"), path("b.txt"), path("c.dat")}));
@@ -68,15 +51,15 @@ TEST_F(Glob, APatternExpandsToThePathsThatMatchInOrder) {
 
 TEST_F(Glob, WithoutAPatternAllIsMeant) {
     write_file(path("a"), "");
-    const std::vector<std::string> all = {path("a")};
+    const Names all = {path("a")};
     EXPECT_EQ(expand(folder.path, nullptr), all);
     EXPECT_EQ(expand(folder.path, ""), all);
 }
 
 TEST_F(Glob, ADirectoryThatEndsInASlashGetsNoSecondOne) {
     write_file(path("a"), "");
-    EXPECT_EQ(expand(folder.path + "/", nullptr), (std::vector<std::string>{path("a")}));
-    EXPECT_EQ(expand(folder.path + "//", nullptr), (std::vector<std::string>{folder.path + "//a"}));
+    EXPECT_EQ(expand(folder.path + "/", nullptr), (Names{path("a")}));
+    EXPECT_EQ(expand(folder.path + "//", nullptr), (Names{folder.path + "//a"}));
 }
 
 TEST_F(Glob, WhatMatchesNothingLeavesTheListUntouched) {
@@ -99,22 +82,10 @@ TEST_F(Glob, NoListAndNoDirectoryAreRefusedWithoutAnAllocation) {
 
 TEST_F(Glob, TheRecordIsTheOneThingThatStaysAllocated) {
     write_file(path("a"), "");
-    int blocks = 0;
-    const Interposed allocating(hook::malloc, [&blocks](size_t size) {
-        ++blocks;
-        return hook::malloc.real(size);
-    });
-    const Interposed releasing(hook::free, [&blocks](void *pointer) {
-        blocks -= pointer != nullptr ? 1 : 0;
-        hook::free.real(pointer);
-    });
     PlatformFileList list = {};
-    EXPECT_EQ(platform_glob(folder.path.c_str(), "*.none", &list), 0);
-    EXPECT_EQ(blocks, 0);
-    EXPECT_EQ(platform_glob(folder.path.c_str(), nullptr, &list), 1);
-    EXPECT_EQ(blocks, 1);
-    platform_glob_free(&list);
-    EXPECT_EQ(blocks, 0);
+    EXPECT_EQ(blocks_left_by([&] { platform_glob(folder.path.c_str(), "*.none", &list); }), 0);
+    EXPECT_EQ(blocks_left_by([&] { platform_glob(folder.path.c_str(), nullptr, &list); }), 1);
+    EXPECT_EQ(blocks_left_by([&] { platform_glob_free(&list); }), -1);
 }
 
 TEST_F(Glob, TheRecordIsAskedForUnderItsOwnName) {
@@ -169,197 +140,74 @@ TEST(Match, WithoutAPatternAllMatchesButANullName) {
     EXPECT_EQ(platform_match(nullptr, nullptr), 0);
 }
 
-TEST_F(CopyFile, TheBytesAreTheSame) {
-    for (const size_t size : {size_t{0}, size_t{1}, size_t{8191}, size_t{8192}, size_t{8193}, size_t{100000}}) {
-        std::string text(size, '\0');
-        for (size_t place = 0; place < size; ++place) {
-            text[place] = static_cast<char>(place * 7);
-        }
-        write_file(path("from"), text);
-        EXPECT_EQ(platform_copy_file(path("from").c_str(), path("to").c_str()), 1);
-        EXPECT_EQ(read_file(path("to")), text) << size;
+TEST_F(Glob, TheListHasCountPathsAndRecordInThisOrder) {
+    write_file(path("a"), "");
+    write_file(path("b"), "");
+    PlatformFileList list = {};
+    static_assert(offsetof(PlatformFileList, count) == 0);
+    static_assert(offsetof(PlatformFileList, paths) == sizeof(void *));
+    static_assert(offsetof(PlatformFileList, glob_record) == 2 * sizeof(void *));
+    ASSERT_EQ(platform_glob(folder.path.c_str(), "*", &list), 1);
+    const auto *record = static_cast<const glob_t *>(list.glob_record);
+    EXPECT_EQ(list.count, 2U);
+    EXPECT_EQ(list.count, record->gl_pathc);
+    EXPECT_EQ(list.paths, record->gl_pathv);
+    platform_glob_free(&list);
+    EXPECT_EQ(list.paths, nullptr);
+    EXPECT_EQ(list.glob_record, nullptr);
+}
+
+TEST_F(Glob, ManyNamesStandInOrder) {
+    Names expected;
+    for (const int number : {17, 4, 25, 9, 30, 11, 2, 28, 13, 6, 21, 15, 8, 23, 19, 10}) {
+        write_file(path(std::to_string(100 + number)), "");
+        expected.push_back(path(std::to_string(100 + number)));
     }
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(expand(folder.path, "*"), expected);
 }
 
-TEST_F(CopyFile, TheTargetIsCreatedWithWhatTheMaskLeavesAndTruncated) {
-    write_file(path("from"), "short");
-    const mode_t before = umask(027);
-    EXPECT_EQ(platform_copy_file(path("from").c_str(), path("new").c_str()), 1);
-    umask(before);
-    EXPECT_EQ(platform_file_stamp(path("new").c_str()).mode & 07777, 0640U);
-    write_file(path("old"), "a much longer text");
-    EXPECT_EQ(platform_copy_file(path("from").c_str(), path("old").c_str()), 1);
-    EXPECT_EQ(read_file(path("old")), "short");
+TEST_F(Glob, TheExpansionHasNoFlags) {
+    ASSERT_EQ(mkdir(path("dir").c_str(), 0755), 0);
+    write_file(path("a"), "");
+    write_file(path("*"), "");
+    EXPECT_EQ(expand(folder.path, "d*"), Names{path("dir")}) << "no slash behind a directory";
+    EXPECT_EQ(expand(folder.path, "\\*"), Names{path("*")}) << "a backslash takes the meaning from what follows";
+    EXPECT_EQ(expand(folder.path, "{a,dir}"), kNothing) << "braces are characters like any other";
+    EXPECT_EQ(expand(folder.path, "missing"), kNothing) << "a name without a pattern must be there too";
+    EXPECT_EQ(expand(path("a"), "*"), kNothing);
 }
 
-TEST_F(CopyFile, WhatCannotBeOpenedIsAFailureThatLeavesNothingOpen) {
-    write_file(path("from"), "text");
-    EXPECT_EQ(platform_copy_file(path("missing").c_str(), path("to").c_str()), 0);
-    EXPECT_EQ(platform_exists(path("to").c_str()), 0) << "a target is not made for a source that is missing";
-    EXPECT_EQ(platform_copy_file(path("from").c_str(), path("no/such/place").c_str()), 0);
-}
-
-TEST_F(CopyFile, AFileIsNotCopiedOntoItself) {
-    write_file(path("from"), "text");
-    ASSERT_EQ(symlink("from", path("link").c_str()), 0);
-    ASSERT_EQ(link(path("from").c_str(), path("second name").c_str()), 0);
-    for (const char *to : {"from", "link", "second name"}) {
-        EXPECT_EQ(platform_copy_file(path("from").c_str(), path(to).c_str()), 0) << to;
-        EXPECT_EQ(read_file(path("from")), "text") << to;
+TEST_F(Glob, AFolderThatCannotBeReadHidesNothingElse) {
+    for (const char *name : {"1", "2", "3"}) {
+        ASSERT_EQ(mkdir(path(name).c_str(), 0755), 0);
+        write_file(path(name) + "/file", "");
     }
-}
-
-TEST_F(CopyFile, AReadThatFailsEndsTheCopy) {
-    // A folder can be opened for reading and not read.
-    EXPECT_EQ(platform_copy_file(folder.path.c_str(), path("to").c_str()), 1);
-    EXPECT_EQ(read_file(path("to")), "");
-}
-
-TEST_F(CopyFile, AFullDiskDoesNotShowInTheResult) {
-    write_file(path("from"), "text");
-    EXPECT_EQ(platform_copy_file(path("from").c_str(), "/dev/full"), 1);
-}
-
-TEST_F(CopyFile, InterruptionsLoseNothing) {
-    write_file(path("from"), std::string(50000, 'x'));
-    int calls = 0;
-    const Interposed reading(hook::read, [&calls](int fd, void *buffer, size_t size) -> ssize_t {
-        if (calls++ % 2 == 0) {
-            errno = EINTR;
-            return -1;
-        }
-        return hook::read.real(fd, buffer, size);
-    });
-    EXPECT_EQ(platform_copy_file(path("from").c_str(), path("to").c_str()), 1);
-    EXPECT_EQ(platform_file_size(path("to").c_str()), 50000);
-}
-
-TEST_F(CopyFile, ChunksHaveAtMost8192Bytes) {
-    write_file(path("from"), std::string(20000, 'x'));
-    std::vector<size_t> sizes;
-    const Interposed reading(hook::read, [&sizes](int fd, void *buffer, size_t size) {
-        sizes.push_back(size);
-        return hook::read.real(fd, buffer, size);
-    });
-    EXPECT_EQ(platform_copy_file(path("from").c_str(), path("to").c_str()), 1);
-    EXPECT_EQ(sizes, (std::vector<size_t>{8192, 8192, 8192, 8192}));
-}
-
-TEST_F(Spawn, AProgramIsFoundAlongThePathAndGetsItsArguments) {
-    const char *const argv[] = {"sh", "-c", "exit $(($1 + $2))", "sh", "40", "2", nullptr};
-    EXPECT_EQ(exit_code(platform_spawn("sh", const_cast<char *const *>(argv), nullptr)), 42);
-    EXPECT_EQ(exit_code(platform_spawnl("sh", "sh", "-c", "exit 7", nullptr)), 7);
-    EXPECT_EQ(exit_code(platform_spawnl_quiet("sh", "sh", "-c", "exit 8", nullptr)), 8);
-}
-
-TEST_F(Spawn, AProgramThatCannotBeExecutedIsAChildThatEndsWith127AndRunsNoExitHandlers) {
-    const Outcome outcome = run_in_child([] {
-        atexit([] { dprintf(1, "handler in %s\n", getenv("WHO")); });
-        setenv("WHO", "parent", 1);
-        msg_print_raw("buffered once");
-        const int32_t pid = platform_spawnl("/no/such/program", "x", nullptr);
-        int32_t status = 0;
-        platform_wait_child(pid, &status);
-        fflush(nullptr);
-        dprintf(1, " %d\n", WEXITSTATUS(status));
-    });
-    EXPECT_EQ(outcome.out, "buffered once 127\nhandler in parent\n");
-}
-
-TEST_F(Spawn, AForkThatFailsIsMinusOne) {
-    const Interposed failing(hook::fork, fail_always(hook::fork, EAGAIN, -1));
-    EXPECT_EQ(platform_spawnl("true", "true", nullptr), -1);
-    EXPECT_EQ(errno, EAGAIN);
-}
-
-TEST_F(Spawn, TheDescriptorsBecomeTheStandardOnes) {
-    write_file(path("in"), "input\n");
-    const int in = open(path("in").c_str(), O_RDONLY | O_CLOEXEC);
-    const int out = open(path("out").c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644);
-    const int err = open(path("err").c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644);
-    const char *const argv[] = {"sh", "-c", "cat; echo problem >&2", nullptr};
-    const int fds[3] = {in, out, err};
-    EXPECT_EQ(exit_code(platform_spawn("sh", const_cast<char *const *>(argv), fds)), 0);
-    for (const int fd : fds) {
-        EXPECT_EQ(close(fd), 0) << "the parent's own stay open";
-    }
-    EXPECT_EQ(read_file(path("out")), "input\n");
-    EXPECT_EQ(read_file(path("err")), "problem\n");
-}
-
-TEST_F(Spawn, ANegativeEntryIsTheParentsOwn) {
+    ASSERT_EQ(chmod(path("2").c_str(), 0), 0);
+    open_to_all();
     const Outcome outcome = run_in_child([this] {
-        const int out = open(path("out").c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644);
-        const char *const argv[] = {"sh", "-c", "echo to the file; echo to the parent >&2", nullptr};
-        const int fds[3] = {-1, out, -1};
-        wait_for(platform_spawn("sh", const_cast<char *const *>(argv), fds));
+        give_up_root();
+        for (const std::string &name : expand(folder.path, "*/f*")) {
+            printf("%s ", name.substr(folder.path.size()).c_str());
+        }
     });
-    EXPECT_EQ(outcome.err, "to the parent\n");
-    EXPECT_EQ(read_file(path("out")), "to the file\n");
+    EXPECT_EQ(outcome.out, "/1/file /3/file ");
+    ASSERT_EQ(chmod(path("2").c_str(), 0755), 0);
 }
 
-TEST_F(Spawn, OneDescriptorMayServeOutputAndErrors) {
-    const int out = open(path("out").c_str(), O_CREAT | O_WRONLY | O_APPEND | O_CLOEXEC, 0644);
-    const char *const argv[] = {"sh", "-c", "echo one; echo two >&2; ls -l /proc/$$/fd/ | grep -c '/out$'; exit 0",
-                                nullptr};
-    const int fds[3] = {-1, out, out};
-    EXPECT_EQ(exit_code(platform_spawn("sh", const_cast<char *const *>(argv), fds)), 0);
-    close(out);
-    EXPECT_EQ(read_file(path("out")), "one\ntwo\n2\n") << "two descriptors are open on it, and no third";
+TEST_F(Glob, PatternsInTheDirectoryAreExpandedToo) {
+    for (const char *name : {"one", "two"}) {
+        ASSERT_EQ(mkdir(path(name).c_str(), 0755), 0);
+        write_file(path(name) + "/file", "");
+    }
+    EXPECT_EQ(expand(path("*"), "f*"), (Names{path("one/file"), path("two/file")}));
 }
 
-TEST_F(Spawn, WithoutRedirectionTheChildSharesTheParentsOutput) {
-    const Outcome outcome = run_in_child([] { wait_for(platform_spawnl("echo", "echo", "hello", nullptr)); });
-    EXPECT_EQ(outcome.out, "hello\n");
-}
-
-TEST_F(Spawn, AQuietChildReadsAndWritesTheNullDevice) {
-    const Outcome outcome = run_in_child([] {
-        const int32_t pid = platform_spawnl_quiet("sh", "sh", "-c",
-                                                  "echo out; echo err >&2; read line; test -z \"$line\" && "
-                                                  "test \"$(readlink /proc/self/fd/0)\" = /dev/null",
-                                                  nullptr);
-        int32_t status = 0;
-        platform_wait_child(pid, &status);
-        printf("%d", status);
-    });
-    EXPECT_EQ(outcome.out, "0");
-    EXPECT_EQ(outcome.err, "");
-}
-
-TEST_F(Spawn, TheQuietFormGivesItsReferenceBack) {
-    EXPECT_EQ(exit_code(platform_spawnl_quiet("true", "true", nullptr)), 0);
-    const int fd = platform_null_fd_open();
-    EXPECT_EQ(exit_code(platform_spawnl_quiet("true", "true", nullptr)), 0);
-    EXPECT_NE(fcntl(fd, F_GETFD), -1) << "another holder keeps it open";
-    platform_null_fd_close(fd);
-    EXPECT_EQ(fcntl(fd, F_GETFD), -1);
-}
-
-TEST_F(Spawn, ManyArgumentsAreTaken) {
-    const Outcome outcome = run_in_child([] {
-#define TEN "x", "x", "x", "x", "x", "x", "x", "x", "x", "x"
-#define HUNDRED TEN, TEN, TEN, TEN, TEN, TEN, TEN, TEN, TEN, TEN
-        wait_for(platform_spawnl("sh", "sh", "-c", "echo $#", "sh", HUNDRED, HUNDRED, HUNDRED, HUNDRED, nullptr));
-    });
-    EXPECT_EQ(outcome.out, "400\n");
-}
-
-TEST_F(CopyFile, DevicesHaveNothingToLose) {
-    EXPECT_EQ(platform_copy_file("/dev/null", "/dev/null"), 1);
-}
-
-TEST_F(Spawn, AQuietChildIsNotStartedWithoutTheNullDevice) {
-    const Interposed failing(hook::fopen, fail_always(hook::fopen, EMFILE, nullptr));
-    EXPECT_EQ(platform_spawnl_quiet("true", "true", nullptr), -1);
-}
-
-TEST_F(Spawn, StandardDescriptorsMayBeSwappedAndTheInputKept) {
-    const Outcome outcome = run_in_child([] {
-        const char *const argv[] = {"sh", "-c", "echo out; echo err >&2", nullptr};
-        const int fds[3] = {-1, 2, 1};
-        wait_for(platform_spawn("sh", const_cast<char *const *>(argv), fds));
-    });
-    EXPECT_EQ(outcome.out, "err\n");
-    EXPECT_EQ(outcome.err, "out\n");
+TEST(Match, ThereAreNoFlags) {
+    EXPECT_EQ(platform_match("*", "\\*"), 1) << "a backslash takes the meaning from what follows";
+    EXPECT_EQ(platform_match("name", "\\*"), 0);
+    EXPECT_EQ(platform_match("a/b", "a"), 0) << "the whole name must match";
+    EXPECT_EQ(platform_match("A", "a"), 0) << "letters have their case";
+    EXPECT_EQ(platform_match("a/.b", "a/*"), 1);
+    EXPECT_EQ(platform_match("ab", "+(a|b)"), 0);
 }

@@ -2,7 +2,7 @@
 // Trees on a real file system: removed, copied, moved; and that nothing outside them is ever touched.
 #include <components/platform/file_control.h>
 
-#include <malloc/zel_malloc.h>
+#include "file_support.h"
 #include <support/child.h>
 #include <support/files.h>
 #include <support/interpose.h>
@@ -31,9 +31,7 @@ const std::vector<std::string> kTreacherousNames = {
     ";",     ".hidden",     "..twodots", "...",       "~",         "\xFF\xFE", "\xC3\xA9t", "tab\tx", "a*b",
     "{a,b}", "name.tar.gz", "#",         "%s%n",      "&&",        "|",        "!",         "=",      "\x01"};
 
-struct Trees : testing::Test {
-    std::string path(const std::string &name) const { return folder.path + "/" + name; }
-
+struct Trees : Files {
     void make_folder(const std::string &name) const { ASSERT_EQ(mkdir(path(name).c_str(), 0755), 0) << name; }
     void make_file(const std::string &name, const std::string &text = "text") const { write_file(path(name), text); }
     void make_link(const std::string &target, const std::string &name) const {
@@ -57,15 +55,12 @@ struct Trees : testing::Test {
         struct stat status;
         return lstat(path(name).c_str(), &status) == 0;
     }
-
-    ScratchFolder folder;
 };
 
 using RemoveDir = Trees;
 using RemoveTree = Trees;
 using CopyTree = Trees;
 using MoveTree = Trees;
-using Tools = Trees;
 
 // What a tree holds: each entry's name, and its text, its target or its kind.
 std::map<std::string, std::string> contents_of(const std::string &root) {
@@ -83,18 +78,6 @@ std::map<std::string, std::string> contents_of(const std::string &root) {
         }
     }
     return contents;
-}
-
-// Runs the body with what forks and programs it starts counted.
-template <typename Body>
-int forks_during(Body body) {
-    int forks = 0;
-    const Interposed counting(hook::fork, [&forks] {
-        ++forks;
-        return hook::fork.real();
-    });
-    body();
-    return forks;
 }
 
 } // namespace
@@ -194,9 +177,7 @@ TEST_F(RemoveDir, TheFirstEntryThatCannotBeRemovedStopsTheWalk) {
     ASSERT_EQ(chmod(path("tree").c_str(), 0777), 0);
     ASSERT_EQ(chmod(folder.path.c_str(), 0777), 0);
     const Outcome outcome = run_in_child([this] {
-        if (geteuid() == 0 && setuid(65534) != 0) {
-            exit(2);
-        }
+        give_up_root();
         printf("%d", platform_remove_dir(path("tree").c_str()));
     });
     EXPECT_EQ(outcome.out, "0");
@@ -204,6 +185,20 @@ TEST_F(RemoveDir, TheFirstEntryThatCannotBeRemovedStopsTheWalk) {
     EXPECT_TRUE(exists("tree/b/kept"));
     EXPECT_TRUE(exists("tree/c")) << "what stands behind it stays";
     EXPECT_TRUE(exists("tree/.z")) << "hidden entries come after the others";
+    ASSERT_EQ(chmod(path("tree/b").c_str(), 0755), 0);
+}
+
+TEST_F(RemoveDir, AFileThatCannotBeRemovedStopsTheWalk) {
+    make_folder("tree");
+    make_file("tree/a");
+    make_file("tree/b");
+    make_file("tree/c");
+    const Interposed refusing(
+        hook::remove, [this](const char *name) { return name == path("tree/b") ? -1 : hook::remove.real(name); });
+    EXPECT_EQ(platform_remove_dir(path("tree").c_str()), 0);
+    EXPECT_FALSE(exists("tree/a"));
+    EXPECT_TRUE(exists("tree/b"));
+    EXPECT_TRUE(exists("tree/c"));
 }
 
 TEST_F(RemoveDir, ADirectoryThatMayNotBeWrittenIsRefused) {
@@ -212,13 +207,12 @@ TEST_F(RemoveDir, ADirectoryThatMayNotBeWrittenIsRefused) {
     ASSERT_EQ(chmod(path("tree").c_str(), 0555), 0);
     ASSERT_EQ(chmod(folder.path.c_str(), 0777), 0);
     const Outcome outcome = run_in_child([this] {
-        if (geteuid() == 0 && setuid(65534) != 0) {
-            exit(2);
-        }
+        give_up_root();
         printf("%d", platform_remove_dir(path("tree").c_str()));
     });
     EXPECT_EQ(outcome.out, "0");
     EXPECT_TRUE(exists("tree/a"));
+    ASSERT_EQ(chmod(path("tree").c_str(), 0755), 0);
 }
 
 TEST_F(RemoveDir, TwentyThousandEntriesAreRemoved) {
@@ -327,9 +321,7 @@ TEST_F(MoveTree, ADirectoryThatMayNotBeWrittenIsNotMovedAndNothingRuns) {
     ASSERT_EQ(chmod(path("tree").c_str(), 0555), 0);
     ASSERT_EQ(chmod(folder.path.c_str(), 0777), 0);
     const Outcome outcome = run_in_child([this] {
-        if (geteuid() == 0 && setuid(65534) != 0) {
-            exit(2);
-        }
+        give_up_root();
         int result = 1;
         const int forks = forks_during([&] { result = platform_move_tree(path("tree").c_str(), path("m").c_str()); });
         printf("%d %d", result, forks);
@@ -338,122 +330,110 @@ TEST_F(MoveTree, ADirectoryThatMayNotBeWrittenIsNotMovedAndNothingRuns) {
     EXPECT_TRUE(exists("tree"));
 }
 
-TEST_F(Tools, APathThatBeginsWithADashIsNoOption) {
-    const Outcome outcome = run_in_child([this] {
-        if (chdir(folder.path.c_str()) != 0 || mkdir("-tree", 0755) != 0) {
-            exit(2);
-        }
-        write_file("-tree/file", "text");
-        printf("%d", platform_copy_tree("-tree", "-copy"));
-        printf("%d", platform_move_tree("-copy", "--moved"));
-        printf("%d", platform_remove_tree("-tree"));
-        printf("%d", platform_exists("--moved/file"));
-    });
-    EXPECT_EQ(outcome.out, "1111");
-    EXPECT_EQ(outcome.err, "");
-    EXPECT_FALSE(exists("-tree"));
-    EXPECT_FALSE(exists("-copy"));
-}
-
-TEST_F(Tools, AChildThatCannotBeCreatedIsAFailure) {
-    const Interposed refusing(hook::fork, [] {
-        errno = ENOMEM;
-        return -1;
-    });
-    EXPECT_EQ(platform_remove_tree("x"), 0);
-    EXPECT_EQ(platform_copy_tree("x", "y"), 0);
-    EXPECT_EQ(platform_move_tree(folder.path.c_str(), "y"), 0);
-}
-
-// In the child: what would be executed is written to standard output instead.
-int print_instead_of_executing(const char *file, char *const *argv) {
-    dprintf(1, "%s:", file);
-    for (char *const *argument = argv; *argument != nullptr; ++argument) {
-        dprintf(1, " %s", *argument);
-    }
-    dprintf(1, "\n");
-    _exit(0);
-}
-
-TEST_F(Tools, TheArgumentsAreThoseOfTheTool) {
-    const Outcome outcome = run_in_child([this] {
-        const Interposed printing(hook::execvp, print_instead_of_executing);
-        platform_remove_tree("x");
-        platform_copy_tree("a", "b");
-        platform_move_tree(folder.path.c_str(), "c");
-    });
-    EXPECT_EQ(outcome.out,
-              "/bin/rm: /bin/rm -r -f x\n/bin/cp: /bin/cp -a a b\n/bin/mv: /bin/mv -f " + folder.path + " c\n");
-}
-
-TEST_F(Tools, TheyAreLookedForInBinThenUsrBinThenAlongThePath) {
-    const Outcome outcome = run_in_child([this] {
-        const Interposed printing(hook::execvp, print_instead_of_executing);
-        std::set<std::string> hidden = {"/bin/rm"};
-        const Interposed hiding(hook::access, [&hidden](const char *path, int mode) {
-            return hidden.contains(path) ? -1 : hook::access.real(path, mode);
-        });
-        platform_remove_tree("x");
-        hidden.insert("/usr/bin/rm");
-        platform_remove_tree("x");
-        hidden.insert("/bin/cp");
-        platform_copy_tree("x", "y");
-        hidden.insert("/usr/bin/cp");
-        platform_copy_tree("x", "y");
-        hidden.insert({"/bin/mv", "/usr/bin/mv"});
-        platform_move_tree(folder.path.c_str(), "y");
-    });
-    EXPECT_EQ(outcome.out, "/usr/bin/rm: /usr/bin/rm -r -f x\nrm: rm -r -f x\n/usr/bin/cp: /usr/bin/cp -a x y\n"
-                           "cp: cp -a x y\nmv: mv -f " +
-                               folder.path + " y\n");
-}
-
-TEST_F(Tools, OnlyAWholeStatusOfZeroIsSuccess) {
-    for (const int status : {1, 3, 255}) {
-        const Interposed ending(hook::execvp, [status](const char *, char *const *) -> int { _exit(status); });
-        EXPECT_EQ(platform_remove_tree("x"), 0) << status;
-    }
-    const Interposed dying(hook::execvp, [](const char *, char *const *) -> int {
-        kill(getpid(), SIGKILL);
-        return 0;
-    });
-    EXPECT_EQ(platform_remove_tree("x"), 0);
-}
-
-TEST_F(Tools, WhatTheyNeedIsNoAllocationOfTheProgram) {
-    make_folder("tree");
-    const unsigned long before = zel_malloc_total_requested();
-    EXPECT_EQ(platform_copy_tree(path("tree").c_str(), path("copy").c_str()), 1);
-    EXPECT_EQ(platform_remove_tree(path("tree").c_str()), 1);
-    EXPECT_EQ(platform_remove_tree("-there is none"), 1);
-    EXPECT_EQ(zel_malloc_total_requested(), before);
-}
-
-TEST_F(Tools, ANullPathIsRefusedAndNothingRuns) {
-    EXPECT_EQ(forks_during([this] {
-                  EXPECT_EQ(platform_remove_tree(nullptr), 0);
-                  EXPECT_EQ(platform_copy_tree(nullptr, "x"), 0);
-                  EXPECT_EQ(platform_copy_tree("x", nullptr), 0);
-                  EXPECT_EQ(platform_move_tree(nullptr, "x"), 0);
-                  EXPECT_EQ(platform_move_tree(folder.path.c_str(), nullptr), 0);
-                  EXPECT_EQ(platform_remove_dir(nullptr), 0);
-              }),
-              0);
-}
-
 TEST_F(RemoveDir, BothListsAreReleasedAlsoWhenAnEntryStopsTheWalk) {
     make_folder("tree");
     make_file("tree/a");
-    int blocks = 0;
-    const Interposed allocating(hook::malloc, [&blocks](size_t size) {
-        ++blocks;
-        return hook::malloc.real(size);
-    });
-    const Interposed releasing(hook::free, [&blocks](void *pointer) {
-        blocks -= pointer != nullptr ? 1 : 0;
-        hook::free.real(pointer);
-    });
     const Interposed stuck(hook::remove, fail_always(hook::remove, EPERM, -1));
-    EXPECT_EQ(platform_remove_dir(path("tree").c_str()), 0);
-    EXPECT_EQ(blocks, 0);
+    int result = 1;
+    EXPECT_EQ(blocks_left_by([&] { result = platform_remove_dir(path("tree").c_str()); }), 0);
+    EXPECT_EQ(result, 0);
+}
+
+TEST_F(RemoveDir, ItKeepsNoStorageOfATreeOfSeveralLevels) {
+    make_folder("tree");
+    make_folder("tree/below");
+    make_file("tree/below/file");
+    make_file("tree/.hidden");
+    EXPECT_EQ(blocks_left_by([this] { platform_remove_dir(path("tree").c_str()); }), 0);
+    EXPECT_FALSE(exists("tree"));
+}
+
+TEST_F(RemoveDir, ADirectoryThatMayNotBeReadIsRemovedWhenItIsEmptyAndElseLeft) {
+    make_folder("empty");
+    make_folder("full");
+    make_file("full/file");
+    ASSERT_EQ(chmod(path("empty").c_str(), 0333), 0);
+    ASSERT_EQ(chmod(path("full").c_str(), 0333), 0);
+    open_to_all();
+    const Outcome outcome = run_in_child([this] {
+        give_up_root();
+        printf("%d", platform_remove_dir(path("empty").c_str()));
+        printf("%d", platform_remove_dir(path("full").c_str()));
+    });
+    EXPECT_EQ(outcome.out, "10");
+    EXPECT_FALSE(exists("empty"));
+    EXPECT_TRUE(exists("full/file"));
+    ASSERT_EQ(chmod(path("full").c_str(), 0755), 0);
+}
+
+TEST_F(RemoveDir, AnEntryThatIsGoneMeanwhileIsNoFailure) {
+    make_folder("tree");
+    make_file("tree/a");
+    make_file("tree/b");
+    make_file("tree/c");
+    const Interposed taking(hook::remove, [this](const char *name) {
+        unlink(path("tree/b").c_str());
+        return hook::remove.real(name);
+    });
+    EXPECT_EQ(platform_remove_dir(path("tree").c_str()), 1);
+    EXPECT_FALSE(exists("tree"));
+}
+
+TEST_F(RemoveDir, AFolderBelowThatMayNotBeWrittenStopsTheWalkAlsoWhenItIsEmpty) {
+    make_folder("tree");
+    make_folder("tree/empty");
+    make_file("tree/later");
+    ASSERT_EQ(chmod(path("tree/empty").c_str(), 0555), 0);
+    ASSERT_EQ(chmod(path("tree").c_str(), 0777), 0);
+    open_to_all();
+    const Outcome outcome = run_in_child([this] {
+        give_up_root();
+        printf("%d", platform_remove_dir(path("tree").c_str()));
+    });
+    EXPECT_EQ(outcome.out, "0");
+    EXPECT_TRUE(exists("tree/empty"));
+    EXPECT_TRUE(exists("tree/later"));
+}
+
+TEST_F(RemoveDir, ADirectoryThatIsEmptiedAndCannotItselfBeRemovedIsAFailure) {
+    make_folder("tree");
+    make_file("tree/file");
+    ASSERT_EQ(chmod(path("tree").c_str(), 0777), 0);
+    ASSERT_EQ(chmod(folder.path.c_str(), 0755), 0);
+    const Outcome outcome = run_in_child([this] {
+        if (geteuid() != 0 && chmod(folder.path.c_str(), 0555) != 0) {
+            exit(2);
+        }
+        give_up_root();
+        printf("%d", platform_remove_dir(path("tree").c_str()));
+    });
+    ASSERT_EQ(chmod(folder.path.c_str(), 0755), 0);
+    EXPECT_EQ(outcome.out, "0");
+    EXPECT_TRUE(exists("tree"));
+    EXPECT_FALSE(exists("tree/file"));
+}
+
+TEST_F(RemoveDir, APathTooLongToBeNamedIsRefused) {
+    EXPECT_EQ(platform_remove_dir(std::string(5000, 'd').c_str()), 0);
+    std::string roundabout = folder.path;
+    while (roundabout.size() <= 4096) {
+        roundabout += "/.";
+    }
+    EXPECT_EQ(platform_remove_dir(roundabout.c_str()), 0);
+    EXPECT_TRUE(exists("."));
+}
+
+TEST_F(RemoveDir, WithoutMemoryForThePatternTheProcessEnds) {
+    make_folder("tree");
+    const Outcome outcome = run_in_child([this] {
+        const size_t size = 2 * path("tree").size() + 1;
+        const Interposed failing(hook::malloc, [size](size_t asked) -> void * {
+            return asked == size ? nullptr : hook::malloc.real(asked);
+        });
+        platform_remove_dir(path("tree").c_str());
+    });
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.err, "Error: platform_remove_dir: Not enough memory to allocate " +
+                               std::to_string(2 * path("tree").size() + 1) + " bytes.\n");
+    EXPECT_TRUE(exists("tree"));
 }
