@@ -2,7 +2,8 @@
 // Expanding and matching shell patterns.
 #include <components/platform/file_control.h>
 
-#include <components/platform/internal/file_control_unit.h>
+#include <components/platform/internal/allocation.h>
+#include <malloc/zel_malloc.h>
 #include <msg/base/text.h>
 
 #include <fnmatch.h>
@@ -14,12 +15,12 @@ const char *pattern_or_all(const char *pattern) {
     return pattern == nullptr || *pattern == '\0' ? "*" : pattern;
 }
 
-// Directory and pattern in one, in storage of the memory library.
+// Directory and pattern in one, in storage of the C library: it is no allocation of the program's.
 char *join_pattern(const char *dir, const char *pattern) {
     const size_t length = strlen(dir);
     const char *separator = dir[length - 1] == '/' ? "" : "/";
     const size_t size = length + strlen(separator) + strlen(pattern) + 1;
-    char *joined = zel::file_control::allocate_chars(size, __LINE__);
+    auto *joined = static_cast<char *>(zel::allocate_or_end(size, "platform_glob"));
     zel::format_text({joined, size}, "%s%s%s", dir, separator, pattern);
     return joined;
 }
@@ -30,10 +31,13 @@ int platform_glob(const char *dir, const char *pattern, PlatformFileList *list) 
     if (list == nullptr || dir == nullptr || *dir == '\0') {
         return 0;
     }
-    char *joined = join_pattern(dir, pattern_or_all(pattern));
     auto *record = static_cast<glob_t *>(zel_malloc(sizeof(glob_t), "components/platform/file_control:808", "glob_t"));
+    if (record == nullptr) {
+        return 0; // as a failure handler decided
+    }
+    char *joined = join_pattern(dir, pattern_or_all(pattern));
     const int result = glob(joined, 0, nullptr, record);
-    zel_free(joined);
+    free(joined);
     if (result != 0) {
         globfree(record);
         zel_free(record);

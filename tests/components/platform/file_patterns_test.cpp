@@ -203,6 +203,30 @@ TEST_F(Glob, PatternsInTheDirectoryAreExpandedToo) {
     EXPECT_EQ(expand(path("*"), "f*"), (Names{path("one/file"), path("two/file")}));
 }
 
+TEST_F(Glob, OnlyTheRecordIsAnAllocationOfTheProgram) {
+    write_file(path("a"), "");
+    for (const char *pattern : {"*", "*.none"}) {
+        const unsigned long before = zel_malloc_total_requested();
+        expand(folder.path, pattern);
+        EXPECT_EQ(zel_malloc_total_requested() - before, sizeof(glob_t)) << pattern;
+    }
+}
+
+TEST_F(Glob, WithoutARecordNothingIsExpandedWhenAFailureHandlerLetsItPass) {
+    write_file(path("a"), "");
+    const Outcome outcome = run_in_child([this] {
+        zel_malloc_set_failure_handler([](unsigned long, const char *) -> void * { return nullptr; });
+        const Interposed failing(hook::malloc, [](size_t size) -> void * {
+            return size == sizeof(glob_t) ? nullptr : hook::malloc.real(size);
+        });
+        PlatformFileList list = {.count = 7, .paths = nullptr, .glob_record = nullptr};
+        int result = 1;
+        const int blocks = blocks_left_by([&] { result = platform_glob(folder.path.c_str(), nullptr, &list); });
+        printf("%d %u %d", result, list.count, blocks);
+    });
+    EXPECT_EQ(outcome.out, "0 7 0");
+}
+
 TEST(Match, ThereAreNoFlags) {
     EXPECT_EQ(platform_match("*", "\\*"), 1) << "a backslash takes the meaning from what follows";
     EXPECT_EQ(platform_match("name", "\\*"), 0);
