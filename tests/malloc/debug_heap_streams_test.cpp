@@ -1,0 +1,144 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// Streams of the program's that allocate while the debug heap writes to them: its table of records may move meanwhile.
+#include "debug_heap_support.h"
+
+#include <malloc/internal/debug_heap.h>
+#include <msg/msg.h>
+#include <support/interpose.h>
+
+#include <cstdio>
+#include <cstring>
+#include <unistd.h>
+#include <utility>
+
+using namespace zel::test;
+
+namespace {
+
+using zel::memory::debug_heap;
+
+constexpr int kMany = 1100; // more than the first table holds
+constexpr size_t kSize = 4;
+
+// Where the one stream of a test writes to, and what its first write does besides.
+struct Writer {
+    int fd;
+    std::function<void()> first;
+};
+
+Writer writer;
+
+ssize_t write_through(void * /*cookie*/, const char *bytes, size_t length) {
+    const std::function<void()> first = std::exchange(writer.first, nullptr);
+    if (first) {
+        first();
+    }
+    return write(writer.fd, bytes, length);
+}
+
+// From now on messages of that type are written through a stream whose first write runs the body.
+void write_through_stream(int type, int fd, const std::function<void()> &body) {
+    writer = {.fd = fd, .first = body};
+    FILE *stream =
+        fopencookie(nullptr, "w", {.read = nullptr, .write = write_through, .seek = nullptr, .close = nullptr});
+    setvbuf(stream, nullptr, _IONBF, 0);
+    msg_clear_streams(type);
+    msg_add_stream(type, stream);
+}
+
+// From now on a table of records that grows moves, and what stood in the old one is gone at once.
+void spoil_tables_that_move() {
+    hook::realloc.replacement = [](void *pointer, size_t size) {
+        if (pointer == nullptr || pointer != debug_heap.records) {
+            return hook::realloc.real(pointer, size);
+        }
+        const size_t before = debug_heap.capacity * sizeof(zel::memory::Record);
+        void *moved = hook::malloc.real(size);
+        memcpy(moved, pointer, before);
+        memset(pointer, 0xFF, before);
+        hook::free.real(pointer);
+        return moved;
+    };
+}
+
+// So many allocations that the table grows. Returns the last one.
+void *allocate_many() {
+    void *last = nullptr;
+    for (int count = 0; count < kMany; ++count) {
+        last = zel_malloc(kSize, "many", "m");
+    }
+    return last;
+}
+
+std::string finding(char letter, const std::string &function, const std::string &purpose) {
+    return std::string("Warning: The pointer <") + letter +
+           "> referenced data that was corrupted at the end.  The pointer was allocated by zel_malloc with a length of "
+           "4.  The storage was allocated in the function " +
+           function + " for " + purpose + ".  \n";
+}
+
+} // namespace
+
+TEST(DebugHeapStreams, TheReportHoldsWhenItsStreamMakesTheTableMove) {
+    const Outcome outcome = run_heap(ZEL_MALLOC_CHECK_PTR, [] {
+        spoil_tables_that_move();
+        named('P', zel_malloc(5, "F", "p"));
+        write_through_stream(MSG_INFO, STDOUT_FILENO, [] { named('Q', allocate_many()); });
+        zel_malloc_debug_report(1);
+    });
+    EXPECT_NE(outcome.out.find("\n     0 <P>       5 zel_malloc           F                    p\n"),
+              std::string::npos);
+    EXPECT_NE(outcome.out.find("\n  1100 <Q>       4 zel_malloc           many                 m\n"
+                               "zel_malloc_debug_report: 4405 bytes allocated, 1101 pointers\n"),
+              std::string::npos)
+        << "what was allocated meanwhile stands behind and is counted";
+    EXPECT_EQ(outcome.err, "");
+    EXPECT_EQ(outcome.status, 0);
+}
+
+TEST(DebugHeapStreams, VerificationGoesOnInTheTableThatAFindingMadeMove) {
+    const Outcome outcome = run_heap(ZEL_MALLOC_VERIFY_HEAP, [] {
+        spoil_tables_that_move();
+        void *p = named('P', zel_malloc(kSize, "F", "p"));
+        void *q = named('Q', zel_malloc(kSize, "F", "q"));
+        set_word_at(p, kSize, 0);
+        set_word_at(q, kSize, 0);
+        write_through_stream(MSG_WARNING, STDERR_FILENO, [] {
+            zel_enable_malloc_debug(ZEL_MALLOC_CHECK_PTR); // the stream's own allocations would find the same
+            set_word_at(named('R', allocate_many()), kSize, 0);
+            zel_enable_malloc_debug(ZEL_MALLOC_VERIFY_HEAP);
+        });
+        zel_malloc(1, "G", nullptr);
+    });
+    EXPECT_EQ(outcome.err, finding('P', "F", "p") + finding('Q', "F", "q") + finding('R', "many", "m") +
+                               "Error: zel_malloc: The heap was corrupted. (Currently inside of G)\n");
+    EXPECT_EQ(outcome.status, 1);
+}
+
+TEST(DebugHeapStreams, AReleaseGoesOnInTheTableThatItsNoteMadeMove) {
+    const Outcome outcome = run_heap(ZEL_MALLOC_CHECK_PTR, [] {
+        spoil_tables_that_move();
+        zel_malloc_set_free_report_threshold(0);
+        void *p = named('P', zel_malloc(kSize, "F", "p"));
+        write_through_stream(MSG_WARNING, STDERR_FILENO, [] { allocate_many(); });
+        zel_free(p);
+        const unsigned long used = zel_malloc_mem_used();
+        printf("%lu %d", used, word_at(zel_malloc(kSize, "G", "g"), kIndexAt) == 0);
+    });
+    EXPECT_EQ(outcome.err, "Warning: (zel_free): Freeing a pointer (<P>) which pointed to 4 bytes of data.  \n");
+    EXPECT_EQ(outcome.out, "4400 1") << "the record that was released last is the one reused first";
+    EXPECT_EQ(outcome.status, 0);
+}
+
+TEST(DebugHeapStreams, ADescriptionIsWrittenWholeWhenItsStreamMakesTheTableMove) {
+    const Outcome outcome = run_heap(ZEL_MALLOC_CHECK_PTR, [] {
+        spoil_tables_that_move();
+        void *p = named('P', zel_malloc(kSize, "F", "p"));
+        write_through_stream(MSG_INFO, STDOUT_FILENO, [] { allocate_many(); });
+        zel_malloc_describe_ptr(p);
+        zel_malloc_describe_ptr(p);
+    });
+    const std::string description = "The pointer <P> referenced valid data.  The pointer was allocated by zel_malloc "
+                                    "with a length of 4.  The storage was allocated in the function F for p.  \n";
+    EXPECT_EQ(outcome.out, description + description);
+}
