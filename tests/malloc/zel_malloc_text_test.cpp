@@ -5,6 +5,7 @@
 #include <array>
 #include <cstdarg>
 #include <cwchar>
+#include <msg/base/limits.h>
 
 using namespace zel::test;
 
@@ -41,6 +42,24 @@ __attribute__((format(printf, 1, 2))) char *format_list(const char *format, ...)
     va_end(args);
     return text;
 }
+
+// A failure handler in its scope that provides what was asked for, like a program with a reserve.
+struct Reserve {
+    Reserve() : before(zel_malloc_set_failure_handler(provide)) { sizes.clear(); }
+    ~Reserve() { zel_malloc_set_failure_handler(before); }
+    Reserve(const Reserve &) = delete;
+    Reserve &operator=(const Reserve &) = delete;
+
+    static void *provide(unsigned long size, const char * /*text*/) {
+        sizes.push_back(size);
+        block = hook::malloc.real(size);
+        return block;
+    }
+
+    inline static std::vector<unsigned long> sizes;
+    inline static void *block;
+    ZelMallocFailureHandler before;
+};
 
 void release_blocks(const AllocatorLog &log, void *except) {
     for (void *block : log.blocks) {
@@ -173,6 +192,63 @@ TEST(ZelPrintfStrdup, WithAHandlerThatReturnsNullAFailedAllocationIsNull) {
     const FailingRequest no_memory(0);
     EXPECT_EQ(zel_printf_strdup("%040d", 7), nullptr);
     EXPECT_EQ(CaughtFailures::list.size(), 1U);
+}
+
+TEST(ZelPrintfStrdup, WhatAHandlerReturnsForTheBufferIsWrittenInto) {
+    const Reserve reserve;
+    const FailingRequest no_memory(0);
+    char *text = zel_printf_strdup("%d", 7);
+    EXPECT_STREQ(text, "7");
+    EXPECT_EQ(Reserve::sizes, (std::vector<unsigned long>{zel::kFirstFormattedSize}));
+    if (!zel::kSmall) {
+        EXPECT_EQ(text, Reserve::block);
+    }
+    zel_free(text);
+}
+
+TEST(ZelPrintfStrdup, WhatAHandlerReturnsForTheBufferIsResized) {
+    const Reserve reserve;
+    const Interposed no_memory(hook::malloc, fail_always(hook::malloc, ENOMEM, nullptr));
+    std::vector<void *> resized;
+    const Interposed resizing(hook::realloc, [&resized](void *pointer, size_t size) {
+        resized.push_back(pointer);
+        return hook::realloc.real(pointer, size);
+    });
+    char *text = zel_printf_strdup("%040d", 7);
+    EXPECT_EQ(text, std::string(39, '0') + "7");
+    EXPECT_EQ(resized, std::vector<void *>{Reserve::block});
+    zel_free(text);
+}
+
+TEST(ZelPrintfStrdup, WhatAHandlerReturnsForAFailedResizeIsTheBufferFromThenOn) {
+    const Reserve reserve;
+    void *before = nullptr;
+    const Interposed no_memory(hook::realloc, [&before](void *pointer, size_t) -> void * {
+        before = pointer;
+        errno = ENOMEM;
+        return nullptr;
+    });
+    char *text = zel_printf_strdup("%040d", 7);
+    EXPECT_EQ(text, std::string(39, '0') + "7");
+    EXPECT_EQ(text, Reserve::block);
+    EXPECT_EQ(Reserve::sizes, std::vector<unsigned long>{42});
+    zel_free(text);
+    zel_free(before); // like after any resize that failed, it is still there
+}
+
+TEST(ZelPrintfStrdup, WhatAHandlerReturnsIsReleasedWhenTheTextCannotBeFormatted) {
+    const Reserve reserve;
+    const Interposed no_memory(hook::malloc, fail_always(hook::malloc, ENOMEM, nullptr));
+    std::vector<void *> released;
+    released.reserve(4);
+    {
+        const Interposed releasing(hook::free, [&released](void *pointer) {
+            released.push_back(pointer);
+            hook::free.real(pointer);
+        });
+        EXPECT_EQ(zel_printf_strdup("%lc", static_cast<wint_t>(0x20AC)), nullptr);
+    }
+    EXPECT_EQ(released, std::vector<void *>{Reserve::block});
 }
 
 // The sizes that these hold: a text starts with 16 bytes.
