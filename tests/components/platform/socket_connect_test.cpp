@@ -72,6 +72,19 @@ TEST(ConnectHost, ANumberThatIsNoPortIsNotTakenForAnother) {
     }
 }
 
+TEST(ConnectHost, TheFirstAndTheLastPortAreLookedUp) {
+    std::string asked;
+    const Interposed looking(hook::getaddrinfo,
+                             [&asked](const char *, const char *service, const addrinfo *, addrinfo **) {
+                                 asked += std::string(service) + " ";
+                                 return EAI_NONAME;
+                             });
+    for (const int port : {0, 65535, -1, 65536}) {
+        EXPECT_EQ(platform_connect_host("localhost", port), -1);
+    }
+    EXPECT_EQ(asked, "0 65535 ");
+}
+
 TEST(ConnectHost, ALookupThatTheSystemFailedKeepsItsError) {
     const NoAddress failing(EAI_SYSTEM);
     EXPECT_EQ(platform_connect_host("localhost", 80), -1);
@@ -285,6 +298,22 @@ TEST(SocketClose, ShutsDownBeforeItCloses) {
     });
     EXPECT_EQ(platform_socket_close(77), -7);
     EXPECT_EQ(calls, "shutdown 77 2\nclose 77\n");
+}
+
+TEST(SocketClose, ASuccessLeavesErrnoAsItWas) {
+    Descriptor unconnected(socket(AF_INET, SOCK_STREAM, 0)); // cannot be shut down
+    errno = E2BIG;
+    EXPECT_EQ(platform_socket_close(unconnected.fd), 0);
+    EXPECT_EQ(errno, E2BIG);
+    unconnected.fd = -1;
+}
+
+TEST(SocketClose, AFailureHasTheErrorOfTheClose) {
+    const Interposed shutting(hook::shutdown, fail_always(hook::shutdown, ENOTCONN, -1));
+    const Interposed closing(hook::close, fail_always(hook::close, EIO, -1));
+    errno = E2BIG;
+    EXPECT_EQ(platform_socket_close(77), -1);
+    EXPECT_EQ(errno, EIO);
 }
 
 TEST(SocketToolkit, CarriesMessagesBothWaysOverTcp) {

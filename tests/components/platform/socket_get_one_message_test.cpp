@@ -352,4 +352,29 @@ TEST(GetOneMessage, AnIdleFunctionMayMakeAnotherBufferCurrent) {
     EXPECT_EQ(dispatched.messages, (Messages{{"new"}}));
 }
 
+TEST(GetOneMessage, AnIdleFunctionThatLeavesNoBufferForTheDataAborts) {
+    const SocketPair pair;
+    const Outcome outcome = run_in_child([&pair] {
+        const CurrentBuffer buffer;
+        const Dispatched dispatched;
+        send_text(pair.theirs.fd, "A\r\n\r\n");
+        const Idle idle([](int) { platform_msgbuf_set(nullptr); });
+        platform_get_one_message(pair.ours.fd, handle_message, run_idle, 1);
+    });
+    EXPECT_EQ(outcome.signal, SIGABRT);
+    EXPECT_EQ(outcome.err, assertion_text("platform_get_one_message", kRoomCondition));
+}
+
+TEST(GetOneMessage, AnIdleFunctionMayLeaveNoBufferWhenNothingComes) {
+    SocketPair pair;
+    const CurrentBuffer buffer;
+    const Dispatched dispatched;
+    const Idle idle([](int) { platform_msgbuf_set(nullptr); });
+    EXPECT_EQ(platform_get_one_message(pair.ours.fd, handle_message, run_idle, 0), 0);
+    platform_msgbuf_set(buffer.buffer);
+    pair.theirs.close();
+    EXPECT_EQ(platform_get_one_message(pair.ours.fd, handle_message, run_idle, 1), 0);
+    EXPECT_EQ(idle.calls, 2);
+}
+
 } // namespace

@@ -137,6 +137,19 @@ TEST(ServerSocket, AnEmptyRangeIsReportedWithoutALookup) {
                            "server sock open failed : Invalid argument\n-1 -1 0 1\n");
 }
 
+TEST(ServerSocket, ANumberThatIsNoPortEndsTheSearch) {
+    const Outcome outcome = run_with_reports([] {
+        const TakenPorts ports(100);
+        const int beyond = platform_server_socket_open(65534, 65540, nullptr);
+        printf("%d %zu %d\n", beyond, ports.asked.size(), ports.asked.back());
+        const int below = platform_server_socket_open(-1, 65536, nullptr);
+        printf("%d %zu %d\n", below, ports.asked.size(), errno == EINVAL);
+    });
+    EXPECT_EQ(outcome.out, "server sock open failed : Invalid argument\n-1 2 65535\n"
+                           "server sock open failed : Invalid argument\n-1 2 1\n");
+    EXPECT_EQ(outcome.err, "");
+}
+
 TEST(ServerSocket, LooksUpLocalhostForEachPort) {
     std::vector<std::string> lookups;
     const Interposed looking(hook::getaddrinfo,
