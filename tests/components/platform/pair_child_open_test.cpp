@@ -2,6 +2,7 @@
 // The companion's open: its end is found again from the environment.
 #include "pair_support.h"
 
+#include <malloc/zel_malloc.h>
 #include <msg/msg.h>
 
 #include <algorithm>
@@ -278,19 +279,57 @@ TEST(PairChildOpen, NoMemoryForTheHandleEndsTheProcessWithAnError) {
                                std::to_string(sizeof(PairHandle)) + " bytes.\n");
 }
 
+namespace {
+
+// No memory for a text as long as the name of the hybrid variable.
+struct NoMemoryForTheName {
+    Interposed<void *(size_t)> failing{hook::malloc, [](size_t size) -> void * {
+                                           if (size == strlen(kHybridVariable) + 1) {
+                                               errno = ENOMEM;
+                                               return nullptr;
+                                           }
+                                           return hook::malloc.real(size);
+                                       }};
+};
+
+} // namespace
+
 TEST(PairChildOpen, NoMemoryForTheNameOfTheHybridVariableEndsTheProcessWithAnError) {
     const Outcome outcome = run_in_child([] {
         msg_set_width_limit(0);
-        const Interposed failing(hook::malloc, [](size_t size) -> void * {
-            if (size == strlen(kHybridVariable) + 1) {
-                errno = ENOMEM;
-                return nullptr;
-            }
-            return hook::malloc.real(size);
-        });
+        const NoMemoryForTheName no_memory;
         Opened("123 7 pid-rtx_fd_l");
     });
     EXPECT_EQ(outcome.status, 1);
     EXPECT_EQ(outcome.err, "Error: platform_pair_child_open (via zel_strdup2): Not enough memory to allocate 21 bytes "
                            "for hybrid variable name.\n");
+}
+
+TEST(PairChildOpen, AFailureHandlerThatMakesNothingOfTheNameMeansNotHybrid) {
+    const ScopedVariable hybrid(kHybridVariable, "1");
+    const ZelMallocFailureHandler before =
+        zel_malloc_set_failure_handler([](unsigned long, const char *) -> void * { return nullptr; });
+    {
+        const NoMemoryForTheName no_memory;
+        const Opened opened("123 7 pid-rtx_fd_w");
+        EXPECT_EQ(opened.ph->kind, 13);
+        expect_address(opened.ph, 123, 7);
+    }
+    zel_malloc_set_failure_handler(before);
+}
+
+TEST(PairChildOpen, WhatAFailureHandlerReturnsIsTheNameOfTheHybridVariable) {
+    static char other[] = "ZEL_TEST_OTHER_NAME";
+    const ScopedVariable hybrid(kHybridVariable, "0");
+    const ScopedVariable asked(other, "1");
+    const ZelMallocFailureHandler before =
+        zel_malloc_set_failure_handler([](unsigned long, const char *) -> void * { return other; });
+    {
+        const NoMemoryForTheName no_memory;
+        const Interposed refusing(hook::connect, fail_always(hook::connect, ECONNREFUSED, -1));
+        const Opened opened("123 7 pid-rtx_fd_w");
+        EXPECT_EQ(opened.ph->error_number, ECONNREFUSED) << "a connection to port 7 was tried";
+        EXPECT_EQ(opened.ph->rx_fd, -1);
+    }
+    zel_malloc_set_failure_handler(before);
 }
