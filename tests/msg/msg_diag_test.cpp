@@ -51,6 +51,26 @@ TEST(MsgDiag, WithoutAStreamNothingIsFormattedOrWritten) {
     EXPECT_EQ(outcome.err, "");
 }
 
+TEST(MsgDiag, AheadOfAllOtherCallsItAsksForNothingAndKeepsErrno) {
+    const Outcome outcome = run_messages([] {
+        int requests = 0;
+        bool kept = false;
+        {
+            const Interposed counting(hook::malloc, [&requests](size_t size) {
+                ++requests;
+                return hook::malloc.real(size);
+            });
+            errno = ENOENT;
+            msg_diag("%s", "text");
+            kept = errno == ENOENT;
+        }
+        printf("%d %d;", requests, kept);
+        msg_print("The streams are there afterwards.");
+    });
+    EXPECT_EQ(outcome.out, "0 1;The streams are there afterwards.\n");
+    EXPECT_EQ(outcome.err, "");
+}
+
 TEST(MsgDiag, TheTextIsWrittenAsItStandsToEachStreamInOrder) {
     const Outcome outcome = run_messages([] {
         msg_add_stream(MSG_DIAG, stdout);

@@ -91,6 +91,10 @@ TEST(PlatformIsWritableDir, AMissingDirectoryIsNot) {
     EXPECT_EQ(platform_is_writable_dir(""), 0);
 }
 
+TEST(PlatformIsWritableDir, ANullPathIsNot) {
+    EXPECT_EQ(platform_is_writable_dir(nullptr), 0);
+}
+
 TEST(PlatformIsWritableDir, ADirectoryWithoutWritePermissionIsNot) {
     const ScratchFolder folder;
     chmod(folder.path.c_str(), 0555);

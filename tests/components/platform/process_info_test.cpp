@@ -317,6 +317,19 @@ TEST(ProcessMemory, TheVirtualSizeIsRoundedUpToWholeKibibytes) {
     EXPECT_EQ(virtual_kb_of(4294967295UL), wraps ? 0U : 4194304U);
 }
 
+// A process of 64 bits may be asked about by one of 32.
+TEST(ProcessMemory, AVirtualSizeBeyondTheFieldIsZero) {
+    std::string entry = entry_with(1, 3);
+    const std::string terabyte = " 1099511627776 ";
+    entry.replace(entry.find(" 1 "), 3, terabyte);
+    const StatLine line(entry);
+    const Interposed page(hook::sysconf, [](int) { return 4096L; });
+    const Memory memory = memory_of(-1);
+    EXPECT_EQ(memory.result, 1);
+    EXPECT_EQ(memory.virtual_kb, sizeof(unsigned long) == 4 ? 0U : 1073741824U);
+    EXPECT_EQ(memory.resident_kb, 12U) << "the field behind it stands";
+}
+
 TEST(ProcessMemory, TheResidentSizeFollowsThePageSize) {
     EXPECT_EQ(resident_kb_of(0, 4096), 0U);
     EXPECT_EQ(resident_kb_of(25, 4096), 100U);
