@@ -20,9 +20,10 @@
 //                1  on
 //   The companion ended with exit status 0.
 //
-// A line is what a newline ends; a word is a run of bytes without ASCII white space. At most ten words are shown, the
-// most frequent first, equally frequent ones in byte order; a byte that is not printable ASCII is shown as \xNN, a
-// backslash as two, and a word of more than 40 characters is cut and ends in "...".
+// A line is what a newline ends; a word is a run of bytes, printable or not, without ASCII white space (wc leaves out a
+// word without a printable byte in some versions). At most ten words are shown, the most frequent first, equally
+// frequent ones in byte order; a byte that is not printable ASCII is shown as \xNN, a backslash as two, and a word of
+// more than 40 characters is cut and ends in "...".
 //
 // Errors go to standard error. Exit status, the highest that applies:
 //
