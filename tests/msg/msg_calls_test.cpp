@@ -2,6 +2,8 @@
 // What each output call fills in: type, prefix, layout, primary-only mark.
 #include "msg_support.h"
 
+#include <cerrno>
+#include <cstdlib>
 #include <vector>
 
 using namespace zel::test;
@@ -142,6 +144,16 @@ TEST_P(MsgCalls, IsContinuedInItsOwnTypeAndLayout) {
     EXPECT_EQ(outcome.out, call.type == MSG_INFO ? expected : "");
     EXPECT_EQ(outcome.err, call.type == MSG_WARNING ? expected : "");
     EXPECT_EQ(contents(errors_), call.type == MSG_ERROR ? expected : "");
+}
+
+TEST_P(MsgCalls, LeavesErrnoClear) {
+    const Call &call = GetParam();
+    const Outcome outcome = run_apart(errors_, [&call] {
+        errno = ENOENT;
+        call.write("one two three four five six");
+        exit(errno == 0 ? 0 : 2);
+    });
+    EXPECT_EQ(outcome.status, 0);
 }
 
 INSTANTIATE_TEST_SUITE_P(, MsgCalls, testing::ValuesIn(kCalls),
