@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <string>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -24,8 +25,14 @@ struct MessageServer : testing::Test {
     void start(const char *quiet_milliseconds = "60000") {
         int ends[2];
         ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+        const pid_t test = getpid();
         pid = fork();
         if (pid == 0) {
+            // It serves without end: whatever ends this program, a time-out included, ends the server.
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            if (getppid() != test) {
+                _exit(126);
+            }
             dup2(ends[1], STDOUT_FILENO);
             execl(example("message_server").c_str(), "message_server", quiet_milliseconds, nullptr);
             _exit(127);
@@ -42,7 +49,9 @@ struct MessageServer : testing::Test {
             kill(pid, SIGKILL);
             waitpid(pid, nullptr, 0);
         }
-        fclose(output);
+        if (output != nullptr) {
+            fclose(output);
+        }
     }
 
     std::string line() const {
