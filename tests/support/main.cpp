@@ -59,10 +59,8 @@ extern "C" const char *__lsan_default_options() {
 
 int main(int argc, char **argv) {
     testing::InitGoogleTest(&argc, argv);
-    // Ahead of the printer, which would otherwise call a test passed before it was looked at.
-    testing::TestEventListeners &listeners = testing::UnitTest::GetInstance()->listeners();
-    testing::TestEventListener *printer = listeners.Release(listeners.default_result_printer());
-    listeners.Append(new CleanWorld);
-    listeners.Append(printer);
+    // Behind the printer: the end of a test is told to the listeners in reverse order, so that the test has been looked
+    // at when the printer says how it ended.
+    testing::UnitTest::GetInstance()->listeners().Append(new CleanWorld);
     return RUN_ALL_TESTS();
 }
