@@ -178,6 +178,8 @@ TEST_F(ModeTest, AllPermissionsAskedForMustBeThereForTheOwner) {
 TEST_F(ModeTest, OtherBitsOfTheFlagsDoNotCount) {
     const FileStamp stamp = platform_file_stamp(folder.path.c_str());
     EXPECT_EQ(platform_mode_test(stamp, 0xFFFFF8FC), 1);
+    EXPECT_EQ(platform_mode_test(stamp, 0xFFFFF8FC | 1), 0);
+    EXPECT_EQ(platform_mode_test(stamp, 0xFFFFF8FC | 2), 1);
 }
 
 TEST_F(FileStampTest, AStreamWhoseFileHasGrownHasChanged) {
@@ -208,4 +210,12 @@ TEST_F(FileStampTest, ADescriptorOrStreamThatCannotBeReadAnyLongerHasChanged) {
     const FileStamp stamp = platform_file_stamp(with_text("file").c_str());
     EXPECT_EQ(platform_fd_changed(-1, stamp), 1);
     EXPECT_EQ(platform_stream_changed(nullptr, stamp), 1);
+}
+
+TEST_F(ModeTest, AStampThatCouldNotBeTakenIsOfNoKindAndHasNoPermissions) {
+    const FileStamp none = platform_file_stamp(path("missing").c_str());
+    EXPECT_EQ(platform_mode_test(none, 0), 1) << "nothing is asked for";
+    for (const uint32_t flags : {1U, 2U, 3U, 0x100U, 0x200U, 0x400U}) {
+        EXPECT_EQ(platform_mode_test(none, flags), 0) << flags;
+    }
 }

@@ -35,6 +35,16 @@ TEST_F(FileStatus, WhatIsThereExistsByBothNames) {
     }
 }
 
+TEST_F(FileStatus, WhatMayNotBeReadExistsToo) {
+    ASSERT_EQ(chmod(with_text("file").c_str(), 0), 0);
+    open_to_all();
+    const Outcome outcome = run_in_child([this] {
+        give_up_root();
+        printf("%d%d", platform_exists(path("file").c_str()), platform_file_exists(path("file").c_str()));
+    });
+    EXPECT_EQ(outcome.out, "11");
+}
+
 TEST_F(FileStatus, AccessIsThatOfTheProcess) {
     const std::string file = with_text("file");
     ASSERT_EQ(chmod(folder.path.c_str(), 0755), 0);
@@ -62,6 +72,7 @@ TEST_F(FileStatus, OnlyADirectoryIsOne) {
     EXPECT_EQ(platform_is_dir(path("missing").c_str()), 0);
     ASSERT_EQ(symlink(".", path("link").c_str()), 0);
     EXPECT_EQ(platform_is_dir(path("link").c_str()), 1);
+    EXPECT_EQ(platform_is_dir("/dev/null"), 0);
 }
 
 TEST_F(FileStatus, TheModificationTimeIsInSecondsAlsoAfter2038) {
@@ -140,16 +151,18 @@ TEST_F(FileStatus, RenamingMovesTheNameAndSaysWhetherItDid) {
 }
 
 TEST_F(FileStatus, ADirectoryIsMadeWithAllPermissionsThatTheMaskLeaves) {
-    const mode_t before = umask(027);
     for (const auto make : {platform_mkdir, platform_make_dir}) {
-        EXPECT_EQ(make(path("made").c_str()), 1);
-        struct stat status;
-        ASSERT_EQ(stat(path("made").c_str(), &status), 0);
-        EXPECT_EQ(status.st_mode & 07777, 0750U);
-        EXPECT_EQ(make(path("made").c_str()), 0) << "it is there already";
-        EXPECT_EQ(platform_rmdir(path("made").c_str()), 1);
+        for (const mode_t mask : {mode_t{0}, mode_t{027}}) {
+            const mode_t before = umask(mask);
+            EXPECT_EQ(make(path("made").c_str()), 1);
+            umask(before);
+            struct stat status;
+            ASSERT_EQ(stat(path("made").c_str(), &status), 0);
+            EXPECT_EQ(status.st_mode & 07777, 0777U & ~mask);
+            EXPECT_EQ(make(path("made").c_str()), 0) << "it is there already";
+            EXPECT_EQ(platform_rmdir(path("made").c_str()), 1);
+        }
     }
-    umask(before);
 }
 
 TEST_F(FileStatus, OnlyAnEmptyDirectoryIsRemovedByItself) {
