@@ -26,8 +26,8 @@ int32_t platform_getpid(void);
 int platform_process_exists(unsigned long pid);
 
 /* Memory use of a process in KiB; a negative pid means the caller.
- * virtual_kb: the virtual size, rounded up; on 32-bit x86 it is computed in 32 bits. resident_kb: the resident size.
- * Either may be null.
+ * virtual_kb: the virtual size, rounded up; on 32-bit x86 it is computed in 32 bits, and one beyond them, as a process
+ * of 64 bits may have, is 0. resident_kb: the resident size. Either may be null.
  * Returns 1, or 0 after a report (platform_perror) when the process's entry cannot be opened or read. A command name
  * with a blank in it shifts the fields of the entry: the values are then wrong (0), and nothing says so. */
 int platform_process_memory(int32_t pid, uint64_t *virtual_kb, uint64_t *resident_kb);
