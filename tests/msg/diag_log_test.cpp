@@ -1,7 +1,8 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // The diagnostic log: which directory, which name, what happens to the lines.
-#include <msg/diag_log.h>
+#include "diag_log_support.h"
 
+#include <msg/diag_log.h>
 #include <msg/msg.h>
 #include <support/child.h>
 #include <support/files.h>
@@ -9,7 +10,6 @@
 
 #include <cstdlib>
 #include <fcntl.h>
-#include <optional>
 #include <string>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -19,33 +19,6 @@ using namespace zel::test;
 
 namespace {
 
-constexpr const char *kVariables[] = {"ZEL_DIAG_DIR", "ZEL_DIAGNOSTICS_PATH", "ZEL_TMPDIR"};
-
-// What a variable is in a case: unset, empty, or one of the folders.
-using Value = std::optional<std::string>;
-
-void set_variable(const char *name, const Value &value) {
-    if (value.has_value()) {
-        setenv(name, value->c_str(), 1);
-    } else {
-        unsetenv(name);
-    }
-}
-
-std::string login() {
-    const char *name = getlogin();
-    return name == nullptr ? "" : name;
-}
-
-// The path that a process's log has in a folder.
-std::string log_in(const std::string &folder) {
-    return folder + "/zel" + std::to_string(getpid()) + login() + ".log";
-}
-
-bool exists(const std::string &path) {
-    return access(path.c_str(), F_OK) == 0;
-}
-
 // In a child: opens the log, says what came back, writes a line, and says where it can be found.
 void open_and_report(const char *dir) {
     const std::string tried = msg_open_diag_log(dir);
@@ -53,7 +26,7 @@ void open_and_report(const char *dir) {
     msg_diag("a line\n");
     fflush(nullptr);
     if (tried.empty()) {
-        printf("%d streams\n", _msg_get_stream_desc(MSG_DIAG)->count);
+        printf("%d streams\n", diagnostic_streams());
         return;
     }
     const std::string path = log_in(tried);
@@ -65,10 +38,7 @@ struct DiagLog : testing::Test {
     // A child with these three variables.
     static Outcome open_with(const Value &first, const Value &second, const Value &third, const char *dir = nullptr) {
         return run_in_child([&] {
-            const Value *values[] = {&first, &second, &third};
-            for (int index = 0; index < 3; ++index) {
-                set_variable(kVariables[index], *values[index]);
-            }
+            set_variables(first, second, third);
             open_and_report(dir);
         });
     }
@@ -153,7 +123,8 @@ TEST_F(DiagLog, ADirectoryWithoutWritePermissionLeavesDiagnosticsOffWithoutAWord
 TEST_F(DiagLog, AFileThatCannotBeOpenedLeavesDiagnosticsOffWithoutAWord) {
     const Outcome outcome = run_in_child([this] {
         const Interposed failing(hook::fopen, fail_always(hook::fopen, EMFILE, nullptr));
-        printf("%s %d\n", msg_open_diag_log(a.path.c_str()), _msg_get_stream_desc(MSG_DIAG)->count);
+        printf("%s ", msg_open_diag_log(a.path.c_str()));
+        printf("%d\n", diagnostic_streams());
     });
     EXPECT_EQ(outcome.out, a.path + " 0\n");
     EXPECT_EQ(outcome.err, "");
@@ -174,7 +145,7 @@ TEST_F(DiagLog, ASecondCallTruncatesTheFileAndWritesOnlyThroughTheNewHandle) {
         fflush(nullptr);
         FILE *older = _msg_get_stream_desc(MSG_DIAG)->streams[0];
         msg_open_diag_log(a.path.c_str());
-        printf("%d stream, %s\n", _msg_get_stream_desc(MSG_DIAG)->count,
+        printf("%d stream, %s\n", diagnostic_streams(),
                _msg_get_stream_desc(MSG_DIAG)->streams[0] == older ? "the older" : "another");
         msg_diag("second\n");
         fflush(nullptr);
@@ -321,7 +292,8 @@ TEST_F(DiagLog, ATooLongDirectoryIsRefusedWhole) {
     const Outcome outcome = run_in_child([this] {
         std::string path = a.path;
         path.append(5000, '/');
-        printf("<%s> %d\n", msg_open_diag_log(path.c_str()), _msg_get_stream_desc(MSG_DIAG)->count);
+        printf("<%s> ", msg_open_diag_log(path.c_str()));
+        printf("%d\n", diagnostic_streams());
     });
     EXPECT_EQ(outcome.out, "<> 0\n");
 }
@@ -330,7 +302,8 @@ TEST_F(DiagLog, ADirectoryThatLeavesNoRoomForTheFileNameOpensNothing) {
     const Outcome outcome = run_in_child([this] {
         std::string path = a.path;
         path.append(4095 - path.size(), '/');
-        printf("%d %d\n", msg_open_diag_log(path.c_str()) == path, _msg_get_stream_desc(MSG_DIAG)->count);
+        printf("%d ", msg_open_diag_log(path.c_str()) == path);
+        printf("%d\n", diagnostic_streams());
     });
     EXPECT_EQ(outcome.out, "1 0\n");
 }
