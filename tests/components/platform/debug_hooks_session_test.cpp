@@ -11,6 +11,7 @@
 #include <string>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <vector>
 
 using namespace zel::test;
 
@@ -23,13 +24,22 @@ struct Session {
     std::string seen;
 };
 
-Session start_on_terminal(const std::string &program, const char *request) {
+[[noreturn]] void become(const std::vector<std::string> &arguments) {
+    std::vector<char *> argv;
+    for (const std::string &argument : arguments) {
+        argv.push_back(const_cast<char *>(argument.c_str()));
+    }
+    argv.push_back(nullptr);
+    execv(argv[0], argv.data());
+    _exit(127);
+}
+
+Session start_on_terminal(const std::vector<std::string> &arguments, const char *request) {
     Session session = {};
     session.pid = forkpty(&session.terminal, nullptr, nullptr, nullptr);
     if (session.pid == 0) {
         setenv("ZEL_DEBUG", request, 1);
-        execl(program.c_str(), program.c_str(), "a", nullptr);
-        _exit(127);
+        become(arguments);
     }
     return session;
 }
@@ -63,13 +73,7 @@ Outcome run_with(const char *request, const std::vector<std::string> &arguments)
     return run_in_child([&] {
         setenv("ZEL_DEBUG", request, 1);
         setenv("ASAN_OPTIONS", "detect_leaks=0", 1); // a traced process cannot look for leaks
-        std::vector<char *> argv;
-        for (const std::string &argument : arguments) {
-            argv.push_back(const_cast<char *>(argument.c_str()));
-        }
-        argv.push_back(nullptr);
-        execv(argv[0], argv.data());
-        _exit(127);
+        become(arguments);
     });
 }
 
@@ -80,7 +84,7 @@ bool contains(const std::string &text, const std::string &part) {
 } // namespace
 
 TEST(DebugHooksSession, APromptOnATerminalWaitsForTheLineThatIsTyped) {
-    Session session = start_on_terminal(companion_path("hook_probe"), "prompt");
+    Session session = start_on_terminal({companion_path("hook_probe"), "a"}, "prompt");
     read_until(session, "ZEL_DEBUG prompt>\r\n");
     EXPECT_EQ(session.seen, "ZEL_DEBUG prompt>\r\n");
     EXPECT_EQ(waitpid(session.pid, nullptr, WNOHANG), 0) << "it did not wait";
@@ -90,11 +94,45 @@ TEST(DebugHooksSession, APromptOnATerminalWaitsForTheLineThatIsTyped) {
 }
 
 TEST(DebugHooksSession, TheEndOfTheInputOnATerminalGoesOnToo) {
-    Session session = start_on_terminal(companion_path("hook_probe"), "prompt attach now");
+    Session session = start_on_terminal({companion_path("hook_probe"), "a"}, "prompt attach now");
     read_until(session, "attach now \r\n");
     ASSERT_EQ(write(session.terminal, "\004", 1), 1);
     EXPECT_EQ(end(session), 0);
     EXPECT_TRUE(contains(session.seen, "running with 2 a\r\n")) << session.seen;
+}
+
+TEST(DebugHooksSession, APromptOfTheCommandLineTakesOneLineHoweverLongItIs) {
+    Session session =
+        start_on_terminal({companion_path("hook_probe"), "a", "b", "__Zel_Debug__", "Prompt", "attach"}, "");
+    read_until(session, "\r\n");
+    EXPECT_EQ(session.seen, "attach \r\n");
+    EXPECT_EQ(waitpid(session.pid, nullptr, WNOHANG), 0) << "it did not wait";
+    const std::string line = std::string(300, 'x') + "\n";
+    ASSERT_EQ(write(session.terminal, line.data(), line.size()), static_cast<ssize_t>(line.size()));
+    EXPECT_EQ(end(session), 0);
+    EXPECT_TRUE(session.seen.ends_with("x\r\nrunning with 3 a b\r\n")) << session.seen;
+}
+
+TEST(DebugHooksSession, EachRequestOfTheCommandLineMeetsARealProgram) {
+    const std::string probe = companion_path("hook_probe");
+    EXPECT_EQ(run_with("", {probe, "a", "__ZEL_DEBUG__", "delay", "none"}).out, "running with 2 a\n");
+    EXPECT_EQ(run_with("", {probe, "a", "__ZEL_DEBUG__", "exec", "/bin/echo", "b", "c"}).out, "b c\n");
+    const Outcome again = run_with("", {probe, "a", "b", "__ZEL_DEBUG__", "using", "$ZEL_EXE $ZEL_EXE_PARMS; exit 5"});
+    EXPECT_EQ(again.out, "running with 3 a b\n");
+    EXPECT_EQ(again.status, 5);
+    const Outcome unknown = run_with("", {probe, "__ZEL_DEBUG__", "frob"});
+    EXPECT_EQ(unknown.out, "");
+    EXPECT_EQ(unknown.err, "\"__ZEL_DEBUG__ frob\" not a recognized debug op.\n");
+    EXPECT_EQ(unknown.status, 1);
+}
+
+// Without the emptied variable the program would start itself without end.
+TEST(DebugHooksSession, AProgramThatIsStartedInItsOwnPlaceRunsNormally) {
+    const std::string probe = companion_path("hook_probe");
+    const Outcome outcome = run_with(("exec " + probe + " other").c_str(), {probe, "a"});
+    EXPECT_EQ(outcome.out, "running with 2 other\n");
+    EXPECT_EQ(outcome.err, "");
+    EXPECT_EQ(outcome.status, 0);
 }
 
 TEST(DebugHooksSession, TheProgramIsStartedAgainByWhatTheHookLeftInTheEnvironment) {

@@ -1,92 +1,17 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// The start-up hook: marker and variable, every request, what a started command finds in its environment.
-#include <components/platform/debug_hooks.h>
+// The start-up hook: where the request comes from, and what becomes of the arguments and the variable.
+#include "debug_hooks_support.h"
 
-#include <malloc/debug_heap.h>
 #include <msg/msg.h>
-#include <support/child.h>
-#include <support/files.h>
-#include <support/interpose.h>
 
-#include <chrono>
+#include <algorithm>
+#include <cctype>
 #include <cstdlib>
 #include <string>
-#include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
 using namespace zel::test;
-
-namespace {
-
-// An argument vector that the hook may change, and the count that goes with it.
-struct Arguments {
-    explicit Arguments(std::vector<std::string> words) : texts(std::move(words)) {
-        for (std::string &text : texts) {
-            argv.push_back(text.data());
-        }
-        argv.push_back(nullptr);
-        argc = static_cast<int32_t>(texts.size());
-    }
-    std::vector<std::string> texts;
-    std::vector<char *> argv;
-    int32_t argc = 0;
-};
-
-// A sleep that takes no time: the clock moves on by what was asked for.
-struct FakeClock {
-    std::vector<unsigned> sleeps;
-    Interposed<unsigned(unsigned)> sleeping{hook::sleep, [this](unsigned seconds) {
-                                                sleeps.push_back(seconds);
-                                                now += seconds;
-                                                return 0U;
-                                            }};
-    Interposed<int(clockid_t, timespec *)> clock{hook::clock_gettime, [this](clockid_t, timespec *time) {
-                                                     *time = {.tv_sec = now, .tv_nsec = 0};
-                                                     return 0;
-                                                 }};
-    time_t now = 1000;
-};
-
-// Calls the hook with these arguments and prints what is left of them, and the variable.
-void hook_and_print(const std::vector<std::string> &words) {
-    Arguments arguments(words);
-    platform_debug_hooks(&arguments.argc, arguments.argv.data());
-    printf("%d:", arguments.argc);
-    for (char **argument = arguments.argv.data(); *argument != nullptr; ++argument) {
-        printf(" %s", *argument);
-    }
-    const char *variable = getenv("ZEL_DEBUG");
-    printf("; ZEL_DEBUG %s\n", variable == nullptr ? "unset" : (std::string("'") + variable + "'").c_str());
-}
-
-Outcome run_hook(const std::vector<std::string> &words, const char *variable = nullptr, const char *shell = nullptr) {
-    return run_in_child([&] {
-        unsetenv("ZEL_DIAGNOSTICS_PATH");
-        unsetenv("ZEL_DEBUG");
-        unsetenv("SHELL");
-        if (variable != nullptr) {
-            setenv("ZEL_DEBUG", variable, 1);
-        }
-        if (shell != nullptr) {
-            setenv("SHELL", shell, 1);
-        }
-        hook_and_print(words);
-    });
-}
-
-// A shell command that prints the three variables, one on a line, each in brackets.
-constexpr const char *kPrintVariables =
-    "printf '[%s]\\n' \"$ZEL_DEBUG_PROMPT\" \"$ZEL_EXE\" \"$ZEL_EXE_PARMS\" \"$ZEL_DEBUG\"";
-
-std::string script(const ScratchFolder &folder, const std::string &name, const std::string &body) {
-    const std::string path = folder.path + "/" + name;
-    write_file(path, "#!/bin/sh\n" + body + "\n");
-    EXPECT_EQ(chmod(path.c_str(), 0755), 0);
-    return path;
-}
-
-} // namespace
 
 TEST(DebugHooks, WithoutARequestTheArgumentsStayAsTheyAre) {
     const Outcome outcome = run_hook({"prog", "a", "b"});
@@ -130,6 +55,37 @@ TEST(DebugHooks, NoArgumentsAtAllAreNoRequest) {
     });
     EXPECT_EQ(outcome.out, "0");
     EXPECT_EQ(outcome.status, 0);
+}
+
+TEST(DebugHooks, WithoutANameTheDiagnosticsFilesNameComesFromTheProgram) {
+    const ScratchFolder folder;
+    const Outcome outcome = run_in_child([&folder] {
+        const FakeClock clock;
+        setenv("ZEL_DIAGNOSTICS_PATH", folder.path.c_str(), 1);
+        unsetenv("ZEL_DEBUG");
+        call_hook({"/opt/bin/kyrelsolver.x"});
+        const std::string command = "ls " + folder.path;
+        execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
+    });
+    EXPECT_TRUE(outcome.out.ends_with("solver.log\n")) << outcome.out;
+    EXPECT_EQ(outcome.out.size(), std::string("zelYYMMDDHHMMSSsolver.log\n").size()) << outcome.out;
+}
+
+TEST(DebugHooks, NothingIsRememberedFromOneCallToTheNext) {
+    const Outcome outcome = run_in_child([] {
+        const FakeClock clock;
+        unsetenv("ZEL_DIAGNOSTICS_PATH");
+        setenv("ZEL_DEBUG", "delay 1", 1);
+        hook_and_print({"prog", "a"});
+        setenv("ZEL_DEBUG", "delay 2", 1);
+        hook_and_print({"prog", "b"});
+        hook_and_print({"prog", "c", "__ZEL_DEBUG__", "delay", "3"});
+        for (const unsigned seconds : clock.sleeps) {
+            printf("slept %u\n", seconds);
+        }
+    });
+    EXPECT_EQ(outcome.out, "2: prog a; ZEL_DEBUG ''\n2: prog b; ZEL_DEBUG ''\n2: prog c; ZEL_DEBUG ''\n"
+                           "slept 1\nslept 2\nslept 3\n");
 }
 
 TEST(DebugHooksMarker, ADelayCutsMarkerAndRequestFromTheArguments) {
@@ -206,6 +162,91 @@ TEST(DebugHooksMarker, AsTheLastArgumentItStartsTheUsersShell) {
     EXPECT_EQ(outcome.status, 0);
 }
 
+TEST(DebugHooksMarker, EachMixtureOfSmallAndCapitalLettersIsTheMarker) {
+    const Outcome outcome = run_in_child([] {
+        const std::vector<size_t> letters = {2, 3, 4, 6, 7, 8, 9, 10};
+        int found = 0;
+        for (unsigned mixture = 0; mixture < 256; ++mixture) {
+            std::string marker = "__ZEL_DEBUG__";
+            for (size_t index = 0; index < letters.size(); ++index) {
+                char &letter = marker[letters[index]];
+                letter = static_cast<char>((mixture >> index & 1) != 0 ? tolower(letter) : letter);
+            }
+            Arguments arguments({"prog", marker, "delay", "0"});
+            platform_debug_hooks(&arguments.argc, arguments.argv.data());
+            found += arguments.argc == 1 && arguments.argv[1] == nullptr ? 1 : 0;
+        }
+        printf("%d", found);
+    });
+    EXPECT_EQ(outcome.out, "256");
+}
+
+TEST(DebugHooksMarker, WhereverItStandsTheArgumentsEndThereAndThoseBeforeItStay) {
+    const Outcome outcome = run_in_child([] {
+        for (size_t position = 1; position <= 510; ++position) {
+            std::vector<std::string> words(520, "a");
+            words[position] = "__ZEL_DEBUG__";
+            words[position + 1] = "delay";
+            words[position + 2] = "0";
+            Arguments arguments(words);
+            const std::vector<char *> before = arguments.argv;
+            platform_debug_hooks(&arguments.argc, arguments.argv.data());
+            const bool kept = std::equal(before.begin(), before.begin() + arguments.argc, arguments.argv.begin());
+            if (arguments.argc != static_cast<int32_t>(position) || arguments.argv[position] != nullptr || !kept) {
+                printf("not at %zu\n", position);
+            }
+        }
+    });
+    EXPECT_EQ(outcome.out, "");
+    EXPECT_EQ(outcome.status, 0);
+}
+
+TEST(DebugHooksMarker, AWordThatContainsItOrIsAPartOfItIsAnArgument) {
+    for (const char *word :
+         {"__ZEL_DEBUG__x", "x__ZEL_DEBUG__", "__ZEL_DEBUG_", "_ZEL_DEBUG__", "__ZEL_DEBUG__ frob"}) {
+        const Outcome outcome = run_hook({"prog", word, "frob"});
+        EXPECT_EQ(outcome.out, "3: prog " + std::string(word) + " frob; ZEL_DEBUG unset\n");
+        EXPECT_EQ(outcome.err, "") << word;
+    }
+}
+
+TEST(DebugHooksMarker, TheArgumentsAreCutBeforeTheRequestIsCarriedOut) {
+    static Arguments arguments({"prog", "a", "__ZEL_DEBUG__", "frob"});
+    const Outcome outcome = run_in_child([] {
+        atexit([] { printf("%d %s", arguments.argc, arguments.argv[2] == nullptr ? "cut" : "whole"); });
+        platform_debug_hooks(&arguments.argc, arguments.argv.data());
+    });
+    EXPECT_EQ(outcome.out, "2 cut");
+    EXPECT_EQ(outcome.status, 1);
+}
+
+TEST(DebugHooksMarker, EmptyArgumentsBeforeItKeepTheirPlace) {
+    const Outcome outcome =
+        run_hook({"prog", "", "a", "", "", "b", "__ZEL_DEBUG__", "using", "echo", "\"<$ZEL_EXE_PARMS>\""});
+    EXPECT_EQ(outcome.out, "< a   b>\n");
+}
+
+TEST(DebugHooksMarker, EmptyArgumentsBehindItAreAnEmptyRequest) {
+    const ScratchFolder folder;
+    const std::string shell = script(folder, "shell", "echo here");
+    EXPECT_EQ(run_hook({"prog", "__ZEL_DEBUG__", ""}, nullptr, shell.c_str()).out, "here\n");
+    EXPECT_EQ(run_hook({"prog", "__ZEL_DEBUG__", "", ""}, nullptr, shell.c_str()).out, "here\n");
+}
+
+TEST(DebugHooksMarker, AnArgumentWithBlanksIsSeveralWordsOfTheRequest) {
+    EXPECT_EQ(run_hook({"prog", "__ZEL_DEBUG__", "prompt attach", "to\tit"}).err, "attach to it \n");
+}
+
+TEST(DebugHooksMarker, APromptOpensNoDiagnosticsEither) {
+    const Outcome outcome = run_in_child([] {
+        setenv("ZEL_DIAGNOSTICS_PATH", "stderr", 1);
+        hook_and_print({"prog", "a", "__ZEL_DEBUG__", "prompt"});
+        msg_diag("no destination\n");
+    });
+    EXPECT_EQ(outcome.err, "ZEL_DEBUG prompt>\n");
+    EXPECT_TRUE(outcome.out.starts_with("2: prog a;")) << outcome.out;
+}
+
 TEST(DebugHooksVariable, APromptWaitsForALineAndTheVariableIsEmptied) {
     const ScratchFolder folder;
     write_file(folder.path + "/input", "first\nsecond\n");
@@ -254,189 +295,30 @@ TEST(DebugHooksVariable, ItIsEmptiedBeforeTheRequestIsCarriedOut) {
     EXPECT_EQ(outcome.out, "<>\n");
 }
 
-TEST(DebugOp, OpsAreMatchedInAnyCaseOfLetters) {
-    EXPECT_EQ(run_hook({"prog"}, "PROMPT").err, "ZEL_DEBUG prompt>\n");
-    EXPECT_EQ(run_hook({"prog"}, "Using echo hi").out, "hi\n");
-    EXPECT_EQ(run_hook({"prog"}, "eXeC /bin/echo hi").out, "hi\n");
-    const Outcome outcome = run_in_child([] {
-        FakeClock clock;
-        platform_debug_op("prog", std::vector<char *>{nullptr}.data(), "DELAY 2");
-        printf("%u", clock.sleeps.at(0));
-    });
-    EXPECT_EQ(outcome.out, "2");
-}
-
-TEST(DebugOp, WordsAreSeparatedByBlanksAndTabsAlike) {
-    EXPECT_EQ(run_hook({"prog"}, " \t using\t echo \t a\tb  c \t").out, "a b c\n");
-}
-
-TEST(DebugOp, ADelayTakesItsSecondsFromTheFirstWord) {
-    const std::vector<std::pair<const char *, std::string>> cases = {
-        {"delay", "30"},  {"delay 7", "7"}, {"delay 12abc", "12"}, {"delay abc", ""},
-        {"delay -5", ""}, {"delay 0", ""},  {"delay 3 4 5", "3"}};
-    for (const auto &[request, slept] : cases) {
-        const Outcome outcome = run_in_child([request = request] {
-            FakeClock clock;
-            platform_debug_op("prog", std::vector<char *>{nullptr}.data(), request);
-            for (const unsigned seconds : clock.sleeps) {
-                printf("%u", seconds);
-            }
-        });
-        EXPECT_EQ(outcome.out, slept) << request;
-        EXPECT_EQ(outcome.status, 0) << request;
-    }
-}
-
-TEST(DebugOp, APromptWithWordsWritesEachAndABlank) {
-    EXPECT_EQ(run_hook({"prog"}, "prompt attach \t now").err, "attach now \n");
-}
-
-TEST(DebugOp, APromptReadsAtMost254Characters) {
-    const ScratchFolder folder;
-    write_file(folder.path + "/input", std::string(300, 'x') + "\n");
-    const Outcome outcome = run_in_child([&folder] {
-        if (freopen((folder.path + "/input").c_str(), "r", stdin) == nullptr) {
-            exit(2);
-        }
-        platform_debug_op("prog", std::vector<char *>{nullptr}.data(), "prompt");
-        int left = 0;
-        while (getchar() != EOF) {
-            ++left;
-        }
-        printf("%d", left);
-    });
-    EXPECT_EQ(outcome.out, std::to_string(301 - 254));
-}
-
-TEST(DebugOp, UsingRunsAShellCommandLine) {
-    EXPECT_EQ(run_hook({"prog"}, "using echo $((1 + 2)); exit 7").out, "3\n");
-    EXPECT_EQ(run_hook({"prog"}, "using echo $((1 + 2)); exit 7").status, 7);
-}
-
-TEST(DebugOp, TheShellOfACommandIsCalledSh) {
-    EXPECT_EQ(run_hook({"prog"}, "using echo $0").out, "sh\n");
-}
-
-TEST(DebugOp, UsingWithoutACommandRunsTheUsersShell) {
-    const ScratchFolder folder;
-    const std::string shell = script(folder, "shell", "echo the shell has $# arguments");
-    EXPECT_EQ(run_hook({"prog"}, "using", shell.c_str()).out, "the shell has 0 arguments\n");
-}
-
-TEST(DebugOp, AnEmptyRequestRunsTheUsersShell) {
-    const ScratchFolder folder;
-    const std::string shell = script(folder, "shell", "echo here");
-    EXPECT_EQ(run_hook({"prog"}, " \t ", shell.c_str()).out, "here\n");
-}
-
-TEST(DebugOp, WithoutAShellInTheEnvironmentItIsTcsh) {
-    const ScratchFolder folder;
-    script(folder, "tcsh", "echo tcsh was started");
-    const Outcome outcome = run_in_child([&folder] {
-        unsetenv("SHELL");
-        setenv("PATH", folder.path.c_str(), 1);
-        setenv("ZEL_DEBUG", "using", 1);
-        hook_and_print({"prog"});
-    });
-    EXPECT_EQ(outcome.out, "tcsh was started\n");
-}
-
-TEST(DebugOp, ExecStartsTheProgramWithItselfAsTheFirstArgument) {
-    const ScratchFolder folder;
-    const std::string program = script(folder, "program", "echo \"$0 $# $1|$2\"\n" + std::string(kPrintVariables));
-    const Outcome outcome = run_hook({"/opt/x/prog", "own", "__ZEL_DEBUG__", "exec", program, "a", "b"});
-    EXPECT_EQ(outcome.out, program + " 2 a|b\n[debug prog]\n[/opt/x/prog]\n[own]\n[]\n");
-}
-
-TEST(DebugOp, ExecDoesNotSearchThePath) {
-    const Outcome outcome = run_hook({"prog"}, "exec echo");
-    EXPECT_EQ(outcome.out, "");
-    EXPECT_EQ(outcome.err, "\"__ZEL_DEBUG__ exec\" w/execv() call failed.\n");
-    EXPECT_EQ(outcome.status, 1);
-}
-
-TEST(DebugOp, ExecWithoutAProgramFailsLikeOneThatCannotBeStarted) {
-    const Outcome outcome = run_hook({"prog"}, "exec");
-    EXPECT_EQ(outcome.err, "\"__ZEL_DEBUG__ exec\" w/execv() call failed.\n");
-    EXPECT_EQ(outcome.status, 1);
-}
-
-TEST(DebugOp, AShellThatCannotBeStartedIsSaidAndEndsTheProcess) {
-    const Outcome outcome = run_in_child([] {
-        // An argument vector beyond what the system takes fails any exec.
-        const std::string request = "using " + std::string(200000, 'x');
-        platform_debug_op("prog", std::vector<char *>{nullptr}.data(), request.c_str());
-    });
-    EXPECT_EQ(outcome.err, "\"__ZEL_DEBUG__ using\" w/execl() call failed.\n");
-    EXPECT_EQ(outcome.status, 1);
-}
-
-TEST(DebugOp, AnUnknownOpIsSaidAndEndsTheProcess) {
-    const Outcome outcome = run_hook({"prog", "__ZEL_DEBUG__", "frob", "x"});
-    EXPECT_EQ(outcome.err, "\"__ZEL_DEBUG__ frob\" not a recognized debug op.\n");
-    EXPECT_EQ(outcome.out, "");
-    EXPECT_EQ(outcome.status, 1);
-}
-
-TEST(DebugOp, AProgramNameWithoutASlashIsTheWholePrompt) {
-    EXPECT_EQ(run_hook({"prog"}, "using echo \"$ZEL_DEBUG_PROMPT\"").out, "debug prog\n");
-    EXPECT_EQ(run_hook({"./bin/prog"}, "using echo \"$ZEL_DEBUG_PROMPT\"").out, "debug prog\n");
-}
-
-TEST(DebugOp, LongRequestsAndValuesAreNotCut) {
-    const std::string name(3000, 'n');
-    const std::string argument(9000, 'a');
-    const Outcome outcome =
-        run_hook({"/opt/" + name, argument, "__ZEL_DEBUG__", "using", kPrintVariables, "#" + std::string(9000, 'c')});
-    EXPECT_EQ(outcome.out, "[debug " + name + "]\n[/opt/" + name + "]\n[" + argument + "]\n[]\n");
-}
-
-TEST(DebugOp, TheHookDoesNotEndThePeriodBeforeTheFirstAllocation) {
-    const Outcome outcome = run_in_child([] {
-        FakeClock clock;
-        hook_and_print({"prog", "a", "__ZEL_DEBUG__", "delay", "1"});
-        zel_enable_malloc_debug(1);
-        printf("on\n");
-    });
-    EXPECT_EQ(outcome.out, "2: prog a; ZEL_DEBUG unset\non\n");
-    EXPECT_EQ(outcome.err, "");
-}
-
 TEST(DebugHooksVariable, AtMost510ArgumentsAreHandedOn) {
     std::vector<std::string> words(601, "a");
     const Outcome outcome = run_hook(words, "using set -- $ZEL_EXE_PARMS; echo $#");
     EXPECT_EQ(outcome.out, "510\n");
 }
 
-namespace {
-
-// The environment's own variables of the runtime, in the order in which they stand there.
-void print_variables() {
-    for (char **entry = environ; *entry != nullptr; ++entry) {
-        if (strncmp(*entry, "ZEL_", 4) == 0) {
-            printf("%s\n", *entry);
-        }
-    }
-}
-
-} // namespace
-
-TEST(DebugOp, TheThreeVariablesAreSetInTheirOrder) {
+TEST(DebugHooksVariable, TheDiagnosticsAreOpenedAfterADelayToo) {
     const Outcome outcome = run_in_child([] {
-        clearenv();
-        atexit(print_variables);
-        char own[] = "a";
-        platform_debug_op("/x/prog", std::vector<char *>{own, nullptr}.data(), "exec /no/such/program");
+        const FakeClock clock;
+        setenv("ZEL_DEBUG", "delay 3", 1);
+        setenv("ZEL_DIAGNOSTICS_PATH", "2", 1);
+        call_hook({"prog", "a"});
+        printf("slept %u", clock.sleeps.at(0));
     });
-    EXPECT_EQ(outcome.out, "ZEL_DEBUG_PROMPT=debug prog\nZEL_EXE=/x/prog\nZEL_EXE_PARMS=a\n");
+    EXPECT_EQ(outcome.out, "slept 3");
+    EXPECT_EQ(outcome.err, "argv[0] = \"prog\"\nargv[1] = \"a\"\n");
 }
 
-TEST(DebugOp, AnUnknownOpIsRepeatedAsItWasTyped) {
-    EXPECT_EQ(run_hook({"prog"}, "FrOb").err, "\"__ZEL_DEBUG__ FrOb\" not a recognized debug op.\n");
+TEST(DebugHooksVariable, WithoutAnyArgumentsTheProgramHasTheEmptyName) {
+    const Outcome outcome = run_hook({}, (std::string("using ") + kPrintVariables).c_str());
+    EXPECT_EQ(outcome.out, "[debug ]\n[]\n[]\n[]\n");
 }
 
-TEST(DebugOp, AShellThatIsSetButEmptyIsTakenAsItIs) {
-    const Outcome outcome = run_hook({"prog"}, "using", "");
-    EXPECT_EQ(outcome.out, "");
-    EXPECT_EQ(outcome.status, 0) << "an empty command line ends well";
+TEST(DebugHooksVariable, ItIsNotCutEither) {
+    const std::string request = "using echo " + std::string(9000, 'x') + " y";
+    EXPECT_EQ(run_hook({"prog"}, request.c_str()).out, std::string(9000, 'x') + " y\n");
 }
