@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// Every operation that waits, while a signal comes each millisecond and restarts no system call.
+// Every operation that waits, while a signal comes a few milliseconds after the last and restarts no system call.
 #include "socket_support.h"
 
 #include <csignal>
@@ -18,12 +18,23 @@ constexpr int kEnough = 20;
 // alone, for it runs anywhere.
 std::function<void()> on_signal;
 volatile sig_atomic_t signals = 0;
+volatile sig_atomic_t raging = 0;
+
+// One signal at a time, and not too soon: valgrind looks at all that is to be sent before each send, and a timer that
+// has run out by then would leave the send no moment to go on in.
+void await_next_signal() {
+    const itimerval soon = {.it_interval = {}, .it_value = {.tv_sec = 0, .tv_usec = 5000}};
+    setitimer(ITIMER_REAL, &soon, nullptr);
+}
 
 void take_signal(int /*signal*/) {
     const int error = errno;
     signals = signals + 1;
     if (signals >= kEnough) {
         on_signal();
+    }
+    if (raging != 0) {
+        await_next_signal();
     }
     errno = error;
 }
@@ -35,13 +46,15 @@ struct Storm {
         struct sigaction action = {};
         action.sa_handler = take_signal;
         sigaction(SIGALRM, &action, &before_);
-        const itimerval every_millisecond = {.it_interval = {.tv_sec = 0, .tv_usec = 1000},
-                                             .it_value = {.tv_sec = 0, .tv_usec = 1000}};
-        setitimer(ITIMER_REAL, &every_millisecond, nullptr);
+        raging = 1;
+        await_next_signal();
     }
     ~Storm() {
+        raging = 0;
         const itimerval never = {};
         setitimer(ITIMER_REAL, &never, nullptr);
+        // A last signal may still be on its way: valgrind delivers it later than the kernel would. Ignored, it is gone.
+        signal(SIGALRM, SIG_IGN);
         sigaction(SIGALRM, &before_, nullptr);
         EXPECT_GE(signals, kEnough);
     }
@@ -133,7 +146,7 @@ TEST(SignalStorm, MessageLoopHandsOverAllMessages) {
 
 TEST(SignalStorm, SendAllSendsAll) {
     const SocketPair pair;
-    const std::string data = varied_text(4U << 20U);
+    const std::string data = varied_text(1U << 20U);
     Receiver receiver(pair.theirs.fd);
     {
         const Storm storm([&receiver] { receiver.take(); });
@@ -145,7 +158,7 @@ TEST(SignalStorm, SendAllSendsAll) {
 
 TEST(SignalStorm, SendMessageSendsAll) {
     const SocketPair pair;
-    const std::string line = varied_text(2U << 20U);
+    const std::string line = varied_text(1U << 20U);
     Receiver receiver(pair.theirs.fd);
     {
         const Storm storm([&receiver] { receiver.take(); });
