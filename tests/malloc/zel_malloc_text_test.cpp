@@ -215,6 +215,7 @@ TEST(ZelPrintfStrdup, WhatAHandlerReturnsForTheBufferIsResized) {
         return hook::realloc.real(pointer, size);
     });
     char *text = zel_printf_strdup("%040d", 7);
+    ASSERT_NE(text, nullptr);
     EXPECT_EQ(text, std::string(39, '0') + "7");
     EXPECT_EQ(resized, std::vector<void *>{Reserve::block});
     zel_free(text);
@@ -229,6 +230,7 @@ TEST(ZelPrintfStrdup, WhatAHandlerReturnsForAFailedResizeIsTheBufferFromThenOn) 
         return nullptr;
     });
     char *text = zel_printf_strdup("%040d", 7);
+    ASSERT_NE(text, nullptr);
     EXPECT_EQ(text, std::string(39, '0') + "7");
     EXPECT_EQ(text, Reserve::block);
     EXPECT_EQ(Reserve::sizes, std::vector<unsigned long>{42});
