@@ -220,7 +220,7 @@ TEST_F(FileStatus, ANullPathDoesNotExist) {
     EXPECT_EQ(platform_mkdir(nullptr), 0);
     EXPECT_EQ(platform_rmdir(nullptr), 0);
     EXPECT_EQ(platform_copy_file(nullptr, "x"), 0);
-    EXPECT_EQ(platform_copy_file("x", nullptr), 0);
+    EXPECT_EQ(platform_copy_file(with_text("file").c_str(), nullptr), 0);
     EXPECT_EQ(platform_stamp_valid(platform_file_stamp(nullptr)), 0);
 }
 
