@@ -22,6 +22,15 @@ struct DiagLogDirectory : testing::Test {
     ScratchFolder b;
 };
 
+// What a process with these variables says that has opened no log.
+std::string directory_in_effect(const Value &first, const Value &second, const Value &third) {
+    return run_in_child([&] {
+               set_variables(first, second, third);
+               printf("<%s>", msg_get_diag_dir());
+           })
+        .out;
+}
+
 } // namespace
 
 TEST_F(DiagLogDirectory, InEffectIsTheFirstVariableThatIsSetEvenWhenEmpty) {
@@ -29,12 +38,8 @@ TEST_F(DiagLogDirectory, InEffectIsTheFirstVariableThatIsSetEvenWhenEmpty) {
     for (const Value &first : kinds) {
         for (const Value &second : kinds) {
             for (const Value &third : kinds) {
-                const Outcome outcome = run_in_child([&] {
-                    set_variables(first, second, third);
-                    printf("<%s>", msg_get_diag_dir());
-                });
                 const Value &chosen = first ? first : second ? second : third;
-                EXPECT_EQ(outcome.out, "<" + chosen.value_or("/tmp") + ">");
+                EXPECT_EQ(directory_in_effect(first, second, third), "<" + chosen.value_or("/tmp") + ">");
             }
         }
     }
