@@ -281,9 +281,12 @@ TEST_F(Spawn, DescriptorZeroIsAnEntryLikeAnyOther) {
 }
 
 TEST_F(Spawn, AnEntryThatIsNotOpenLeavesTheParentsOwn) {
-    const Outcome outcome = run_in_child([] { run_with({999, 999, 998}, "cat; echo out; echo err >&2"); });
+    const Outcome outcome = run_in_child([] {
+        run_with({999, 999, 998}, "cat; echo out; echo err >&2");
+        run_with({-1, 2, 999}, "echo moved; echo kept >&2");
+    });
     EXPECT_EQ(outcome.out, "out\n");
-    EXPECT_EQ(outcome.err, "err\n");
+    EXPECT_EQ(outcome.err, "err\nmoved\nkept\n");
 }
 
 TEST_F(Spawn, AQuietChildHasTheNullDeviceThreeTimesAndNothingBeside) {
