@@ -13,7 +13,8 @@
 
 namespace zel::memory {
 
-constinit DebugHeap debug_heap = {.mode = 0, .records = nullptr, .in_use = {}, .capacity = 0, .bytes_in_use = 0};
+constinit DebugHeap debug_heap = {
+    .mode = 0, .verifying = false, .records = nullptr, .in_use = {}, .capacity = 0, .bytes_in_use = 0};
 
 namespace {
 

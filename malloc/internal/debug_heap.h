@@ -64,6 +64,7 @@ struct Header {
 
 struct DebugHeap {
     int mode;                           // 0, ZEL_MALLOC_CHECK_PTR or ZEL_MALLOC_VERIFY_HEAP; never back to 0
+    bool verifying;                     // while the whole heap is verified, and after it was found corrupted
     Record *records;                    // only grows
     IndexSet in_use;                    // the records in use, for walking
     uint32_t capacity;                  // records in the table

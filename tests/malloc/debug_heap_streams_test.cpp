@@ -70,6 +70,11 @@ void *allocate_many() {
     return last;
 }
 
+void allocate_at_every_write() {
+    writer.first = allocate_at_every_write;
+    zel_free(zel_malloc(kSize, "stream", "s"));
+}
+
 std::string finding(char letter, const std::string &function, const std::string &purpose) {
     return std::string("Warning: The pointer <") + letter +
            "> referenced data that was corrupted at the end.  The pointer was allocated by zel_malloc with a length of "
@@ -112,6 +117,17 @@ TEST(DebugHeapStreams, VerificationGoesOnInTheTableThatAFindingMadeMove) {
     });
     EXPECT_EQ(outcome.err, finding('P', "F", "p") + finding('Q', "F", "q") + finding('R', "many", "m") +
                                "Error: zel_malloc: The heap was corrupted. (Currently inside of G)\n");
+    EXPECT_EQ(outcome.status, 1);
+}
+
+TEST(DebugHeapStreams, AFindingIsWrittenOnceThoughItsStreamAllocatesAtEveryWrite) {
+    const Outcome outcome = run_heap(ZEL_MALLOC_VERIFY_HEAP, [] {
+        set_word_at(named('P', zel_malloc(kSize, "F", "p")), kSize, 0);
+        write_through_stream(MSG_WARNING | MSG_ERROR, STDERR_FILENO, allocate_at_every_write);
+        zel_malloc(1, "G", nullptr);
+    });
+    EXPECT_EQ(outcome.err,
+              finding('P', "F", "p") + "Error: zel_malloc: The heap was corrupted. (Currently inside of G)\n");
     EXPECT_EQ(outcome.status, 1);
 }
 
