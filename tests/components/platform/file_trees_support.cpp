@@ -1,0 +1,72 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// What the tests of trees share.
+#include "file_trees_support.h"
+
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+namespace fs = std::filesystem;
+
+namespace zel::test {
+
+namespace {
+
+// Names that a careless program trips over.
+const std::vector<std::string> kTreacherousNames = {
+    "plain", "with blank",  " leading",  "trailing ", "new\nline", "-rf",      "--",        "-",      "*",
+    "?",     "[a-z]",       "[",         "]",         "\\",        "back\\*",  "quote'\"",  "$HOME",  "`x`",
+    ";",     ".hidden",     "..twodots", "...",       "~",         "\xFF\xFE", "\xC3\xA9t", "tab\tx", "a*b",
+    "{a,b}", "name.tar.gz", "#",         "%s%n",      "&&",        "|",        "!",         "=",      "\x01"};
+
+} // namespace
+
+void Trees::make_folder(const std::string &name) const {
+    ASSERT_EQ(mkdir(path(name).c_str(), 0755), 0) << name;
+}
+
+void Trees::make_file(const std::string &name, const std::string &text) const {
+    write_file(path(name), text);
+}
+
+void Trees::make_link(const std::string &target, const std::string &name) const {
+    ASSERT_EQ(symlink(target.c_str(), path(name).c_str()), 0) << name;
+}
+
+void Trees::make_tree(const std::string &name) const {
+    make_folder(name);
+    for (const std::string &entry : kTreacherousNames) {
+        make_folder(name + "/" + entry);
+        make_file(name + "/" + entry + "/" + entry);
+        make_link("nowhere", name + "/" + entry + "/" + "dangling" + entry);
+        make_file(name + "/f" + entry, entry);
+    }
+    make_folder(name + "/empty");
+    ASSERT_EQ(mkfifo(path(name + "/fifo").c_str(), 0600), 0);
+}
+
+bool Trees::exists(const std::string &name) const {
+    struct stat status;
+    return lstat(path(name).c_str(), &status) == 0;
+}
+
+std::map<std::string, std::string> contents_of(const std::string &root) {
+    std::map<std::string, std::string> contents;
+    for (const fs::directory_entry &entry : fs::recursive_directory_iterator(root)) {
+        const std::string name = entry.path().string().substr(root.size());
+        if (entry.is_symlink()) {
+            contents[name] = "link " + fs::read_symlink(entry.path()).string();
+        } else if (entry.is_directory()) {
+            contents[name] = "folder";
+        } else if (entry.is_regular_file()) {
+            contents[name] = "file " + read_file(entry.path().string());
+        } else {
+            contents[name] = "other";
+        }
+    }
+    return contents;
+}
+
+} // namespace zel::test
