@@ -1,12 +1,15 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// The look at the world after each test: who leaves something behind has failed, in its own line and in the summary.
+// What every test program does for its tests. The look at the world after each of them: who leaves something behind has
+// failed, in its own line and in the summary. And the child in which a body runs.
 #include <support/child.h>
 
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
+#include <stdexcept>
 #include <string>
 #include <unistd.h>
 
@@ -65,9 +68,11 @@ Outcome run_leaving() {
     return run_program({"env", std::string(kWanted) + "=1", self, "--gtest_filter=Leaving.*", "--gtest_color=no"});
 }
 
-// The line in which the printer says how a test ended, behind what was found.
-std::string end_of(const std::string &name, const std::string &found) {
-    return found + "\n[  FAILED  ] Leaving." + name + " (";
+// Whether the printer says what was found, then in the test's own line that it failed, before the next test begins.
+bool failed_by(const std::string &out, const std::string &name, const std::string &found) {
+    const size_t begin = out.find("[ RUN      ] Leaving." + name + "\n");
+    const size_t end = out.find("[  FAILED  ] Leaving." + name + " (", begin);
+    return end != std::string::npos && out.substr(begin, end - begin).find(found) != std::string::npos;
 }
 
 } // namespace
@@ -76,8 +81,14 @@ TEST(CleanWorld, ATestThatLeavesSomethingBehindFailsInItsOwnLineAndInTheSummary)
     const Outcome outcome = run_leaving();
     EXPECT_EQ(outcome.status, 1);
     EXPECT_NE(outcome.out.find("[       OK ] Leaving.Nothing ("), std::string::npos);
-    EXPECT_NE(outcome.out.find(end_of("ADescriptor", "descriptors that the test left behind")), std::string::npos);
-    EXPECT_NE(outcome.out.find(end_of("AVariable", "variables that the test left behind")), std::string::npos);
-    EXPECT_NE(outcome.out.find(end_of("AChild", "children that the test left behind")), std::string::npos);
+    EXPECT_TRUE(failed_by(outcome.out, "ADescriptor", "descriptors that the test left behind")) << outcome.out;
+    EXPECT_TRUE(failed_by(outcome.out, "AVariable", "variables that the test left behind")) << outcome.out;
+    EXPECT_TRUE(failed_by(outcome.out, "AChild", "children that the test left behind")) << outcome.out;
     EXPECT_NE(outcome.out.find("[  PASSED  ] 1 test.\n[  FAILED  ] 3 tests, listed below:\n"), std::string::npos);
+}
+
+TEST(RunInChild, ABodyThatThrowsEndsTheChildAndNoOtherTestRunsThere) {
+    const Outcome outcome = run_in_child([] { throw std::runtime_error("thrown by the body"); });
+    EXPECT_EQ(outcome.signal, SIGABRT);
+    EXPECT_EQ(outcome.out, "");
 }

@@ -213,7 +213,7 @@ TEST(PlatformDiagnostics, ADirectoryWithoutWritePermissionIsReplaced) {
     const ScratchFolder folder;
     chmod(folder.path.c_str(), 0555);
     const Outcome outcome = run_with({{"ZEL_DIAGNOSTICS_PATH", folder.path}, {"ZEL_TMPDIR", "/a"}}, [] {
-        become_nobody();
+        give_up_root();
         const StandingClock clock;
         const NoFiles files;
         platform_open_diagnostics("x");

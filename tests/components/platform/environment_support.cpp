@@ -3,7 +3,6 @@
 #include "environment_support.h"
 
 #include <cstdlib>
-#include <unistd.h>
 
 namespace zel::test {
 
@@ -22,13 +21,6 @@ Outcome run_with(const Variables &variables, const std::function<void()> &body) 
 
 std::string opening(const std::string &directory, const std::string &name) {
     return "sleep 1\nopen w " + directory + "/zel" + kTuesdayStamp + name + ".log\n";
-}
-
-void become_nobody() {
-    constexpr unsigned kNobody = 65534;
-    if (geteuid() == 0 && (setgid(kNobody) != 0 || setuid(kNobody) != 0)) {
-        abort();
-    }
 }
 
 } // namespace zel::test

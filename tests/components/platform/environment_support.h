@@ -58,10 +58,6 @@ struct NoFiles {
 // What StandingClock and NoFiles write about a diagnostics file of kTuesday: the pause, then the opening.
 std::string opening(const std::string &directory, const std::string &name);
 
-// Gives up the rights of root, if the process has them. For children, which must then end with _exit: the leak checker
-// cannot look into a process that has changed its user.
-void become_nobody();
-
 } // namespace zel::test
 
 #endif

@@ -99,7 +99,7 @@ TEST(PlatformIsWritableDir, ADirectoryWithoutWritePermissionIsNot) {
     const ScratchFolder folder;
     chmod(folder.path.c_str(), 0555);
     const Outcome outcome = run_with({}, [&folder] {
-        become_nobody();
+        give_up_root();
         printf("%d", platform_is_writable_dir(folder.path.c_str()));
         fflush(stdout);
         _exit(0);

@@ -6,7 +6,6 @@
 #include <support/interpose.h>
 
 #include <climits>
-#include <cstdlib>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -20,13 +19,6 @@ void Files::open_to_all() const {
 std::string Files::with_text(const std::string &name, const std::string &text) const {
     write_file(path(name), text);
     return path(name);
-}
-
-void give_up_root() {
-    constexpr unsigned kNobody = 65534;
-    if (geteuid() == 0 && (setgid(kNobody) != 0 || setuid(kNobody) != 0)) {
-        abort();
-    }
 }
 
 std::optional<std::string> take(char *text) {

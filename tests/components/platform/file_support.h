@@ -22,10 +22,6 @@ struct Files : testing::Test {
     ScratchFolder folder;
 };
 
-// In a child: no file is refused to root, so the rights of nobody are taken on. Without rights to give up the process
-// stays who it is.
-void give_up_root();
-
 // A text that a service allocated, taken over and released; none for null.
 std::optional<std::string> take(char *text);
 
