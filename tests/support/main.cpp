@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
@@ -59,6 +60,7 @@ extern "C" const char *__lsan_default_options() {
 
 int main(int argc, char **argv) {
     testing::InitGoogleTest(&argc, argv);
+    umask(022); // what tests make for others to read is readable, whatever mask the user has
     // Behind the printer: the end of a test is told to the listeners in reverse order, so that the test has been looked
     // at when the printer says how it ended.
     testing::UnitTest::GetInstance()->listeners().Append(new CleanWorld);
