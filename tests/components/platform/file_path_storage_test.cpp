@@ -128,10 +128,6 @@ std::string source_line(const std::string &report) {
     return line;
 }
 
-bool begins_with(const std::string &text, const std::string &beginning) {
-    return text.compare(0, beginning.size(), beginning) == 0;
-}
-
 } // namespace
 
 TEST(PathStorage, BuffersAndCopiesAreAskedForUnderTheirCategoryUnitAndLine) {
@@ -148,12 +144,12 @@ TEST(PathStorage, BuffersAndCopiesAreAskedForUnderTheirCategoryUnitAndLine) {
         report_of([] { return platform_stem("/a.b", nullptr); }),
     };
     for (const std::string &report : buffers) {
-        EXPECT_TRUE(begins_with(report, "ZEL_MALLOC_ARRAY" + unit)) << report;
+        EXPECT_TRUE(report.starts_with("ZEL_MALLOC_ARRAY" + unit)) << report;
         EXPECT_TRUE(report.ends_with(": Not enough memory to allocate 4097 bytes.")) << report;
         EXPECT_NE(source_line(report).find("buffer_for("), std::string::npos) << report;
     }
     for (const std::string &report : copies) {
-        EXPECT_TRUE(begins_with(report, "ZEL_STRDUP" + unit)) << report;
+        EXPECT_TRUE(report.starts_with("ZEL_STRDUP" + unit)) << report;
         EXPECT_NE(source_line(report).find("copy_of("), std::string::npos) << report;
     }
     const std::set<std::string> different = {buffers[0], buffers[1], buffers[2], copies[0],

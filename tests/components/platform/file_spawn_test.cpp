@@ -220,6 +220,7 @@ TEST_F(Spawn, NegativeEntriesAloneChangeNothing) {
         run_with({-1, -2, -2147483647 - 1}, "cd /proc/$$/fd; echo *; echo problem >&2");
     });
     const size_t half = outcome.out.size() / 2;
+    EXPECT_TRUE(outcome.out.starts_with("0 1 ")) << outcome.out;
     EXPECT_EQ(outcome.out.substr(0, half), outcome.out.substr(half));
     EXPECT_EQ(outcome.err, "problem\n");
 }
