@@ -101,7 +101,7 @@ TEST(DebugHooksSession, TheEndOfTheInputOnATerminalGoesOnToo) {
     EXPECT_TRUE(contains(session.seen, "running with 2 a\r\n")) << session.seen;
 }
 
-TEST(DebugHooksSession, APromptOfTheCommandLineTakesOneLineHoweverLongItIs) {
+TEST(DebugHooksSession, APromptOfTheCommandLineGoesOnAfterOneLineHoweverLongItIs) {
     Session session =
         start_on_terminal({companion_path("hook_probe"), "a", "b", "__Zel_Debug__", "Prompt", "attach"}, "");
     read_until(session, "\r\n");
