@@ -95,9 +95,8 @@ TEST_F(FileStatus, TheSizeIsInBytesAlsoAboveFourGibibytes) {
 
 TEST_F(FileStatus, TheOwnerIsTheLoginNameOfTheUserDatabase) {
     const passwd *self = getpwuid(geteuid());
-    ASSERT_NE(self, nullptr);
-    const std::string name = self->pw_name;
-    EXPECT_STREQ(platform_file_owner(with_text("file").c_str()), name.c_str());
+    const std::string name = self == nullptr ? "" : self->pw_name; // a user of a container may have no entry
+    EXPECT_STREQ(platform_file_owner(with_text("file").c_str()), self == nullptr ? nullptr : name.c_str());
     EXPECT_EQ(platform_file_owner(path("missing").c_str()), nullptr);
 }
 
