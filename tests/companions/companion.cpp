@@ -7,15 +7,15 @@
 #include <cstdlib>
 
 // What the library leaves allocated on purpose; anything else that is lost ends a companion with another status.
-extern "C" const char *__lsan_default_suppressions();  // NOLINT(bugprone-reserved-identifier)
-extern "C" const char *__lsan_default_suppressions() { // NOLINT(bugprone-reserved-identifier)
+extern "C" const char *__lsan_default_suppressions();
+extern "C" const char *__lsan_default_suppressions() {
     return "leak:zel_strdup2\n"
            "leak:platform_connect_host\n";
 }
 
 // It is no news either, on a standard error that the parent may share.
-extern "C" const char *__lsan_default_options();  // NOLINT(bugprone-reserved-identifier)
-extern "C" const char *__lsan_default_options() { // NOLINT(bugprone-reserved-identifier)
+extern "C" const char *__lsan_default_options();
+extern "C" const char *__lsan_default_options() {
     return "print_suppressions=0";
 }
 

@@ -47,8 +47,8 @@ extern "C" const char *__lsan_default_suppressions() {
 }
 
 // A request that no system provides fails like without the sanitizer, and nothing is added to what a child writes.
-extern "C" const char *__asan_default_options();  // NOLINT(bugprone-reserved-identifier)
-extern "C" const char *__asan_default_options() { // NOLINT(bugprone-reserved-identifier)
+extern "C" const char *__asan_default_options();
+extern "C" const char *__asan_default_options() {
     return "allocator_may_return_null=1:print_suppressions=0";
 }
 

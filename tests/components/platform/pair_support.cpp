@@ -15,8 +15,8 @@
 
 // What is left allocated on purpose is not listed on the standard error that tests compare. Weak: the test program as a
 // whole may say more.
-extern "C" __attribute__((weak)) const char *__lsan_default_options();  // NOLINT(bugprone-reserved-identifier)
-extern "C" __attribute__((weak)) const char *__lsan_default_options() { // NOLINT(bugprone-reserved-identifier)
+extern "C" __attribute__((weak)) const char *__lsan_default_options();
+extern "C" __attribute__((weak)) const char *__lsan_default_options() {
     return "print_suppressions=0";
 }
 
