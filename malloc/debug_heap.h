@@ -39,7 +39,8 @@ extern "C" {
 #endif
 #pragma GCC visibility push(default)
 
-/* The modes beside 0, off. Both guard, record, fill, and check each pointer that is released or resized. */
+/* The modes beside 0, off. Both guard, record, fill, and check each pointer that is released or resized. While the
+ * findings of a verification are written nothing is verified again, whatever the streams that take them allocate. */
 #define ZEL_MALLOC_CHECK_PTR 1   /* nothing more */
 #define ZEL_MALLOC_VERIFY_HEAP 2 /* the whole heap is verified at every allocation, resize and release */
 

@@ -21,6 +21,10 @@
 
 using namespace zel::test;
 
+// So many arguments of a list.
+#define TEN "x", "x", "x", "x", "x", "x", "x", "x", "x", "x"
+#define HUNDRED TEN, TEN, TEN, TEN, TEN, TEN, TEN, TEN, TEN, TEN
+
 namespace {
 
 struct Spawn : Files {
@@ -132,8 +136,6 @@ TEST_F(Spawn, TheQuietFormGivesItsReferenceBack) {
 
 TEST_F(Spawn, ManyArgumentsAreTaken) {
     const Outcome outcome = run_in_child([] {
-#define TEN "x", "x", "x", "x", "x", "x", "x", "x", "x", "x"
-#define HUNDRED TEN, TEN, TEN, TEN, TEN, TEN, TEN, TEN, TEN, TEN
         wait_for(platform_spawnl("sh", "sh", "-c", "echo $#", "sh", HUNDRED, HUNDRED, HUNDRED, HUNDRED, nullptr));
     });
     EXPECT_EQ(outcome.out, "400\n");
