@@ -18,6 +18,7 @@ constexpr unsigned kSecondsAllowed = 60;
 
 // A file without a name: it holds what a pipe would block on.
 int open_scratch() {
+    // Nothing is left to fill in here: mkostemp wants six X at the end, and writes a name that nobody has over them.
     char name[] = "/tmp/zel-test-XXXXXX";
     const int fd = mkostemp(name, O_CLOEXEC);
     unlink(name);
