@@ -167,9 +167,7 @@ Result report_unreadable(const Text &text) {
 // Announces the text; the companion then waits for its chunks.
 Result request(Companion &companion, const Text &text) {
     int32_t ready;
-    if (platform_send_message(platform_pair_tx_fd(companion.pair), kCount, text.name.c_str(),
-                              static_cast<char *>(nullptr)) == 0 ||
-        !receive_value(companion.pair, ready)) {
+    if (!send_message(companion.pair, {kCount, text.name}) || !receive_value(companion.pair, ready)) {
         return Result::companion_lost;
     }
     companion.spoke = true;

@@ -113,21 +113,13 @@ Received receive_text(PairHandle *pair, Counts &counts) {
     return Received::stream_ended;
 }
 
-// A message takes its lines as arguments and ends at the first null pointer: where there are fewer than ten words, the
-// places that stay null end it.
 bool send_answer(PairHandle *pair, const Counts &counts) {
-    const std::string first = std::string(kCounted) + " " + std::to_string(counts.lines) + " " +
-                              std::to_string(counts.words) + " " + std::to_string(counts.bytes);
-    std::array<std::string, kMostFrequent> texts;
-    std::array<const char *, kMostFrequent> line = {};
-    size_t place = 0;
+    std::vector<std::string> lines = {std::string(kCounted) + " " + std::to_string(counts.lines) + " " +
+                                      std::to_string(counts.words) + " " + std::to_string(counts.bytes)};
     for (const Frequency *entry : most_frequent(counts)) {
-        texts[place] = std::to_string(entry->second) + " " + visible(entry->first, kVisibleWord);
-        line[place] = texts[place].c_str();
-        ++place;
+        lines.push_back(std::to_string(entry->second) + " " + visible(entry->first, kVisibleWord));
     }
-    return platform_send_message(platform_pair_tx_fd(pair), first.c_str(), line[0], line[1], line[2], line[3], line[4],
-                                 line[5], line[6], line[7], line[8], line[9], static_cast<char *>(nullptr)) == 1;
+    return send_message(pair, lines);
 }
 
 // Serves one "count". False when the stream is of no more use.

@@ -215,7 +215,7 @@ bool start_companion(Companion &companion, bool hybrid) {
 
 bool end_companion(Companion &companion) {
     PairHandle *pair = companion.pair;
-    platform_send_message(platform_pair_tx_fd(pair), kQuit, static_cast<char *>(nullptr));
+    send_message(pair, {kQuit});
     const bool by_itself = wait_or_kill(pair);
     if (platform_pair_child_exit_status(pair) != 0 || platform_pair_child_term_signal(pair) != 0) {
         report_loss(companion, by_itself ? "The companion failed." : "The companion did not end when it was asked to.",

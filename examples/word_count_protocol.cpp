@@ -2,6 +2,7 @@
 // The transfers that word_count and its companion share.
 #include "word_count_protocol.h"
 
+#include <algorithm>
 #include <cerrno>
 
 namespace word_count {
@@ -9,6 +10,7 @@ namespace word_count {
 namespace {
 
 constexpr std::string_view kCut = "...";
+constexpr std::string_view kLineEnd = "\r\n";
 
 // Whether a transfer that moved nothing is to be tried again: a signal came first. The handle keeps its last error, so
 // one that has been dealt with is cleared. Otherwise the end of the stream, which leaves no error of its own, would be
@@ -68,6 +70,27 @@ bool send_value(PairHandle *pair, int32_t value) {
 
 bool receive_value(PairHandle *pair, int32_t &value) {
     return receive_whole(pair, &value, sizeof value);
+}
+
+bool can_be_first_line(std::string_view text) {
+    return text.find(kLineEnd) == std::string_view::npos && text.find('\0') == std::string_view::npos;
+}
+
+bool can_be_further_line(std::string_view text) {
+    return !text.empty() && can_be_first_line(text);
+}
+
+bool send_message(PairHandle *pair, const std::vector<std::string> &lines) {
+    if (lines.empty() || !can_be_first_line(lines.front()) ||
+        !std::all_of(lines.begin() + 1, lines.end(), can_be_further_line)) {
+        return false;
+    }
+    std::string message;
+    for (const std::string &line : lines) {
+        message.append(line).append(kLineEnd);
+    }
+    message.append(kLineEnd);
+    return send_whole(pair, message.data(), static_cast<int32_t>(message.size()));
 }
 
 std::string visible(std::string_view bytes, size_t limit) {

@@ -26,6 +26,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace word_count {
 
@@ -55,6 +56,16 @@ bool receive_whole(PairHandle *pair, void *data, int32_t length);
 
 bool send_value(PairHandle *pair, int32_t value);
 bool receive_value(PairHandle *pair, int32_t &value);
+
+// Whether a text can be a line of a message: without CR LF, which would end the line, and without NUL, which ends it
+// for who receives it. A further line must not be empty either: that would be the end of the message.
+bool can_be_first_line(std::string_view text);
+bool can_be_further_line(std::string_view text);
+
+// Sends one message, whole. Not by platform_send_message: that ends when a signal comes, and how much of the message
+// has gone by then is not told. False when the other side is gone; a text that cannot be its line is refused in the
+// same way.
+bool send_message(PairHandle *pair, const std::vector<std::string> &lines);
 
 // The bytes as printable ASCII, so that they fit on one line of a message: a backslash is doubled, and every byte
 // outside the blank to the tilde is \xNN. A result longer than the limit is cut between two bytes and ends in "...".
