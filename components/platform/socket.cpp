@@ -103,21 +103,18 @@ bool bind_and_listen(int fd, const struct addrinfo &entry, int backlog) {
     return entry.ai_socktype != SOCK_STREAM || listen(fd, backlog) == 0;
 }
 
-// A connection that a signal interrupts goes on by itself; asking again waits for it.
-int connect_whole(int fd, const struct addrinfo &entry) {
-    int result;
-    do {
-        result = connect(fd, entry.ai_addr, entry.ai_addrlen);
-    } while (result == -1 && errno == EINTR);
-    return result;
-}
-
+// Whoever limits a connection by a signal must learn that the signal came, also when another address failed after it.
 bool connect_first(int fd, const struct addrinfo *list) {
+    bool interrupted = false;
     for (const struct addrinfo *entry = list; entry != nullptr; entry = entry->ai_next) {
-        if (connect_whole(fd, *entry) == 0) {
+        if (connect(fd, entry->ai_addr, entry->ai_addrlen) == 0) {
             send_without_delay(fd);
             return true;
         }
+        interrupted = interrupted || errno == EINTR;
+    }
+    if (interrupted) {
+        errno = EINTR;
     }
     return false;
 }

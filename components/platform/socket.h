@@ -109,8 +109,8 @@ int platform_parse_message(char *data, int32_t length, char **line_table);
 /* Sends one message of the lines given, the last argument a null pointer of type char *. A null first line is sent as
  * an empty one; a null second line ends the message. Lines must not contain CR LF.
  * Returns 1 when the whole message went out; 0 at the first send that fails (errno says why) or when a line of more
- * than 8189 characters finds no memory. Blocks while the peer does not read; on a socket in non-blocking mode that is a
- * failure, and part of the message may have gone. */
+ * than 8189 characters finds no memory. Part of the message may have gone then: the connection is of no more use.
+ * Blocks while the peer does not read; in non-blocking mode that is a failure. Signals: as for platform_send_all. */
 int platform_send_message(int socket, const char *first, ...) __attribute__((sentinel));
 
 /* ---- Transfers --------------------------------------------------------------------------------------------------- */
@@ -121,8 +121,10 @@ int platform_send_message(int socket, const char *first, ...) __attribute__((sen
  * failed") or the receive failed; -2 when nothing is there and wait is 0. */
 int platform_select_recv(int socket, void *buffer, int32_t length, int wait, PlatformIdle idle);
 
-/* Sends the whole buffer, however many sends that takes. Returns length, or -1 at the first send that fails otherwise
- * than by a signal; errno says why, and how much had gone before is not told. A length below 1 returns 0. */
+/* Sends the whole buffer, however many sends that takes. Returns length, or -1 at the first send that fails; errno says
+ * why, and how much had gone before is not told. A length below 1 returns 0. Blocks while the peer does not read.
+ * A signal whose handler was installed without SA_RESTART ends a send that waits: -1, EINTR. A send that has moved part
+ * of its bytes by then has not failed, and the rest is sent on. So a timer that is to limit the call must repeat. */
 int platform_send_all(int socket, const void *buffer, int32_t length);
 
 /* One recv. Returns its result, or -3 when length is below 1. */
@@ -149,13 +151,15 @@ int platform_accept_once(int listening);
 int platform_accept_retry(int listening, struct sockaddr *address, socklen_t *address_length);
 
 /* Connects to a host and port by TCP over IPv4. Returns the descriptor, or -1 with the errno of what failed; a host
- * that has no address is EADDRNOTAVAIL, a port that is none EINVAL. The result of the address lookup is
- * not freed: some hundred bytes a call. */
+ * that has no address is EADDRNOTAVAIL, a port that is none EINVAL. Signals: as for platform_socket_open. The result of
+ * the address lookup is not freed: some hundred bytes a call. */
 int platform_connect_host(const char *host, int port);
 
 /* Makes a socket of the first address's kind. server not 0: binds it to that address and, if it is a stream socket,
  * listens with the backlog; 0: connects it to the first address that answers. The list stays the caller's.
- * Returns the descriptor, or -1 with the errno of what failed. */
+ * Returns the descriptor, or -1 with the errno of what failed. A signal whose handler was installed without SA_RESTART
+ * ends the attempt on one address, and the next is tried; when all fail, errno is EINTR. On the socket of an
+ * interrupted attempt the next one may wait for the same peer: each address may take a signal of its own. */
 int platform_socket_open(const struct addrinfo *list, int server, int backlog);
 
 /* Shuts the socket down in both directions and closes it. Returns the result of close: 0, or -1 with errno. */

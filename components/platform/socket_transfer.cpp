@@ -38,15 +38,6 @@ int wait_for_input(int socket, bool wait, PlatformIdle idle) {
     }
 }
 
-// One send that no signal cuts short before it has begun.
-ssize_t send_some(int socket, const char *data, size_t length) {
-    ssize_t count;
-    do {
-        count = send(socket, data, length, MSG_NOSIGNAL);
-    } while (count == -1 && errno == EINTR);
-    return count;
-}
-
 } // namespace
 
 int platform_select_recv(int socket, void *buffer, int32_t length, int wait, PlatformIdle idle) {
@@ -65,7 +56,7 @@ int platform_send_all(int socket, const void *buffer, int32_t length) {
     const char *data = static_cast<const char *>(buffer);
     int32_t sent = 0;
     while (sent < length) {
-        const ssize_t count = send_some(socket, data + sent, static_cast<size_t>(length - sent));
+        const ssize_t count = send(socket, data + sent, static_cast<size_t>(length - sent), MSG_NOSIGNAL);
         if (count < 1) {
             return -1;
         }

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
@@ -183,13 +184,58 @@ TEST(SocketOpen, TheCloseBehindARefusedConnectionDoesNotHideWhy) {
     EXPECT_EQ(errno, ECONNREFUSED);
 }
 
-TEST(SocketOpen, AnInterruptedConnectIsRepeated) {
+TEST(SocketOpen, AnInterruptedConnectIsAFailure) {
     const Listener listener;
     sockaddr_in address = listener.address;
     const addrinfo entry = entry_of(address);
     const Interposed failing(hook::connect, fail_nth(hook::connect, 0, EINTR, -1));
     const Descriptor connected(platform_socket_open(&entry, 0, 0));
-    EXPECT_NE(connected.fd, -1);
+    EXPECT_EQ(errno, EINTR);
+    EXPECT_EQ(connected.fd, -1);
+}
+
+TEST(SocketOpen, AnInterruptedConnectIsFollowedByTheNextAddress) {
+    const Listener listener;
+    sockaddr_in nowhere = refusing_address();
+    sockaddr_in address = listener.address;
+    addrinfo second = entry_of(address);
+    const addrinfo first = entry_of(nowhere, &second);
+    std::vector<std::pair<int, const void *>> calls;
+    const Interposed failing(hook::connect, [&calls](int fd, const sockaddr *to, socklen_t length) {
+        calls.emplace_back(fd, to);
+        errno = EINTR;
+        return calls.size() == 1 ? -1 : hook::connect.real(fd, to, length);
+    });
+    const Descriptor connected(platform_socket_open(&first, 0, 0));
+    ASSERT_NE(connected.fd, -1);
+    EXPECT_EQ(calls, (std::vector<std::pair<int, const void *>>{{connected.fd, &nowhere}, {connected.fd, &address}}));
+    EXPECT_TRUE(has_no_delay(connected.fd));
+}
+
+// The errors that three addresses fail with in turn, and the one that is left.
+int left_of(std::vector<int> errors) {
+    sockaddr_in address = refusing_address();
+    addrinfo third = entry_of(address);
+    addrinfo second = entry_of(address, &third);
+    const addrinfo first = entry_of(address, &second);
+    size_t calls = 0;
+    const Interposed failing(hook::connect, [&](int, const sockaddr *, socklen_t) {
+        errno = calls < errors.size() ? errors[calls] : 0;
+        ++calls;
+        return -1;
+    });
+    EXPECT_EQ(platform_socket_open(&first, 0, 0), -1);
+    const int left = errno;
+    EXPECT_EQ(calls, errors.size());
+    return left;
+}
+
+TEST(SocketOpen, AnInterruptionAmongTheFailuresIsTheErrorThatIsLeft) {
+    EXPECT_EQ(left_of({EINTR, ECONNREFUSED, ENETUNREACH}), EINTR);
+    EXPECT_EQ(left_of({ECONNREFUSED, EINTR, ENETUNREACH}), EINTR);
+    EXPECT_EQ(left_of({ECONNREFUSED, ENETUNREACH, EINTR}), EINTR);
+    EXPECT_EQ(left_of({ENETUNREACH, EINTR, EINTR}), EINTR);
+    EXPECT_EQ(left_of({EHOSTUNREACH, ECONNREFUSED, ENETUNREACH}), ENETUNREACH);
 }
 
 TEST(SocketOpen, ASocketThatCannotBeMadeIsMinusOne) {

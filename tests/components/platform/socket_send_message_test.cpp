@@ -222,6 +222,14 @@ TEST(SendMessage, NothingIsSentBehindAFailedSend) {
     EXPECT_EQ(sends, 1);
 }
 
+TEST(SendMessage, AnInterruptedSendEndsTheMessage) {
+    const SocketPair pair;
+    const Interposed failing(hook::send, fail_nth(hook::send, 0, EINTR, -1));
+    EXPECT_EQ(platform_send_message(pair.ours.fd, "A", "B", kEnd), 0);
+    EXPECT_EQ(errno, EINTR);
+    EXPECT_EQ(waiting_on(pair.theirs.fd), "");
+}
+
 TEST(SendMessage, AClosedPeerIsAnErrorAndNoSignal) {
     SocketPair pair;
     pair.theirs.close();

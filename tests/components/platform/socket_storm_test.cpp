@@ -1,12 +1,11 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// Every operation that waits, while a signal comes a few milliseconds after the last and restarts no system call.
+// What waits for input or a client waits on, while a signal comes a few milliseconds after the last and restarts no
+// system call.
 #include "socket_support.h"
 
 #include <csignal>
 #include <cstring>
-#include <fcntl.h>
 #include <sys/time.h>
-#include <sys/un.h>
 
 namespace {
 
@@ -74,23 +73,6 @@ std::function<void()> sender(int fd, const char *text) {
     };
 }
 
-// Takes what comes, as far as the signals leave it room.
-struct Receiver {
-    explicit Receiver(int socket) : fd(socket) {}
-    int fd;
-    std::string text = std::string(8U << 20U, '\0');
-    size_t length = 0;
-    void take() {
-        const ssize_t count =
-            recv(fd, text.data() + length, std::min<size_t>(text.size() - length, 65536), MSG_DONTWAIT);
-        length += count > 0 ? static_cast<size_t>(count) : 0;
-    }
-    std::string all() {
-        text.resize(length);
-        return text + waiting_on(fd);
-    }
-};
-
 // Connects to the listener, once.
 struct Client {
     explicit Client(const Listener &listener) : address(listener.address) {
@@ -99,22 +81,6 @@ struct Client {
     sockaddr_in address;
     Descriptor fd{-1};
     void connect() { ::connect(fd.fd, reinterpret_cast<const sockaddr *>(&address), sizeof address); }
-};
-
-std::string varied_text(size_t length) {
-    std::string text(length, '\0');
-    for (size_t position = 0; position < length; ++position) {
-        text[position] = static_cast<char>('a' + position % 23);
-    }
-    return text;
-}
-
-// Sockets that do not take a megabyte at once, however much the system gives others.
-struct NarrowPair : SocketPair {
-    NarrowPair() {
-        const int size = 65536;
-        EXPECT_EQ(setsockopt(ours.fd, SOL_SOCKET, SO_SNDBUF, &size, sizeof size), 0);
-    }
 };
 
 TEST(SignalStorm, SelectRecvWaitsOn) {
@@ -152,29 +118,6 @@ TEST(SignalStorm, MessageLoopHandsOverAllMessages) {
     on_message = nullptr;
 }
 
-TEST(SignalStorm, SendAllSendsAll) {
-    const NarrowPair pair;
-    const std::string data = varied_text(1U << 20U);
-    Receiver receiver(pair.theirs.fd);
-    {
-        const Storm storm([&receiver] { receiver.take(); });
-        EXPECT_EQ(platform_send_all(pair.ours.fd, data.data(), static_cast<int32_t>(data.size())),
-                  static_cast<int>(data.size()));
-    }
-    EXPECT_TRUE(receiver.all() == data);
-}
-
-TEST(SignalStorm, SendMessageSendsAll) {
-    const NarrowPair pair;
-    const std::string line = varied_text(1U << 20U);
-    Receiver receiver(pair.theirs.fd);
-    {
-        const Storm storm([&receiver] { receiver.take(); });
-        EXPECT_EQ(platform_send_message(pair.ours.fd, "A", line.c_str(), "C", static_cast<char *>(nullptr)), 1);
-    }
-    EXPECT_TRUE(receiver.all() == "A\r\n" + line + "\r\nC\r\n\r\n");
-}
-
 TEST(SignalStorm, AcceptTimeoutWaitsOn) {
     Listener listener;
     Client client(listener);
@@ -199,41 +142,6 @@ TEST(SignalStorm, AcceptRetryWaitsOn) {
     const Storm storm([&client] { client.connect(); });
     const Descriptor accepted(platform_accept_retry(listener.fd.fd, nullptr, nullptr));
     EXPECT_NE(accepted.fd, -1);
-}
-
-// A listening Unix-domain socket whose queue is full: connecting to it waits until somebody is accepted.
-struct FullListener {
-    FullListener() {
-        fd.fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        address.sun_family = AF_UNIX;
-        EXPECT_EQ(bind(fd.fd, pointer(), sizeof address.sun_family), 0); // the system chooses a name
-        EXPECT_EQ(getsockname(fd.fd, pointer(), &length), 0);
-        EXPECT_EQ(listen(fd.fd, 0), 0);
-        first.fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        EXPECT_EQ(connect(first.fd, pointer(), length), 0);
-    }
-    sockaddr *pointer() { return reinterpret_cast<sockaddr *>(&address); }
-    sockaddr_un address = {};
-    socklen_t length = sizeof address;
-    Descriptor fd{-1};
-    Descriptor first{-1};
-};
-
-TEST(SignalStorm, SocketOpenWaitsForItsConnection) {
-    FullListener listener;
-    addrinfo entry = {};
-    entry.ai_family = AF_UNIX;
-    entry.ai_socktype = SOCK_STREAM;
-    entry.ai_addr = listener.pointer();
-    entry.ai_addrlen = listener.length;
-    Descriptor accepted(-1);
-    const Storm storm([&] {
-        if (accepted.fd == -1) {
-            accepted.fd = accept(listener.fd.fd, nullptr, nullptr);
-        }
-    });
-    const Descriptor connected(platform_socket_open(&entry, 0, 0));
-    EXPECT_NE(connected.fd, -1);
 }
 
 } // namespace

@@ -207,11 +207,27 @@ TEST(SendAll, ContinuesPartialSends) {
     EXPECT_EQ(waiting_on(pair.theirs.fd), "0123456789");
 }
 
-TEST(SendAll, RepeatsAnInterruptedSend) {
+TEST(SendAll, AnInterruptedSendIsAFailure) {
     const SocketPair pair;
     const Interposed failing(hook::send, fail_nth(hook::send, 0, EINTR, -1));
-    EXPECT_EQ(platform_send_all(pair.ours.fd, "abc", 3), 3);
-    EXPECT_EQ(waiting_on(pair.theirs.fd), "abc");
+    EXPECT_EQ(platform_send_all(pair.ours.fd, "abc", 3), -1);
+    EXPECT_EQ(errno, EINTR);
+    EXPECT_EQ(waiting_on(pair.theirs.fd), "");
+}
+
+TEST(SendAll, AnInterruptionBehindAPartIsAFailureToo) {
+    const SocketPair pair;
+    int calls = 0;
+    const Interposed failing(hook::send, [&calls](int fd, const void *buffer, size_t, int flags) -> ssize_t {
+        if (++calls == 2) {
+            errno = EINTR;
+            return -1;
+        }
+        return hook::send.real(fd, buffer, 2, flags);
+    });
+    EXPECT_EQ(platform_send_all(pair.ours.fd, "abcdef", 6), -1);
+    EXPECT_EQ(errno, EINTR);
+    EXPECT_EQ(waiting_on(pair.theirs.fd), "ab");
 }
 
 TEST(SendAll, TheFirstFailedSendIsMinusOneAlsoAfterAPart) {
