@@ -8,7 +8,7 @@
 //   served           served, COUNT         how many messages came before this one, from all clients
 //   bye              none                  ends the connection
 //   stop             none                  ends the connection and the server
-//   anything else    unknown, REQUEST
+//   anything else    unknown, REQUEST      an empty request is answered by "unknown" alone
 //
 // Each word stands on a line of its own: "sum" CR LF "2" CR LF "3" CR LF CR LF is answered by
 // "sum" CR LF "5" CR LF CR LF.
@@ -39,8 +39,9 @@ static long long now(void) {
     return time.tv_sec * 1000LL + time.tv_nsec / 1000000;
 }
 
+// An empty value is left out: an empty line would end the message, and the end behind it would begin another.
 static int answer(int socket, const char *what, const char *value) {
-    return platform_send_message(socket, what, value, (char *) NULL);
+    return platform_send_message(socket, what, *value == '\0' ? NULL : value, (char *) NULL);
 }
 
 static int answer_number(int socket, const char *what, long long number) {
@@ -73,7 +74,7 @@ static int on_message(int socket, char *first_line, char **lines) {
     if (server.stop || strcmp(first_line, "bye") == 0) {
         return 0;
     }
-    return answer(socket, "unknown", first_line);
+    return answer(socket, "unknown", first_line); // holds no CR LF: it was a line of a message
 }
 
 // Called after every wait, about ten times a second while the client is quiet, and after each piece of a message: so it

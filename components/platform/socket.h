@@ -3,10 +3,15 @@
  *
  * A message is one or more lines, each ended by CR LF, and one empty line behind them:
  *
- *   message = line 1*( line ) end      line = *byte CR LF, without CR LF inside      end = CR LF
+ *   message = first *further end      first = *byte CR LF      further = 1*byte CR LF      end = CR LF
  *
  * "count" CR LF "README.md" CR LF CR LF is a message of the first line "count" and one further line. CR LF at the very
- * start of a message is an empty first line. A CR that no LF follows is part of its line.
+ * start of a message is an empty first line. A further line is never empty: an empty one is the end of the message. The
+ * bytes of a line do not hold CR LF; a CR that no LF follows is part of its line. A line that holds NUL ends there for
+ * the handler that gets it.
+ *
+ * Sending checks none of this. A text from a user, a file or a peer is checked before it becomes a line: it must not
+ * hold CR LF and, as a further line, must not be empty. What follows would else be taken for the next message.
  *
  *   1. Create a receive buffer and make it current: platform_msgbuf_set(platform_msgbuf_create(65536)). It must be
  *      larger than the largest message and what may have arrived behind it (up to 8192 bytes).
@@ -21,7 +26,8 @@
  *       if (strcmp(first_line, "quit") == 0) {
  *           return 0;
  *       }
- *       return platform_send_message(socket, "you said", lines[0], (char *) NULL);
+ *       int empty = lines[0] == NULL || *lines[0] == '\0'; // a line that begins with NUL is empty too
+ *       return platform_send_message(socket, "you said", empty ? "nothing" : lines[0], (char *) NULL);
  *   }
  *
  * Invariant of the current buffer: pBuf <= p1 <= p2 and p2 - pBuf < len.
@@ -107,7 +113,8 @@ int platform_process_messages(int socket, PlatformMessageHandler handler);
 int platform_parse_message(char *data, int32_t length, char **line_table);
 
 /* Sends one message of the lines given, the last argument a null pointer of type char *. A null first line is sent as
- * an empty one; a null second line ends the message. Lines must not contain CR LF.
+ * an empty one; a null second line ends the message. No line may hold CR LF, and no further line may be empty; this is
+ * not checked.
  * Returns 1 when the whole message went out; 0 at the first send that fails (errno says why) or when a line of more
  * than 8189 characters finds no memory. Part of the message may have gone then: the connection is of no more use.
  * Blocks while the peer does not read; in non-blocking mode that is a failure. Signals: as for platform_send_all. */

@@ -67,7 +67,8 @@ static int on_message(int socket, char *first_line, char **lines) {
     if (strcmp(first_line, "quit") == 0) {
         return 0;
     }
-    return platform_send_message(socket, "you said", lines[0], (char *) NULL);
+    int empty = lines[0] == NULL || *lines[0] == '\0'; // a line that begins with NUL is empty too
+    return platform_send_message(socket, "you said", empty ? "nothing" : lines[0], (char *) NULL);
 }
 
 void example_of_socket(int socket) {

@@ -86,18 +86,28 @@ TEST(HeaderExampleOfProcessInfo, PrintsANumber) {
     EXPECT_GT(atol(outcome.out.c_str()), 0);
 }
 
+// What the example of socket.h answers, up to "quit".
+std::string answers_to(const std::string &requests) {
+    return run_in_child([&requests] {
+               int ends[2];
+               socketpair(AF_UNIX, SOCK_STREAM, 0, ends);
+               const std::string all = requests + "quit\r\n\r\n";
+               send(ends[0], all.data(), all.size(), 0);
+               example_of_socket(ends[1]);
+               char answer[64] = {};
+               recv(ends[0], answer, sizeof answer - 1, MSG_DONTWAIT);
+               printf("%s", answer);
+           })
+        .out;
+}
+
 TEST(HeaderExampleOfSocket, AnswersUntilQuit) {
-    const Outcome outcome = run_in_child([] {
-        int ends[2];
-        socketpair(AF_UNIX, SOCK_STREAM, 0, ends);
-        const std::string requests = "greet\r\nBob\r\n\r\nquit\r\n\r\n";
-        send(ends[0], requests.data(), requests.size(), 0);
-        example_of_socket(ends[1]);
-        char answer[64] = {};
-        recv(ends[0], answer, sizeof answer - 1, MSG_DONTWAIT);
-        printf("%s", answer);
-    });
-    EXPECT_EQ(outcome.out, "you said\r\nBob\r\n\r\n");
+    EXPECT_EQ(answers_to("greet\r\nBob\r\n\r\n"), "you said\r\nBob\r\n\r\n");
+}
+
+TEST(HeaderExampleOfSocket, ALineThatIsMissingOrEmptyIsNotSentOn) {
+    EXPECT_EQ(answers_to("greet\r\n\r\n"), "you said\r\nnothing\r\n\r\n");
+    EXPECT_EQ(answers_to(std::string("greet\r\n\0Bob\r\n\r\n", 15)), "you said\r\nnothing\r\n\r\n");
 }
 
 TEST(HeaderExampleOfPair, ReceivesTheAnswerOfItsCompanion) {

@@ -121,6 +121,19 @@ TEST_F(MessageServer, AnUnknownRequestIsNamed) {
     expect_heard("unknown\r\nfly\r\n\r\n");
 }
 
+// An empty line behind "unknown" would end its message, and what follows would be taken for the next.
+TEST_F(MessageServer, AnEmptyRequestIsAnsweredByOneLine) {
+    start();
+    say("\r\n\r\n\r\nwith more\r\n\r\nserved\r\n\r\n");
+    expect_heard("unknown\r\n\r\nunknown\r\n\r\nserved\r\n2\r\n\r\n");
+}
+
+TEST_F(MessageServer, ARequestThatBeginsWithNulIsAnEmptyOne) {
+    start();
+    say(std::string("\0fly\r\n\r\nserved\r\n\r\n", 18));
+    expect_heard("unknown\r\n\r\nserved\r\n1\r\n\r\n");
+}
+
 TEST_F(MessageServer, MessagesThatArriveTogetherAreAnsweredOneByOne) {
     start();
     say("served\r\n\r\nserved\r\n\r\nsum\r\n1\r\n\r\n");
@@ -150,7 +163,9 @@ TEST_F(MessageServer, WhatAClientLeavesHalfSaidIsForgotten) {
     say("sum\r\n1\r\n");
     next_client();
     say("\r\n2\r\n\r\n");
-    expect_heard("unknown\r\n\r\n\r\n");
+    expect_heard("unknown\r\n\r\n");
+    say("served\r\n\r\n");
+    expect_heard("served\r\n1\r\n\r\n");
 }
 
 TEST_F(MessageServer, AClientThatStaysQuietIsDropped) {
