@@ -65,7 +65,9 @@ typedef struct MsgBuf {
 extern MsgBuf *gMsgBuf;
 
 /* Gets one message: its first line, and its further lines with a null pointer behind the last. The texts are valid
- * during the call only. Not 0: go on; 0: stop the loop. The handler may itself send on the socket. */
+ * during the call only. Not 0: go on; 0: stop the loop. The handler may itself send on the socket, and may itself
+ * receive messages, a thousand levels deep on a stack of 8 MiB. Receiving writes over the texts of the message at hand,
+ * unless another buffer is current meanwhile. */
 typedef int (*PlatformMessageHandler)(int socket, char *first_line, char **lines);
 
 /* Called after every wait for input, about ten times a second while the peer is quiet. Its result is ignored. */
@@ -96,14 +98,16 @@ void platform_message_loop(int socket, PlatformMessageHandler handler, PlatformI
  * Returns 0 when no message is to be had: the peer closed, receiving failed or, with wait 0, nothing complete is there.
  * wait not 0 blocks until a message is complete. idle may be null.
  * More data than the buffer holds, a message of more than PLATFORM_MAX_MESSAGE_LINES lines, or no current buffer: an
- * assertion that aborts. */
+ * assertion that aborts. The starts of more than 63 lines are kept in storage from malloc until the message has been
+ * handed over; no memory for it ends the process with an error. */
 int platform_get_one_message(int socket, PlatformMessageHandler handler, PlatformIdle idle, int wait);
 
 /* Receives once, at most 8192 bytes, and appends them to the current buffer. Returns what recv returned: a count, 0
  * when the peer closed, -1 with errno. Data that would fill the buffer: an assertion that aborts. */
 int platform_recv_messages(int socket);
 
-/* Hands every complete message in the current buffer to the handler, whose results are ignored. Returns 0. */
+/* Hands every complete message in the current buffer to the handler, whose results are ignored. Returns 0. It ends as
+ * platform_get_one_message does on too many lines, no current buffer and no memory. */
 int platform_process_messages(int socket, PlatformMessageHandler handler);
 
 /* Parses the first message in length bytes of data. Returns the bytes it occupies and fills the line table: the start

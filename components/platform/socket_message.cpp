@@ -4,11 +4,14 @@
 
 #include <components/platform/internal/allocation.h>
 #include <components/platform/internal/message_scan.h>
+#include <components/platform/internal/socket_receive.h>
 #include <components/platform/internal/socket_unit.h>
 #include <msg/base/assertion.h>
 #include <msg/base/limits.h>
+#include <msg/base/text.h>
 #include <msg/msg.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdarg>
@@ -23,7 +26,6 @@ using zel::MessageScan;
 constexpr const char *kUnit = zel::kSocketUnit;
 constexpr int32_t kDrainSize = 2048;
 
-using LineTable = std::array<char *, PLATFORM_MAX_MESSAGE_LINES + 1>;
 using ReceiveArea = std::array<char, zel::kReceiveSize>;
 
 // How often a buffer was emptied, moved or replaced. The pointers of the buffer do not tell: other data of the same
@@ -41,7 +43,11 @@ bool has_room(int32_t len) {
     return gMsgBuf != nullptr && gMsgBuf->p2 - gMsgBuf->pBuf + len < gMsgBuf->len;
 }
 
-#define ASSERT_ROOM_FOR(len) ZEL_ASSERT_AS(has_room(len), "gMsgBuf->p2 + len - gMsgBuf->pBuf < gMsgBuf->len")
+void assert_room_for(int32_t len, const char *function) {
+    if (!has_room(len)) {
+        zel::assertion_failed("gMsgBuf->p2 + len - gMsgBuf->pBuf < gMsgBuf->len", kUnit, function);
+    }
+}
 
 void append(const char *data, int32_t length) {
     memcpy(gMsgBuf->p2, data, static_cast<size_t>(length));
@@ -56,8 +62,55 @@ void move_rest_to_start() {
     ++buffer_changes;
 }
 
+// The starts of the lines of one message: few stand in place, more on the heap, as long as the record lives. A peer
+// chooses how deep handlers that receive stand above each other: the stack that each takes must not be what the longest
+// message needs. A handler that never returns, because it jumps, leaves the block behind and nothing else.
+struct LineTable {
+    explicit LineTable(const char *user) : function(user) {}
+    ~LineTable() {
+        const zel::ErrnoKept kept;
+        free(on_heap);
+    }
+    LineTable(const LineTable &) = delete;
+    LineTable &operator=(const LineTable &) = delete;
+    char **entries() { return on_heap != nullptr ? on_heap : in_place.data(); }
+    const char *function; // the one that the error about missing memory names
+    int32_t capacity = zel::kLineTableSize;
+    char **on_heap = nullptr;
+    std::array<char *, zel::kLineTableSize> in_place; // left as it is: every message would pay for clearing it
+};
+
+void grow(LineTable &table) {
+    const zel::ErrnoKept kept;
+    const int32_t capacity = std::min(2 * table.capacity, PLATFORM_MAX_MESSAGE_LINES + 1);
+    const size_t size = static_cast<size_t>(capacity) * sizeof(char *);
+    auto **larger = static_cast<char **>(zel::allocate_or_end(size, table.function));
+    memcpy(larger, table.entries(), static_cast<size_t>(table.capacity) * sizeof(char *));
+    free(table.on_heap);
+    table.on_heap = larger;
+    table.capacity = capacity;
+}
+
 MessageScan start_scan(LineTable &table) {
-    return {.data = gMsgBuf->p1, .line_table = table.data(), .lines = 0, .line_start = 0, .searched = 0};
+    return {.data = gMsgBuf->p1,
+            .line_table = table.entries(),
+            .capacity = table.capacity,
+            .lines = 0,
+            .line_start = 0,
+            .searched = 0};
+}
+
+// Goes on with the search for the message at the start of the unparsed data. Returns its length, or 0.
+int32_t find_message(MessageScan &scan, LineTable &table) {
+    for (;;) {
+        const int32_t length = zel::scan_message(scan, unparsed_length());
+        if (length != zel::kLineTableFull) {
+            return length;
+        }
+        grow(table);
+        scan.line_table = table.entries();
+        scan.capacity = table.capacity;
+    }
 }
 
 // What was searched holds as long as nobody else touches the buffer. An idle function may reset, replace, fill or empty
@@ -73,19 +126,49 @@ BufferMark mark_buffer() {
     return {.changes = buffer_changes, .p1 = gMsgBuf->p1, .p2 = gMsgBuf->p2};
 }
 
+bool is_untouched(const BufferMark &mark) {
+    return gMsgBuf != nullptr && mark_buffer() == mark;
+}
+
+// Kept out of line: the receive area must not be on the stack while a handler or an idle function runs.
+[[gnu::noinline]] bool receive_more(int socket, const char *function) {
+    ReceiveArea received;
+    const int count = zel::receive_waiting(socket, received.data(), received.size());
+    if (count < 0) {
+        return false;
+    }
+    assert_room_for(count, function);
+    append(received.data(), count);
+    return true;
+}
+
 // Hands over the message of that length, which stands at the start of the unparsed data. A handler that makes another
 // buffer current leaves this one to its owner.
 int dispatch(int socket, PlatformMessageHandler handler, LineTable &table, int32_t length) {
     const MsgBuf *buffer = gMsgBuf;
+    char **lines = table.entries();
     gMsgBuf->p1 += length;
-    const int result = handler(socket, table[0], &table[1]);
+    const int result = handler(socket, lines[0], &lines[1]);
     if (gMsgBuf == buffer) {
         move_rest_to_start();
     }
     return result;
 }
 
-void drain(int socket) {
+// Hands over the first message in the buffer. False when none is complete.
+bool process_one(int socket, PlatformMessageHandler handler, const char *function) {
+    LineTable table(function);
+    MessageScan scan = start_scan(table);
+    const int32_t length = find_message(scan, table);
+    if (length == 0) {
+        return false;
+    }
+    dispatch(socket, handler, table, length);
+    return true;
+}
+
+// Kept out of line, for the same reason as receive_more.
+[[gnu::noinline]] void drain(int socket) {
     std::array<char, kDrainSize> scratch;
     while (platform_select_recv(socket, scratch.data(), kDrainSize, 0, nullptr) >= 1) {
     }
@@ -210,24 +293,24 @@ void platform_message_loop(int socket, PlatformMessageHandler handler, PlatformI
 
 int platform_get_one_message(int socket, PlatformMessageHandler handler, PlatformIdle idle, int wait) {
     ZEL_ASSERT(gMsgBuf != nullptr);
-    LineTable table;
-    ReceiveArea received;
+    LineTable table(__func__);
     MessageScan scan = start_scan(table);
     for (;;) {
         const BufferMark searched = mark_buffer();
-        const int32_t length = zel::scan_message(scan, unparsed_length());
+        const int32_t length = find_message(scan, table);
         if (length > 0) {
             return dispatch(socket, handler, table, length);
         }
-        const int count = platform_select_recv(socket, received.data(), received.size(), wait, idle);
-        if (count < 0 || (count == 0 && wait == 0)) {
+        if (zel::wait_for_input(socket, wait != 0, idle) < 0) {
             return 0;
         }
-        ASSERT_ROOM_FOR(count);
-        if (mark_buffer() != searched) {
+        const bool untouched = is_untouched(searched);
+        if (!receive_more(socket, __func__)) {
+            return 0;
+        }
+        if (!untouched) {
             scan = start_scan(table);
         }
-        append(received.data(), count);
     }
 }
 
@@ -235,7 +318,7 @@ int platform_recv_messages(int socket) {
     ZEL_ASSERT(gMsgBuf != nullptr);
     ReceiveArea received;
     const auto count = static_cast<int>(recv(socket, received.data(), received.size(), 0));
-    ASSERT_ROOM_FOR(count);
+    assert_room_for(count, __func__);
     if (count > 0) {
         append(received.data(), count);
     }
@@ -243,15 +326,9 @@ int platform_recv_messages(int socket) {
 }
 
 int platform_process_messages(int socket, PlatformMessageHandler handler) {
-    LineTable table;
     ZEL_ASSERT(gMsgBuf != nullptr);
     // A handler may leave no buffer current.
-    while (gMsgBuf != nullptr) {
-        const int length = platform_parse_message(gMsgBuf->p1, unparsed_length(), table.data());
-        if (length == 0) {
-            break;
-        }
-        dispatch(socket, handler, table, length);
+    while (gMsgBuf != nullptr && process_one(socket, handler, __func__)) {
     }
     return 0;
 }

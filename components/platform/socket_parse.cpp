@@ -35,6 +35,11 @@ int32_t find_line_end(MessageScan &scan, int32_t length) {
     return 0;
 }
 
+// A table for the longest message is never full: the line that it does not hold is beyond the limit.
+bool is_full(const MessageScan &scan) {
+    return scan.lines + 1 >= scan.capacity && scan.lines < PLATFORM_MAX_MESSAGE_LINES;
+}
+
 void add_line(MessageScan &scan, int32_t next_line) {
     if (scan.lines >= PLATFORM_MAX_MESSAGE_LINES) {
         assertion_failed("lines < PLATFORM_MAX_MESSAGE_LINES", kSocketUnit, "platform_parse_message");
@@ -68,6 +73,9 @@ int32_t scan_message(MessageScan &scan, int32_t length) {
                 return close_message(scan);
             }
         }
+        if (is_full(scan)) {
+            return kLineTableFull;
+        }
         const int32_t next_line = find_line_end(scan, length);
         if (next_line == 0) {
             return 0;
@@ -79,6 +87,11 @@ int32_t scan_message(MessageScan &scan, int32_t length) {
 } // namespace zel
 
 int platform_parse_message(char *data, int32_t length, char **line_table) {
-    zel::MessageScan scan = {.data = data, .line_table = line_table, .lines = 0, .line_start = 0, .searched = 0};
+    zel::MessageScan scan = {.data = data,
+                             .line_table = line_table,
+                             .capacity = PLATFORM_MAX_MESSAGE_LINES + 1,
+                             .lines = 0,
+                             .line_start = 0,
+                             .searched = 0};
     return zel::scan_message(scan, length);
 }

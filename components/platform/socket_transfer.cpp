@@ -4,32 +4,36 @@
 
 #include <components/platform/environment.h>
 #include <components/platform/internal/descriptor.h>
+#include <components/platform/internal/socket_receive.h>
 
 #include <cerrno>
 #include <fcntl.h>
+
+namespace zel {
 
 namespace {
 
 constexpr long kPollMicroseconds = 100000;
 
-// Waits in steps, so that idle runs about ten times a second. Returns 1 when the socket can be read, -1 or -2.
+} // namespace
+
 int wait_for_input(int socket, bool wait, PlatformIdle idle) {
     for (;;) {
-        const zel::Readiness readiness = zel::wait_readable(socket, 0, wait ? kPollMicroseconds : 0);
+        const Readiness readiness = wait_readable(socket, 0, wait ? kPollMicroseconds : 0);
         const int error = errno; // before idle has its turn
         if (idle != nullptr) {
             idle();
         }
-        if (readiness == zel::Readiness::ready) {
+        if (readiness == Readiness::ready) {
             return 1;
         }
-        if (readiness == zel::Readiness::timeout) {
+        if (readiness == Readiness::timeout) {
             if (!wait) {
                 return -2;
             }
             continue;
         }
-        if (error != 0 && !zel::is_interruption(error)) {
+        if (error != 0 && !is_interruption(error)) {
             errno = error;
             platform_perror("select failed");
             return -1;
@@ -38,18 +42,19 @@ int wait_for_input(int socket, bool wait, PlatformIdle idle) {
     }
 }
 
-} // namespace
+int receive_waiting(int socket, void *buffer, size_t length) {
+    const ssize_t count = recv(socket, buffer, length, 0);
+    return count == 0 ? -1 : static_cast<int>(count);
+}
+
+} // namespace zel
 
 int platform_select_recv(int socket, void *buffer, int32_t length, int wait, PlatformIdle idle) {
     if (length < 1) {
         return 0;
     }
-    const int ready = wait_for_input(socket, wait != 0, idle);
-    if (ready < 0) {
-        return ready;
-    }
-    const ssize_t count = recv(socket, buffer, static_cast<size_t>(length), 0);
-    return count == 0 ? -1 : static_cast<int>(count);
+    const int ready = zel::wait_for_input(socket, wait != 0, idle);
+    return ready < 0 ? ready : zel::receive_waiting(socket, buffer, static_cast<size_t>(length));
 }
 
 int platform_send_all(int socket, const void *buffer, int32_t length) {

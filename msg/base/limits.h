@@ -30,6 +30,9 @@ inline constexpr uint32_t kRecordTableStep = kSmall ? 1 : 1024;
 // Bytes taken from a socket in one receive of the message loop.
 inline constexpr size_t kReceiveSize = kSmall ? 3 : 8192;
 
+// Lines of a message whose starts the message loop keeps without allocating, and the null behind the last.
+inline constexpr int32_t kLineTableSize = kSmall ? 1 : 64;
+
 // The area in which the lines of an outgoing message are framed; a line too long for it is framed in storage of its
 // own.
 inline constexpr size_t kFramingSize = kSmall ? 8 : 8192;

@@ -239,8 +239,12 @@ TEST(MessageLineLimit, TheLoopHandsOverAMessageOfAllLines) {
 struct GrowingScan {
     std::vector<char> data = std::vector<char>(1024);
     std::vector<char *> table = std::vector<char *>(kTableSize);
-    zel::MessageScan scan = {
-        .data = data.data(), .line_table = table.data(), .lines = 0, .line_start = 0, .searched = 0};
+    zel::MessageScan scan = {.data = data.data(),
+                             .line_table = table.data(),
+                             .capacity = kTableSize,
+                             .lines = 0,
+                             .line_start = 0,
+                             .searched = 0};
     int32_t length = 0;
     int32_t add(std::string_view piece) {
         std::copy(piece.begin(), piece.end(), data.begin() + length);

@@ -149,6 +149,22 @@ Message message_of(char *first_line, char **lines) {
     return message;
 }
 
+std::string numbered(int lines) {
+    std::string text;
+    for (int line = 0; line < lines; ++line) {
+        text += std::to_string(line) + "\r\n";
+    }
+    return text + "\r\n";
+}
+
+Message numbers(int lines) {
+    Message message;
+    for (int line = 0; line < lines; ++line) {
+        message.push_back(std::to_string(line));
+    }
+    return message;
+}
+
 Dispatched::Dispatched() {
     on_message = [this](int /*socket*/, char *first_line, char **lines) {
         messages.push_back(message_of(first_line, lines));

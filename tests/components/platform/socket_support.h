@@ -83,6 +83,10 @@ int run_idle();
 
 Message message_of(char *first_line, char **lines);
 
+// A message of that many lines, "0", "1", "2" and so on: as it travels, and as a handler gets it.
+std::string numbered(int lines);
+Message numbers(int lines);
+
 // Keeps every message that is dispatched in its scope; the handler's result is for the test to choose.
 struct Dispatched {
     Dispatched();

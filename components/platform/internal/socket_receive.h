@@ -1,0 +1,22 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// The two steps of platform_select_recv. Between them the message loop has no receive area on the stack: the idle
+// function that runs in the first may hand over messages itself.
+#ifndef ZEL_COMPONENTS_PLATFORM_INTERNAL_SOCKET_RECEIVE_H
+#define ZEL_COMPONENTS_PLATFORM_INTERNAL_SOCKET_RECEIVE_H
+
+#include <components/platform/socket.h>
+
+#include <cstddef>
+
+namespace zel {
+
+// Waits in steps, so that idle runs about ten times a second. Returns 1 when the socket can be read; -1 when the wait
+// failed, which has been reported; -2 when nothing is there and wait is false.
+int wait_for_input(int socket, bool wait, PlatformIdle idle);
+
+// Receives once. Returns the count, or -1 when the peer closed or the receive failed.
+int receive_waiting(int socket, void *buffer, size_t length);
+
+} // namespace zel
+
+#endif
