@@ -73,12 +73,13 @@ int32_t scan_message(MessageScan &scan, int32_t length) {
                 return close_message(scan);
             }
         }
-        if (is_full(scan)) {
-            return kLineTableFull;
-        }
         const int32_t next_line = find_line_end(scan, length);
         if (next_line == 0) {
             return 0;
+        }
+        if (is_full(scan)) {
+            scan.searched = next_line - 1; // its LF is the first thing to be found when the search goes on
+            return kLineTableFull;
         }
         add_line(scan, next_line);
     }

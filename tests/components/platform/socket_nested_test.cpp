@@ -13,6 +13,29 @@ namespace {
 using namespace zel::test;
 namespace hook = zel::test::hook;
 
+TEST(NestedLoops, TheLinesOfAMessageStayWhileAnotherBufferServesTheHandler) {
+    const CurrentBuffer inner;
+    const CurrentBuffer outer;
+    put_into_buffer(numbered(300));
+    std::vector<Message> messages;
+    on_message = [&](int, char *first_line, char **lines) {
+        if (messages.empty()) {
+            messages.emplace_back();
+            platform_msgbuf_set(inner.buffer);
+            put_into_buffer(numbered(200));
+            platform_process_messages(-1, handle_message);
+            platform_msgbuf_set(outer.buffer);
+        }
+        messages.push_back(message_of(first_line, lines));
+        return 1;
+    };
+    EXPECT_EQ(platform_get_one_message(-1, handle_message, nullptr, 0), 1);
+    EXPECT_EQ(messages, (std::vector<Message>{{}, numbers(200), numbers(300)}));
+    EXPECT_TRUE(buffer_holds(""));
+    on_message = nullptr;
+}
+
+#ifndef __SANITIZE_ADDRESS__ // makes every frame larger, and watches over the stacks itself
 constexpr int kDeep = 1000;
 
 // How deep the receiving goes. These handlers allocate nothing.
@@ -51,7 +74,6 @@ std::string depth_reached(const std::function<void(int fd)> &body) {
     return outcome.signal == 0 ? outcome.out : "ended by signal " + std::to_string(outcome.signal);
 }
 
-#ifndef __SANITIZE_ADDRESS__ // makes every frame larger, and watches over the stacks itself
 TEST(NestedLoops, AHandlerGetsOneMessageAThousandLevelsDeep) {
     EXPECT_EQ(depth_reached([](int fd) { platform_get_one_message(fd, get_one_more, nullptr, 1); }), "1000");
 }
@@ -157,27 +179,5 @@ TEST(NestedLoops, AFailedWaitIsReportedOnAStackOf64KiB) {
     EXPECT_EQ(outcome.out, "select failed: Bad file descriptor\n");
 }
 #endif
-
-TEST(NestedLoops, TheLinesOfAMessageStayWhileAnotherBufferServesTheHandler) {
-    const CurrentBuffer inner;
-    const CurrentBuffer outer;
-    put_into_buffer(numbered(300));
-    std::vector<Message> messages;
-    on_message = [&](int, char *first_line, char **lines) {
-        if (messages.empty()) {
-            messages.emplace_back();
-            platform_msgbuf_set(inner.buffer);
-            put_into_buffer(numbered(200));
-            platform_process_messages(-1, handle_message);
-            platform_msgbuf_set(outer.buffer);
-        }
-        messages.push_back(message_of(first_line, lines));
-        return 1;
-    };
-    EXPECT_EQ(platform_get_one_message(-1, handle_message, nullptr, 0), 1);
-    EXPECT_EQ(messages, (std::vector<Message>{{}, numbers(200), numbers(300)}));
-    EXPECT_TRUE(buffer_holds(""));
-    on_message = nullptr;
-}
 
 } // namespace

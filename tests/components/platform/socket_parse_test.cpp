@@ -290,6 +290,22 @@ TEST(MessageScan, ALineEndInTwoPiecesIsFound) {
     EXPECT_EQ(growing.table[1], nullptr);
 }
 
+TEST(MessageScan, ATableWithoutRoomForALineIsFullAndALargerOneGoesOn) {
+    GrowingScan growing;
+    growing.scan.capacity = 3;
+    ASSERT_EQ(growing.add("A\r\nB\r\nC\r"), 0); // the third line has not ended yet
+    ASSERT_EQ(growing.add("\n"), zel::kLineTableFull);
+    ASSERT_EQ(growing.add("\r\n"), zel::kLineTableFull); // and stays so
+    EXPECT_EQ(growing.scan.lines, 2);
+    std::vector<char *> larger(growing.table.begin(), growing.table.begin() + 2);
+    larger.resize(4);
+    growing.scan.line_table = larger.data();
+    growing.scan.capacity = 4;
+    EXPECT_EQ(growing.add(""), 11);
+    char *start = growing.data.data();
+    EXPECT_EQ(larger, (std::vector<char *>{start, start + 3, start + 6, nullptr}));
+}
+
 TEST(MessageScan, TextInPiecesIsParsedAsTheSameTextInOne) {
     const std::string text = "\r\nA\rB\n\r\n\rC\r\r\n\n\r\nlast\r\n\r\n";
     const Parsed expected = parse(text);
