@@ -4,6 +4,7 @@
 #include <msg/base/text.h>
 #include <support/child.h>
 
+#include <algorithm>
 #include <array>
 #include <csignal>
 #include <support/interpose.h>
@@ -53,7 +54,24 @@ TEST(BaseText, FormattingIsCutToTheBufferAndSaysSo) {
     EXPECT_STREQ(buffer.data(), "12345");
 }
 
-TEST(BaseText, WhatCannotBeFormattedIsEmpty) {
+TEST(BaseText, WhatStandsBeforeAConversionThatFailsIsKept) {
+    std::array<char, 12> buffer;
+    buffer.fill('?');
+    EXPECT_FALSE(zel::format_text(buffer, "%d %ls after", 12, L"\u20ac"));
+    EXPECT_STREQ(buffer.data(), "12 ");
+}
+
+TEST(BaseText, AFailureLeavesATextThatEndsInItsBuffer) {
+    std::array<char, 6> buffer;
+    const Interposed failing(hook::vsnprintf, [](char *target, size_t size, const char *, va_list) {
+        std::fill_n(target, size, 'x');
+        return -1;
+    });
+    EXPECT_FALSE(zel::format_text(buffer, "text"));
+    EXPECT_STREQ(buffer.data(), "xxxxx");
+}
+
+TEST(BaseText, WhatFailsAtOnceIsEmpty) {
     std::array<char, 6> buffer = {'o', 'l', 'd', '\0'};
     const Interposed failing(hook::vsnprintf, fail_nth(hook::vsnprintf, 0, EILSEQ, -1));
     EXPECT_FALSE(zel::format_text(buffer, "text"));

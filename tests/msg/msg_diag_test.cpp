@@ -172,7 +172,17 @@ TEST(MsgDiag, ATextThatTheSecondPassMakesLongerIsWhole) {
     EXPECT_EQ(diagnosed(std::string(16370, 'x') + "%m\n"), std::string(16370, 'x') + "No such file or directory\n");
 }
 
-TEST(MsgDiag, ATextThatCannotBeConvertedIsEmpty) {
+TEST(MsgDiag, WhatStandsBeforeAConversionThatFailsIsWritten) {
+    const Outcome outcome = run_messages([] {
+        msg_add_stream(MSG_DIAG, stdout);
+        // A character that the C locale has none for.
+        msg_diag("socket %d: %ls and the rest\n", 7, L"\u20ac");
+        msg_diag("%s%ls", std::string(20000, 'x').c_str(), L"\u20ac");
+    });
+    EXPECT_EQ(outcome.out, "socket 7: " + std::string(16383, 'x'));
+}
+
+TEST(MsgDiag, ATextWhoseFirstConversionFailsIsEmpty) {
     const Outcome outcome = run_messages([] {
         msg_add_stream(MSG_DIAG, stdout);
         const Interposed failing(hook::vsnprintf, fail_nth(hook::vsnprintf, 0, EILSEQ, -1));

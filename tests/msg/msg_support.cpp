@@ -9,6 +9,22 @@
 
 namespace zel::test {
 
+namespace {
+
+using Write = std::function<void(const std::string &piece)>;
+
+ssize_t write_piece(void *cookie, const char *text, size_t size) {
+    (*static_cast<Write *>(cookie))(std::string(text, size));
+    return static_cast<ssize_t>(size);
+}
+
+int forget(void *cookie) {
+    delete static_cast<Write *>(cookie);
+    return 0;
+}
+
+} // namespace
+
 Outcome run_messages(const std::function<void()> &body) {
     return run_in_child([&body] {
         unsetenv("ZEL_MSGERR_WRAP");
@@ -47,6 +63,13 @@ std::string contents(FILE *stream) {
         position += count;
     }
     return text;
+}
+
+FILE *open_own_stream(const std::function<void(const std::string &piece)> &write) {
+    const cookie_io_functions_t calls = {.read = nullptr, .write = write_piece, .seek = nullptr, .close = forget};
+    FILE *stream = fopencookie(new Write(write), "w", calls);
+    setvbuf(stream, nullptr, _IONBF, 0);
+    return stream;
 }
 
 FILE *open_full_stream(int mode) {

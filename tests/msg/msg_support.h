@@ -28,6 +28,10 @@ FILE *open_scratch_stream();
 // All that stands in the file of such a stream.
 std::string contents(FILE *stream);
 
+// An unbuffered stream of the program's own: the function is handed each piece that is written, and nothing else
+// becomes of it.
+FILE *open_own_stream(const std::function<void(const std::string &piece)> &write);
+
 // A stream to a device that is always full. Unbuffered, each write fails; buffered, each flush that has something to
 // write. mode: as for setvbuf.
 FILE *open_full_stream(int mode);

@@ -1,0 +1,270 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// The reports of the memory library when memory is really exhausted, or no call of malloc succeeds any more.
+#include "msg_support.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <malloc/debug_heap.h>
+#include <malloc/zel_malloc.h>
+#include <ostream>
+#include <support/interpose.h>
+
+#ifndef __SANITIZE_ADDRESS__
+#include <sys/resource.h>
+#endif
+
+using namespace zel::test;
+
+namespace {
+
+// What a program has done by the time its memory is exhausted.
+struct Situation {
+    int mode;   // of the debug heap
+    bool wrote; // messages, so that the stream lists are there
+};
+
+void PrintTo(const Situation &situation, std::ostream *out) {
+    *out << "Mode" << situation.mode << (situation.wrote ? "AfterAMessage" : "AheadOfAllMessages");
+}
+
+const auto kSituations = testing::Values(Situation{0, false}, Situation{0, true}, Situation{1, false},
+                                         Situation{1, true}, Situation{2, false}, Situation{2, true});
+
+const auto kSituationName = [](const testing::TestParamInfo<Situation> &situation) {
+    return testing::PrintToString(situation.param);
+};
+
+void bring_about(const Situation &situation) {
+    msg_set_width_limit(0);
+    if (situation.mode != 0) {
+        zel_enable_malloc_debug(situation.mode);
+    }
+    if (situation.wrote) {
+        msg_print("before");
+    }
+}
+
+std::string written_before(const Situation &situation) {
+    return situation.wrote ? "before\n" : "";
+}
+
+// No call of malloc or realloc succeeds any more.
+struct NothingLeft {
+    Interposed<void *(size_t)> first{hook::malloc, fail_always(hook::malloc, ENOMEM, nullptr)};
+    Interposed<void *(void *, size_t)> later{hook::realloc, fail_always(hook::realloc, ENOMEM, nullptr)};
+};
+
+class NoMemoryLeft : public testing::TestWithParam<Situation> {};
+
+} // namespace
+
+#ifndef ZEL_SMALL_CONSTANTS
+// The fixed area of these holds the whole report.
+
+TEST_P(NoMemoryLeft, TheReportSaysWhoAskedForWhatAndHowMuch) {
+    const Outcome outcome = run_messages([] {
+        bring_about(GetParam());
+        const NothingLeft nothing_left;
+        zel_malloc(16, "F", "p");
+    });
+    EXPECT_EQ(outcome.err, "Error: F (via zel_malloc): Not enough memory to allocate 16 bytes for p.\n");
+    EXPECT_EQ(outcome.out, written_before(GetParam()));
+    EXPECT_EQ(outcome.status, 1);
+}
+
+TEST_P(NoMemoryLeft, APointerThatIsNoneIsReported) {
+    const Outcome outcome = run_messages([] {
+        bring_about(GetParam());
+        const NothingLeft nothing_left;
+        zel_free(reinterpret_cast<void *>(12));
+    });
+    EXPECT_EQ(outcome.err.substr(0, 51), "Error: zel_free was passed an invalid pointer: 0x00");
+    EXPECT_EQ(outcome.out, written_before(GetParam()));
+    EXPECT_EQ(outcome.status, 1);
+}
+
+INSTANTIATE_TEST_SUITE_P(, NoMemoryLeft, kSituations, kSituationName);
+
+TEST(NoMemoryLeftDebugHeap, ADoubleReleaseIsReported) {
+    const Outcome outcome = run_messages([] {
+        zel_enable_malloc_debug(ZEL_MALLOC_VERIFY_HEAP);
+        void *pointer = zel_malloc(16, "F", "p");
+        const NothingLeft nothing_left;
+        const Interposed keeping(hook::free, [](void *) {});
+        zel_free(pointer);
+        zel_free(pointer);
+    });
+    EXPECT_NE(outcome.err.find("was referenced after it was\n       free'd."), std::string::npos) << outcome.err;
+    EXPECT_EQ(outcome.status, 1);
+}
+
+TEST(NoMemoryLeftDebugHeap, ACorruptedHeapIsReportedWithItsFinding) {
+    const Outcome outcome = run_messages([] {
+        msg_set_width_limit(0);
+        zel_enable_malloc_debug(ZEL_MALLOC_VERIFY_HEAP);
+        static_cast<char *>(zel_malloc(16, "F", "p"))[16] = 1;
+        const NothingLeft nothing_left;
+        zel_malloc(16, "G", "q");
+    });
+    EXPECT_NE(outcome.err.find("referenced data that was corrupted at the end."), std::string::npos) << outcome.err;
+    EXPECT_NE(outcome.err.find("\nError: zel_malloc: The heap was corrupted. (Currently inside of G, allocating "
+                               "storage for q)\n"),
+              std::string::npos)
+        << outcome.err;
+    EXPECT_EQ(outcome.status, 1);
+}
+
+// ---- The failure handler, and what comes behind a report -----------------------------------------------------------
+
+namespace {
+
+void *write_failure(unsigned long size, const char *text) {
+    msg_warn("%lu: %s", size, text);
+    return nullptr;
+}
+
+} // namespace
+
+TEST(NoMemoryLeftHandler, ItsFirstMessageIsWritten) {
+    const Outcome outcome = run_messages([] {
+        zel_malloc_set_failure_handler(write_failure);
+        const NothingLeft nothing_left;
+        zel_malloc(16, "F", "p");
+        msg_print("on");
+    });
+    EXPECT_EQ(outcome.err, "Warning: 16: F (via zel_malloc): Not enough memory to allocate 16 bytes for\n"
+                           "         p.\n");
+    EXPECT_EQ(outcome.out, "on\n");
+    EXPECT_EQ(outcome.status, 0);
+}
+
+TEST(NoMemoryLeftHandler, AListOfSpareSlotsGrowsWhenMemoryIsThereAgain) {
+    FILE *scratch = open_scratch_stream();
+    const Outcome outcome = run_messages([scratch] {
+        zel_malloc_set_failure_handler(write_failure);
+        {
+            const NothingLeft nothing_left;
+            zel_malloc(16, "F", "p");
+        }
+        for (int added = 0; added < 20; ++added) {
+            msg_add_stream(MSG_WARNING, scratch);
+        }
+        msg_clear_streams(MSG_ERROR);
+        msg_warn("w");
+        // The slots of the other types are none of theirs.
+        msg_print("out");
+    });
+    EXPECT_EQ(outcome.err.substr(outcome.err.size() - 14), "p.\nWarning: w\n");
+    EXPECT_EQ(outcome.out, "out\n");
+    std::string whole;
+    for (const char *piece : {"Warning: ", "w", "\n"}) {
+        for (int stream = 0; stream < 20; ++stream) {
+            whole += piece;
+        }
+    }
+    EXPECT_EQ(contents(scratch), whole);
+    fclose(scratch);
+}
+
+TEST(NoMemoryLeftHandler, AListOfSpareSlotsThatCannotGrowKeepsItsStreams) {
+    const Outcome outcome = run_messages([] {
+        zel_malloc_set_failure_handler(write_failure);
+        const NothingLeft nothing_left;
+        zel_malloc(16, "F", "p");
+        const MsgStreamDesc *desc = _msg_get_stream_desc(MSG_INFO);
+        for (int32_t slots = desc->capacity; slots > 0; --slots) {
+            msg_add_stream(MSG_INFO, stderr);
+        }
+        msg_remove_stream(MSG_INFO, stderr);
+        printf("%d%d ", desc->count == desc->capacity - 1, desc->streams[0] == stdout);
+    });
+    EXPECT_EQ(outcome.out, "11 ");
+    const std::string refused = "Warning: Couldn't allocate more storage for stream array.  Not adding stream.\n";
+    EXPECT_EQ(outcome.err.substr(outcome.err.size() - refused.size()), refused);
+}
+
+TEST(NoMemoryLeftHandler, BehindAReportAListWithoutMemoryEndsTheProcess) {
+    const Outcome outcome = run_messages([] {
+        zel_malloc_set_failure_handler(write_failure);
+        const NothingLeft nothing_left;
+        zel_malloc(16, "F", "p");
+        msg_add_stream(MSG_DIAG, stdout);
+        printf("on");
+    });
+    EXPECT_EQ(outcome.out, "");
+    const std::string ended = "Couldn't allocate initial storage space for stream output array.";
+    EXPECT_EQ(outcome.err.substr(outcome.err.size() - ended.size()), ended);
+    EXPECT_EQ(outcome.status, 1);
+}
+
+// ---- Real exhaustion: the address space is limited -----------------------------------------------------------------
+
+// A sanitizer's own memory does not fit into the limit.
+#ifndef __SANITIZE_ADDRESS__
+
+namespace {
+
+constexpr rlim_t kAddressSpace = rlim_t{120} << 20;
+
+void limit_address_space() {
+    const rlimit limit = {.rlim_cur = kAddressSpace, .rlim_max = kAddressSpace};
+    if (setrlimit(RLIMIT_AS, &limit) != 0) {
+        abort();
+    }
+}
+
+// Takes what there is, but for remains that are too small for anything.
+void take_all_memory() {
+    for (size_t size = kAddressSpace; size >= 8; size /= 2) {
+        while (malloc(size) != nullptr) {
+        }
+    }
+}
+
+// Memory ends while the program allocates. With the debug heap on nearly all of it is gone before: the blocks that are
+// left fit into the first table of records, which is there.
+void exhaust(const Situation &situation) {
+    limit_address_space();
+    bring_about(situation);
+    if (situation.mode != 0) {
+        zel_malloc(16, "first", "f");
+        take_all_memory();
+    }
+}
+
+class ExhaustedMemory : public testing::TestWithParam<Situation> {};
+
+} // namespace
+
+TEST_P(ExhaustedMemory, TheReportSaysWhoAskedForWhatAndHowMuch) {
+    for (const size_t size : {16, 100, 4000}) {
+        const Outcome outcome = run_messages([size] {
+            exhaust(GetParam());
+            for (;;) {
+                zel_malloc(size, "F", "p");
+            }
+        });
+        EXPECT_EQ(outcome.err, "Error: F (via zel_malloc): Not enough memory to allocate " + std::to_string(size) +
+                                   " bytes for p.\n");
+        EXPECT_EQ(outcome.out, written_before(GetParam()));
+        EXPECT_EQ(outcome.status, 1);
+    }
+}
+
+TEST_P(ExhaustedMemory, AFormattedTextIsReportedAsWell) {
+    const Outcome outcome = run_messages([] {
+        exhaust(GetParam());
+        for (;;) {
+            zel_printf_strdup("%s", "short text");
+        }
+    });
+    EXPECT_EQ(outcome.err, "Error: zel_vprintf_strdup (via zel_malloc): Not enough memory to allocate 16 bytes for "
+                           "buffer allocation.\n");
+    EXPECT_EQ(outcome.out, written_before(GetParam()));
+    EXPECT_EQ(outcome.status, 1);
+}
+
+INSTANTIATE_TEST_SUITE_P(, ExhaustedMemory, kSituations, kSituationName);
+
+#endif
+#endif
