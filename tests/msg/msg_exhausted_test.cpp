@@ -237,7 +237,7 @@ class ExhaustedMemory : public testing::TestWithParam<Situation> {};
 } // namespace
 
 TEST_P(ExhaustedMemory, TheReportSaysWhoAskedForWhatAndHowMuch) {
-    for (const size_t size : {16, 100, 4000}) {
+    for (const size_t size : {16U, 100U, 4000U}) {
         const Outcome outcome = run_messages([size] {
             exhaust(GetParam());
             for (;;) {

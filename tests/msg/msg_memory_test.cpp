@@ -14,6 +14,9 @@ const std::string kLost = "A message could not be formatted and is lost.\n";
 const std::string kNoFirstSlots = "Couldn't allocate initial storage space for stream output array.";
 const std::string kNoMoreSlots = "Warning: Couldn't allocate more storage for stream array.  Not adding stream.\n";
 
+// A text that the fixed area does not hold.
+const std::string kLongText(30000, 'x');
+
 // Text buffers that could not grow are left allocated. Kept here, they are not taken for lost ones.
 std::array<void *, 64> kept;
 
@@ -28,6 +31,17 @@ std::function<void *(size_t)> malloc_failing_at(int nth) {
         void *pointer = hook::malloc.real(size);
         kept.at(static_cast<size_t>(calls++)) = pointer;
         return pointer;
+    };
+}
+
+// A vsnprintf that does not say how long a text is that does not fit: the buffer doubles until it has that size.
+std::function<int(char *, size_t, const char *, va_list)> length_unknown_below(size_t enough) {
+    return [enough](char *buffer, size_t size, const char *format, va_list args) {
+        if (size < enough) {
+            errno = ERANGE;
+            return -1;
+        }
+        return hook::vsnprintf.real(buffer, size, format, args);
     };
 }
 
@@ -94,7 +108,7 @@ TEST(MsgMemory, AMessageThatFindsNoMemoryIsReplacedByAFixedText) {
         int calls = 0;
         {
             const Interposed failing(hook::malloc, [&calls](size_t) -> void * { return ++calls, nullptr; });
-            msg_print("text");
+            msg_print("%s", kLongText.c_str());
         }
         printf("%d ", calls);
         msg_print("more");
@@ -103,6 +117,32 @@ TEST(MsgMemory, AMessageThatFindsNoMemoryIsReplacedByAFixedText) {
     EXPECT_EQ(outcome.out, "1 more\n");
     EXPECT_EQ(outcome.err, kLost);
     EXPECT_EQ(outcome.status, 0);
+}
+
+TEST(MsgMemory, ALostMessageIsTheOneThatIsContinued) {
+    const Outcome outcome = run_messages([] {
+        msg_print("before");
+        errno = ENOENT;
+        const Interposed failing(hook::malloc, fail_nth(hook::malloc, 0, ENOMEM, nullptr));
+        msg_fatal_syserr("%s", kLongText.c_str());
+    });
+    EXPECT_EQ(outcome.out, "before\n");
+    EXPECT_EQ(outcome.err, kLost + "Error: System error message: No such file or directory\n");
+    EXPECT_EQ(outcome.status, 1);
+}
+
+TEST(MsgMemory, ALostMessageIsRecordedWithTypeLayoutAndPrefix) {
+    const Outcome outcome = run_messages([] {
+        msg_print("before");
+        {
+            const Interposed failing(hook::malloc, fail_always(hook::malloc, ENOMEM, nullptr));
+            output(MSG_WARNING, MSG_FMT_RAW, 1, 0, "P: ", "%s", kLongText.c_str());
+        }
+        msg_set_mp_prefix("[3] ");
+        MSG_CONT("next");
+    });
+    EXPECT_EQ(outcome.out, "before\n");
+    EXPECT_EQ(outcome.err, kLost + "P: next");
 }
 
 TEST(MsgMemory, AMessageThatCannotBeConvertedIsReplacedByAFixedText) {
@@ -116,13 +156,13 @@ TEST(MsgMemory, AMessageThatCannotBeConvertedIsReplacedByAFixedText) {
 }
 
 TEST(MsgMemory, WhicheverAllocationFailsTheProcessSaysSoOrGoesOn) {
-    const std::string text(30000, 'x');
     int nth = 0;
     for (std::string err = "?"; !err.empty(); ++nth) {
         ASSERT_LT(nth, 60);
-        const Outcome outcome = run_messages([nth, &text] {
+        const Outcome outcome = run_messages([nth] {
             const Interposed failing(hook::malloc, malloc_failing_at(nth));
-            msg_print_raw("%s", text.c_str());
+            msg_print_raw("%s", kLongText.c_str());
+            msg_print_raw("%s", kLongText.c_str());
             msg_print("last");
         });
         err = outcome.err;
@@ -130,20 +170,20 @@ TEST(MsgMemory, WhicheverAllocationFailsTheProcessSaysSoOrGoesOn) {
         const bool lists = nth < 4;
         EXPECT_EQ(outcome.status, lists ? 1 : 0) << nth;
         EXPECT_TRUE(err.empty() || err == (lists ? kNoFirstSlots : kLost)) << nth << err;
-        EXPECT_TRUE(!err.empty() || outcome.out == text + "\nlast\n") << nth;
+        EXPECT_TRUE(!err.empty() || outcome.out == kLongText + "\n" + kLongText + "\nlast\n") << nth;
     }
-    EXPECT_EQ(nth, 7);
+    EXPECT_EQ(nth, 7); // Four lists, two texts, and the round in which nothing failed.
 }
 
 TEST(MsgMemory, WhicheverReallocationFailsTheMessageIsReplacedByAFixedText) {
-    const std::string text(30000, 'x');
     int nth = 0;
     for (std::string err = "?"; !err.empty(); ++nth) {
         ASSERT_LT(nth, 60);
-        const Outcome outcome = run_messages([nth, &text] {
+        const Outcome outcome = run_messages([nth] {
             const Interposed keeping(hook::malloc, malloc_failing_at(-1));
             const Interposed failing(hook::realloc, fail_nth(hook::realloc, nth, ENOMEM, nullptr));
-            msg_print("%s", text.c_str());
+            const Interposed unknown(hook::vsnprintf, length_unknown_below(100000));
+            msg_print("%s", kLongText.c_str());
         });
         err = outcome.err;
         EXPECT_EQ(err, outcome.out.empty() ? kLost : "") << nth;
@@ -155,14 +195,15 @@ TEST(MsgMemory, WhicheverReallocationFailsTheMessageIsReplacedByAFixedText) {
 TEST(MsgMemory, ALongLeadTextThatFindsNoMemoryIsCutToFortyNineCharacters) {
     const Outcome outcome = run_messages([] {
         const std::string prefix(60, 'P');
+        msg_set_width_limit(0);
         msg_print_wrap("open");
         {
             // The first allocation is the text's, the second that of the lead text.
             const Interposed failing(hook::malloc, fail_nth(hook::malloc, 1, ENOMEM, nullptr));
-            output(MSG_INFO, MSG_FMT_LINE, 0, 1, prefix.c_str(), " on");
+            output(MSG_INFO, MSG_FMT_LINE, 0, 1, prefix.c_str(), " on%s", kLongText.c_str());
         }
         MSG_CONT("next");
     });
-    EXPECT_EQ(outcome.out, "open on\n" + std::string(49, 'P') + "next\n");
+    EXPECT_EQ(outcome.out, "open on" + kLongText + "\n" + std::string(49, 'P') + "next\n");
     EXPECT_EQ(outcome.err, "");
 }

@@ -1,0 +1,217 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// Messages inside messages: a program's own stream writes one while it is written to.
+#include "msg_support.h"
+
+#include <cerrno>
+#include <csetjmp>
+#include <cstdlib>
+#include <support/interpose.h>
+
+using namespace zel::test;
+
+namespace {
+
+const std::string kLost = "A message could not be formatted and is lost.\n";
+
+// From now on messages of the type go to standard output and, ahead of it, to the program's own stream, which does this
+// once, on the first piece.
+void on_first_piece(int type, const std::function<void()> &action) {
+    msg_clear_streams(type);
+    msg_add_stream(type, open_own_stream([action, first = true](const std::string &) mutable {
+                       if (first) {
+                           first = false;
+                           action();
+                       }
+                   }));
+    msg_add_stream(type, stdout);
+    setvbuf(stdout, nullptr, _IONBF, 0);
+}
+
+// Adds the size of each request to the text, while its scope lasts.
+struct RequestsNoted {
+    Interposed<void *(size_t)> first;
+    Interposed<void *(void *, size_t)> later;
+    explicit RequestsNoted(std::string &sizes)
+        : first(hook::malloc,
+                [&sizes](size_t size) {
+                    sizes += std::to_string(size) + " ";
+                    return hook::malloc.real(size);
+                }),
+          later(hook::realloc, [&sizes](void *pointer, size_t size) {
+              sizes += "to " + std::to_string(size) + " ";
+              return hook::realloc.real(pointer, size);
+          }) {}
+};
+
+jmp_buf out_of_the_message;
+
+// A message whose stream never comes back.
+void leave_a_message() {
+    on_first_piece(MSG_INFO, [] { longjmp(out_of_the_message, 1); });
+    if (setjmp(out_of_the_message) == 0) {
+        msg_print("left");
+    }
+    msg_clear_streams(MSG_INFO);
+    msg_add_stream(MSG_INFO, stdout);
+}
+
+} // namespace
+
+TEST(MsgNested, ThreeMessagesInEachOtherAreWhole) {
+    const Outcome outcome = run_messages([] {
+        on_first_piece(MSG_ERROR, [] { output(MSG_DEBUG, MSG_FMT_LINE, 0, 0, "", "innermost %d", 3); });
+        on_first_piece(MSG_WARNING, [] { output(MSG_ERROR, MSG_FMT_LINE, 0, 0, "", "middle %d", 2); });
+        on_first_piece(MSG_INFO, [] { output(MSG_WARNING, MSG_FMT_LINE, 0, 0, "", "in it %d", 1); });
+        msg_print("outer %d", 0);
+        msg_print("next");
+    });
+    EXPECT_EQ(outcome.out, "innermost 3\nmiddle 2\nin it 1\nouter 0\nnext\n");
+    EXPECT_EQ(outcome.status, 0);
+}
+
+TEST(MsgNested, AMessageByItselfAsksForNoMemory) {
+    const Outcome outcome = run_messages([] {
+        std::string sizes;
+        _msg_get_stream_desc(MSG_INFO);
+        {
+            const RequestsNoted noted(sizes);
+            msg_print("one");
+            MSG_CONT("two");
+            msg_warn("%d", 3);
+        }
+        fputs(sizes.c_str(), stdout);
+    });
+    EXPECT_EQ(outcome.out, "one\ntwo\n");
+    EXPECT_EQ(outcome.err, "Warning: 3\n");
+}
+
+TEST(MsgNested, AMessageInAMessageThatFindsNoMemoryIsReplacedAndTheOuterOneGoesOn) {
+    const Outcome outcome = run_messages([] {
+        on_first_piece(MSG_INFO, [] {
+            const Interposed failing(hook::malloc, fail_always(hook::malloc, ENOMEM, nullptr));
+            msg_error("inner");
+        });
+        msg_print("outer");
+        msg_print("next");
+    });
+    EXPECT_EQ(outcome.out, "outer\nnext\n");
+    EXPECT_EQ(outcome.err, kLost);
+}
+
+TEST(MsgNested, AnExitHandlerMayWriteWhenAStreamEndsTheProcess) {
+    const Outcome outcome = run_messages([] {
+        atexit([] { msg_error("handler"); });
+        on_first_piece(MSG_INFO, [] { exit(3); });
+        msg_print("outer");
+    });
+    EXPECT_EQ(outcome.out, "");
+    EXPECT_EQ(outcome.err, "Error: handler\n");
+    EXPECT_EQ(outcome.status, 3);
+}
+
+TEST(MsgNested, ARefusedFormatInAMessageEndsTheProcessWithItsText) {
+    const Outcome outcome = run_messages([] {
+        on_first_piece(MSG_INFO, [] { msg_warn("$x"); });
+        msg_print("outer");
+    });
+    EXPECT_EQ(outcome.err.substr(0, 59), "Error: Internationalization interface not yet supported.\n  ");
+    EXPECT_EQ(outcome.out, "");
+    EXPECT_EQ(outcome.status, 1);
+}
+
+TEST(MsgNested, ARefusedFormatLeavesNoTraceInTheHandlersOfTheExit) {
+    const Outcome outcome = run_messages([] {
+        atexit([] { msg_print("handler"); });
+        msg_print("$x");
+    });
+    EXPECT_EQ(outcome.out, "handler\n");
+    EXPECT_EQ(outcome.status, 1);
+}
+
+TEST(MsgNested, MessagesBehindOneThatWasLeftByLongjmpAreWhole) {
+    const Outcome outcome = run_messages([] {
+        leave_a_message();
+        leave_a_message();
+        msg_print("%s", "one");
+        msg_print("%s", std::string(20000, 'x').c_str());
+        msg_print("%s", "two");
+    });
+    EXPECT_EQ(outcome.out, "one\n" + std::string(20000, 'x') + "\ntwo\n");
+    EXPECT_EQ(outcome.status, 0);
+}
+
+TEST(MsgNested, AMessageThatWasLeftByLongjmpKeepsTheFixedArea) {
+    const Outcome outcome = run_messages([] {
+        leave_a_message();
+        std::string sizes;
+        {
+            const RequestsNoted noted(sizes);
+            msg_print("one");
+        }
+        fputs(sizes.empty() ? "nothing asked for" : "allocated", stderr);
+        const Interposed failing(hook::malloc, fail_always(hook::malloc, ENOMEM, nullptr));
+        msg_print("two");
+    });
+    EXPECT_EQ(outcome.out, "one\n");
+    EXPECT_EQ(outcome.err, "allocated" + kLost);
+}
+
+TEST(MsgNested, TheAreaIsFreeAgainBehindAMessageThatCouldNotBeConverted) {
+    const Outcome outcome = run_messages([] {
+        _msg_get_stream_desc(MSG_INFO);
+        std::string sizes;
+        {
+            const RequestsNoted noted(sizes);
+            msg_print("a%ls", L"\u20ac");
+            msg_print("next");
+        }
+        fputs(sizes.c_str(), stdout);
+    });
+    EXPECT_EQ(outcome.out, "next\n");
+    EXPECT_EQ(outcome.err, kLost);
+}
+
+TEST(MsgNested, TheErrorNumberIsClearAtEachAttempt) {
+    const Outcome outcome = run_messages([] {
+        _msg_get_stream_desc(MSG_INFO);
+        std::string seen;
+        {
+            const Interposed watching(hook::vsnprintf,
+                                      [&seen](char *buffer, size_t size, const char *format, va_list args) {
+                                          seen += std::to_string(errno) + " ";
+                                          const int length = hook::vsnprintf.real(buffer, size, format, args);
+                                          errno = ERANGE;
+                                          return length;
+                                      });
+            errno = EPERM;
+            msg_print("%s", std::string(20000, ' ').c_str());
+        }
+        fputs(seen.c_str(), stderr);
+    });
+    EXPECT_EQ(outcome.err, "0 0 ");
+}
+
+#ifndef ZEL_SMALL_CONSTANTS
+// Holds the first size of 10000 bytes.
+TEST(MsgNestedSize, AMessageInAMessageStartsWithTenThousandBytesFromMalloc) {
+    const auto sizes = [](size_t length) {
+        return run_messages([length] {
+                   std::string asked;
+                   const std::string text(length, 'x');
+                   msg_add_stream(MSG_DEBUG, stderr);
+                   on_first_piece(MSG_INFO, [&] {
+                       const RequestsNoted noted(asked);
+                       output(MSG_DEBUG, MSG_FMT_RAW, 0, 0, "", "%s", text.c_str());
+                   });
+                   msg_clear_streams(MSG_DEBUG);
+                   msg_print("outer");
+                   fputs(asked.c_str(), stderr);
+               })
+            .err;
+    };
+    EXPECT_EQ(sizes(0), "10000 ");
+    EXPECT_EQ(sizes(9998), "10000 ");
+    EXPECT_EQ(sizes(9999), "10000 to 20000 ");
+    EXPECT_EQ(sizes(20000), "10000 to 20002 ");
+}
+#endif

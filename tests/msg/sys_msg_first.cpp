@@ -1,0 +1,7 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// The system's header first.
+#include <sys/msg.h>
+
+#include <msg/msg.h>
+
+#include "sys_msg.h"
