@@ -134,7 +134,8 @@ void msg_vcont(const char *format, va_list args) __attribute__((format(printf, 1
 /* Writes one diagnostic text to every stream of MSG_DIAG: no prefix, no wrapping, no newline of its own. Without a
  * stream nothing is formatted. The formatted text is read as a format once more, with no arguments: "%%" becomes "%",
  * "%m" the text of errno, any other conversion stands as it is; so a percent sign that must appear is doubled twice in
- * the format. Limit: 16383 characters, the rest is cut. Write errors are not looked at. errno is kept. */
+ * the format. Limit: 16383 characters, the rest is cut. A conversion that fails ends the text in front of it. Write
+ * errors are not looked at. errno is kept. */
 void msg_diag(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
 /* ---- Streams --------------------------------------------------------------------------------------------------- */

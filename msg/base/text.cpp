@@ -13,9 +13,11 @@ size_t copy_part(std::span<char> target, std::string_view text) {
 }
 
 bool vformat_text(std::span<char> buffer, const char *format, va_list args) {
+    // The C library ends what stands before a conversion that fails. One that writes nothing leaves the text empty.
+    buffer.front() = '\0';
     const int length = vsnprintf(buffer.data(), buffer.size(), format, args);
     if (length < 0) {
-        buffer.front() = '\0';
+        buffer.back() = '\0';
         return false;
     }
     return static_cast<size_t>(length) < buffer.size();

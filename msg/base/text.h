@@ -24,7 +24,8 @@ constexpr std::string_view part_from(std::string_view text, size_t position) {
 // Copies what fits of the text into the target, without a NUL. Returns how many characters that was.
 size_t copy_part(std::span<char> target, std::string_view text);
 
-// Formats into the buffer, cut to what fits with its NUL. Returns whether the whole text fitted.
+// Formats into the buffer, cut to what fits with its NUL. A conversion that fails ends the text in front of it. Returns
+// whether the whole text is there.
 bool format_text(std::span<char> buffer, const char *format, ...) __attribute__((format(printf, 2, 3)));
 bool vformat_text(std::span<char> buffer, const char *format, va_list args) __attribute__((format(printf, 2, 0)));
 
