@@ -37,6 +37,15 @@
 #include <stdio.h>
 
 #ifdef __cplusplus
+/* <sys/msg.h> may define MSG_INFO, the command of msgctl that asks for limits and use of the System V message queues,
+ * as 12. Its name means the message type here, whichever header comes first; who needs the command writes 12. */
+#ifdef __has_include
+#if __has_include(<sys/msg.h>)
+#include <sys/msg.h>
+#endif
+#endif
+#undef MSG_INFO
+
 extern "C" {
 #endif
 #pragma GCC visibility push(default)
