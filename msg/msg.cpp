@@ -19,11 +19,11 @@ constinit State state = {
     .streams_ready = false,
     .streams = {},
     .last = {},
-    .prefixes = {{{.text = "", .owned = nullptr},
-                  {.text = "Warning: ", .owned = nullptr},
-                  {.text = "", .owned = nullptr},
-                  {.text = "Error: ", .owned = nullptr},
-                  {.text = "Internal error: ", .owned = nullptr}}},
+    .prefixes = {{{.text = "", .owned = nullptr, .readers = 0},
+                  {.text = "Warning: ", .owned = nullptr, .readers = 0},
+                  {.text = "", .owned = nullptr, .readers = 0},
+                  {.text = "Error: ", .owned = nullptr, .readers = 0},
+                  {.text = "Internal error: ", .owned = nullptr, .readers = 0}}},
     .width_settled = false,
 };
 
@@ -90,7 +90,9 @@ void advance_column(size_t length) {
 // MsgWrap.UnderALongPrefixTheLaterLinesBreakEarly.
 void open_line(Message &message) {
     if (!message.channel.primary_only) {
-        write_streams(message.channel, prefix_text(PrefixKind::mp));
+        const char *mp = prefix_text(PrefixKind::mp);
+        const PrefixInUse in_use(mp);
+        write_streams(message.channel, mp);
     }
     write_streams(message.channel, message.lead);
     advance_column(message.lead_length);
@@ -234,6 +236,7 @@ void _msg_output(int type, int fmt_type, int primary_only, int continuation, con
     }
     const char *opening = prefix == nullptr ? "" : prefix;
     const Channel channel = {.type = type, .primary_only = primary_only != 0, .streams = _msg_get_stream_desc(type)};
+    const PrefixInUse in_use(opening); // until the message has been written and recorded
     Message message = {.channel = channel,
                        .fmt_type = fmt_type,
                        .lead = opening,

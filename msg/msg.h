@@ -194,6 +194,7 @@ char *msg_vformat_alloc(const char *format, va_list args, size_t initial_size) _
 /* Each setter keeps a copy of the text; null counts as "". Without memory a warning says so and the prefix stays.
  * print: informational messages, "" at first. warn: warnings, "Warning: ". mp: ahead of every line of every message
  * that is not primary-only, "". error: errors, "Error: ". internal_error: internal errors, "Internal error: ". */
+ * A message under way keeps the prefix that it began with; its further lines have the mp prefix of their time.
 void msg_set_print_prefix(const char *text);
 void msg_set_warn_prefix(const char *text);
 void msg_set_mp_prefix(const char *text);

@@ -31,8 +31,24 @@ void set_prefix(PrefixKind kind, const char *text) {
     // Copied before the old text goes: a caller who hands a prefix its own text back loses nothing.
     memcpy(copy, wanted, size);
     zel::msg::Prefix &prefix = prefix_of(kind);
-    free(prefix.owned);
-    prefix = {.text = copy, .owned = copy};
+    if (prefix.readers == 0) {
+        free(prefix.owned);
+    }
+    prefix = {.text = copy, .owned = copy, .readers = 0};
+}
+
+// Compared as numbers: the text may be part of anything.
+bool is_part_of(const char *text, const char *whole) {
+    const auto position = reinterpret_cast<uintptr_t>(text) - reinterpret_cast<uintptr_t>(whole);
+    return position <= strlen(whole);
+}
+
+// The prefix in whose allocated text the text stands, or null.
+zel::msg::Prefix *prefix_around(const char *text) {
+    auto *const found = std::find_if(state.prefixes.begin(), state.prefixes.end(), [text](const auto &prefix) {
+        return prefix.owned != nullptr && is_part_of(text, prefix.owned);
+    });
+    return found == state.prefixes.end() ? nullptr : found;
 }
 
 constexpr long kWidestFromEnvironment = 32766;
@@ -59,6 +75,26 @@ void settle_width() {
 
 const char *zel::msg::prefix_text(PrefixKind kind) {
     return prefix_of(kind).text;
+}
+
+zel::msg::PrefixInUse::PrefixInUse(const char *text) : prefix_(prefix_around(text)) {
+    if (prefix_ != nullptr) {
+        owned_ = prefix_->owned;
+        outermost_ = prefix_->readers == 0;
+        ++prefix_->readers;
+    }
+}
+
+// The address tells whether the text was replaced: while somebody reads it, no other text can stand there.
+zel::msg::PrefixInUse::~PrefixInUse() {
+    if (prefix_ == nullptr) {
+        return;
+    }
+    if (prefix_->owned == owned_) {
+        --prefix_->readers;
+    } else if (outermost_) {
+        free(owned_);
+    }
 }
 
 void msg_set_print_prefix(const char *text) {

@@ -17,6 +17,7 @@ struct Prefix {
     const char *text; // current text
     char *owned;      // the same when a setter allocated it, else null
 };
+    int32_t readers;  // messages under way that read the owned text
 
 // The indentation under a prefix has at most this many spaces, with its NUL. A longer prefix still counts in full for
 // the column.
