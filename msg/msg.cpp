@@ -4,6 +4,7 @@
 
 #include <msg/base/limits.h>
 #include <msg/base/text.h>
+#include <msg/internal/format.h>
 #include <msg/internal/cut.h>
 #include <msg/internal/settings.h>
 #include <msg/internal/state.h>
@@ -242,14 +243,14 @@ void _msg_output(int type, int fmt_type, int primary_only, int continuation, con
                        .lead = opening,
                        .lead_length = lead_length_of(channel, opening),
                        .indentation = indentation_under(opening)};
-    char *text = msg_vformat_alloc(checked_format(channel, format), args, zel::kFirstTextSize);
+    char *text = format_message(checked_format(channel, format), args);
     if (text == nullptr) {
         report_lost_message();
         record(message);
         return;
     }
     write_text(message, text, continuation != 0);
-    free(text);
+    release_message(text);
     if (fmt_type == MSG_FMT_LINE) {
         end_line(channel);
         flush_streams(channel);

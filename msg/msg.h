@@ -24,7 +24,8 @@
  *     a format stands for one dollar sign.
  *   - A stream that a write or a flush fails on is dropped from that type for good, and a warning says so once. The
  *     message goes on to the other streams.
- *   - A message that cannot be formatted for lack of memory is replaced by a fixed text on standard error.
+ *   - A text of up to 9998 characters needs no memory. A longer one, and a message that a stream of the program's own
+ *     writes in the middle of another, is replaced by a fixed text on standard error when there is none.
  *   - Streams are never closed here. One stream may stand in several lists, and twice in one.
  *   - errno is not kept: it is 0 after a message that was written. msg_diag alone keeps it.
  */

@@ -27,6 +27,11 @@ constexpr bool text_fits(int length, size_t size) {
     return length >= 0 && static_cast<size_t>(length) + 1 < size;
 }
 
+// Whether an attempt failed for good: an unknown length with an error number that does not ask for more room.
+inline bool text_is_lost(int length) {
+    return length < 0 && errno != 0 && errno != ERANGE;
+}
+
 constexpr size_t next_text_size(int length, size_t size) {
     const bool below = length < 0 || static_cast<size_t>(length) < size;
     return below ? size * 2 : static_cast<size_t>(length) + 2;
@@ -46,7 +51,7 @@ __attribute__((format(printf, 2, 0))) char *format_growing(size_t size, const ch
         if (text_fits(length, size)) {
             return buffer;
         }
-        if (length < 0 && errno != 0 && errno != ERANGE) {
+        if (text_is_lost(length)) {
             Storage::release(buffer);
             return nullptr;
         }

@@ -15,8 +15,9 @@ inline constexpr bool kSmall = true;
 inline constexpr bool kSmall = false;
 #endif
 
-// First size of the text of a message: almost every message needs one allocation.
-inline constexpr size_t kFirstTextSize = kSmall ? 1 : 10000;
+// First size of the text of a message, and that of the fixed area in which almost every message finds room. A small one
+// holds a word.
+inline constexpr size_t kFirstTextSize = kSmall ? 8 : 10000;
 
 // Slots by which a stream list grows.
 inline constexpr int32_t kStreamListStep = kSmall ? 1 : 5;

@@ -72,15 +72,34 @@ TEST_P(MsgFatalCalls, EndsWithStatusOneWithoutThePrimaryFlagAndIsThenSilentWhenP
 TEST_P(MsgFatalCalls, EndsWithStatusOneWithoutMemory) {
     const FatalCall &call = GetParam();
     const Outcome outcome = run_messages([&call] {
-        _msg_get_stream_desc(MSG_ERROR);
-        const Interposed failing(hook::malloc, fail_always(hook::malloc, ENOMEM, nullptr));
-        call.write();
+        // In a message, which has the fixed area.
+        on_first_piece(MSG_DEBUG, [&call] {
+            const Interposed failing(hook::malloc, fail_always(hook::malloc, ENOMEM, nullptr));
+            call.write();
+        });
+        output(MSG_DEBUG, MSG_FMT_LINE, 0, 0, "", "text");
     });
     const std::string lost = "A message could not be formatted and is lost.\n";
     EXPECT_EQ(outcome.out, "");
     EXPECT_EQ(outcome.err, call.system_error ? lost + lost : lost);
     EXPECT_EQ(outcome.status, 1);
 }
+
+#ifndef ZEL_SMALL_CONSTANTS
+// The fixed area holds the text.
+TEST_P(MsgFatalCalls, NeedsNoMemory) {
+    const FatalCall &call = GetParam();
+    const Outcome outcome = run_messages([&call] {
+        msg_set_mp_prefix("[3] ");
+        _msg_get_stream_desc(MSG_ERROR);
+        const Interposed failing(hook::malloc, fail_always(hook::malloc, ENOMEM, nullptr));
+        errno = ENOENT;
+        call.write();
+    });
+    EXPECT_EQ(outcome.err, expected_text(call));
+    EXPECT_EQ(outcome.status, 1);
+}
+#endif
 
 TEST_P(MsgFatalCalls, LeavesByTheNormalExitSoThatStreamsAreFlushed) {
     const FatalCall &call = GetParam();

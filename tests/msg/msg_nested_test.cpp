@@ -13,20 +13,6 @@ namespace {
 
 const std::string kLost = "A message could not be formatted and is lost.\n";
 
-// From now on messages of the type go to standard output and, ahead of it, to the program's own stream, which does this
-// once, on the first piece.
-void on_first_piece(int type, const std::function<void()> &action) {
-    msg_clear_streams(type);
-    msg_add_stream(type, open_own_stream([action, first = true](const std::string &) mutable {
-                       if (first) {
-                           first = false;
-                           action();
-                       }
-                   }));
-    msg_add_stream(type, stdout);
-    setvbuf(stdout, nullptr, _IONBF, 0);
-}
-
 // Adds the size of each request to the text, while its scope lasts.
 struct RequestsNoted {
     Interposed<void *(size_t)> first;

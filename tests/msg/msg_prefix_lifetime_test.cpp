@@ -58,21 +58,6 @@ void PrintTo(const PrefixInUse &prefix, std::ostream *out) {
     *out << prefix.name;
 }
 
-// From now on messages of the type go to the program's own stream, which does this once, on the first piece, and then
-// to standard output.
-void on_first_piece(int type, const std::function<void()> &action) {
-    auto pieces = [action, first = true](const std::string &) mutable {
-        if (first) {
-            first = false;
-            action();
-        }
-    };
-    msg_clear_streams(type);
-    msg_add_stream(type, open_own_stream(pieces));
-    msg_add_stream(type, stdout);
-    setvbuf(stdout, nullptr, _IONBF, 0);
-}
-
 class MsgPrefixInUse : public testing::TestWithParam<PrefixInUse> {};
 
 } // namespace

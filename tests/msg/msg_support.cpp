@@ -72,6 +72,18 @@ FILE *open_own_stream(const std::function<void(const std::string &piece)> &write
     return stream;
 }
 
+void on_first_piece(int type, const std::function<void()> &action) {
+    msg_clear_streams(type);
+    msg_add_stream(type, open_own_stream([action, first = true](const std::string &) mutable {
+                       if (first) {
+                           first = false;
+                           action();
+                       }
+                   }));
+    msg_add_stream(type, stdout);
+    setvbuf(stdout, nullptr, _IONBF, 0);
+}
+
 FILE *open_full_stream(int mode) {
     FILE *stream = fopen("/dev/full", "w");
     setvbuf(stream, nullptr, mode, 0);

@@ -32,6 +32,10 @@ std::string contents(FILE *stream);
 // becomes of it.
 FILE *open_own_stream(const std::function<void(const std::string &piece)> &write);
 
+// From now on messages of the type go to the program's own stream, which does this once, on the first piece, and then
+// to standard output, which has no buffer any more.
+void on_first_piece(int type, const std::function<void()> &action);
+
 // A stream to a device that is always full. Unbuffered, each write fails; buffered, each flush that has something to
 // write. mode: as for setvbuf.
 FILE *open_full_stream(int mode);
