@@ -2,6 +2,7 @@
 // Checking a pointer, verifying the heap, releasing a record.
 #include <malloc/debug_heap.h>
 #include <malloc/internal/debug_heap.h>
+#include <msg/base/memory_report.h>
 #include <msg/msg.h>
 
 namespace zel::memory {
@@ -30,6 +31,7 @@ void require_sound_heap(const Caller &caller) {
         return;
     }
     debug_heap.verifying = true;
+    const zel::MemoryReport under_way; // findings are written while the heap is verified
     if (!heap_is_sound()) {
         msg_fatal("%s: The heap was corrupted. %s", caller.name, context_text(caller));
     }
@@ -38,6 +40,7 @@ void require_sound_heap(const Caller &caller) {
 
 void require_valid(const void *pointer, const Caller &caller) {
     if (!is_valid(pointer)) {
+        const zel::MemoryReport under_way;
         const char *diagnosis = diagnose(pointer, nullptr, true);
         msg_fatal("%s: %s %s", caller.name, diagnosis, context_text(caller));
     }
@@ -48,6 +51,7 @@ void note_release(const Record &record, const Caller &caller) {
     if (threshold < 0 || record.length < static_cast<size_t>(threshold)) {
         return;
     }
+    const zel::MemoryReport under_way;
     msg_warn("(%s): Freeing a pointer (0x%0*lX) which pointed to %lu bytes of data.  %s", caller.name, kPointerDigits,
              reinterpret_cast<unsigned long>(record.pointer), static_cast<unsigned long>(record.length),
              context_text(caller));
@@ -55,6 +59,7 @@ void note_release(const Record &record, const Caller &caller) {
 
 // The checks have passed: what stands here now was changed since, by what wrote the note of the release at the latest.
 Record &require_record(int32_t index) {
+    const zel::MemoryReport under_way;
     Record *record = record_at(index);
     if (record == nullptr) {
         msg_fatal("Zel MALLOC library internal error: free_debug_info index out of range (index = %ld, limit = %ld).",

@@ -2,6 +2,7 @@
 // The entries of the memory library, and the report of a request that failed.
 #include <malloc/internal/report.h>
 #include <malloc/zel_malloc.h>
+#include <msg/base/memory_report.h>
 #include <msg/base/text.h>
 #include <msg/msg.h>
 
@@ -96,6 +97,8 @@ void *reallocate(void *pointer, size_t size, const Caller &caller, OnFailure on_
 void *zel::memory::report_failure(size_t size, const Caller &caller) {
     Report report;
     compose_report(report, size, caller, errno);
+    // For a failure handler that writes messages as well.
+    const zel::MemoryReport under_way;
     if (failure_handler == nullptr) {
         msg_fatal("%s", report.data());
     }

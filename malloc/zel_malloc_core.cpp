@@ -3,6 +3,7 @@
 #include <malloc/internal/core.h>
 
 #include <malloc/internal/debug_heap.h>
+#include <msg/base/memory_report.h>
 #include <msg/msg.h>
 
 #include <cstdlib>
@@ -17,6 +18,7 @@ constexpr Caller kRelease = by_function("zel_free", nullptr, nullptr);
 
 void require_aligned(const void *pointer, const char *name) {
     if (!is_aligned(pointer)) {
+        const zel::MemoryReport under_way;
         msg_fatal("%s was passed an invalid pointer: 0x%0*lX", name, kPointerDigits,
                   reinterpret_cast<unsigned long>(pointer));
     }

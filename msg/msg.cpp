@@ -2,10 +2,9 @@
 // The core writer: one message, formatted, cut into lines and written to the streams of its type.
 #include <msg/msg.h>
 
-#include <msg/base/limits.h>
 #include <msg/base/text.h>
-#include <msg/internal/format.h>
 #include <msg/internal/cut.h>
+#include <msg/internal/format.h>
 #include <msg/internal/settings.h>
 #include <msg/internal/state.h>
 #include <msg/internal/streams.h>
@@ -19,6 +18,7 @@ namespace zel::msg {
 constinit State state = {
     .streams_ready = false,
     .streams = {},
+    .spare_slots = {},
     .last = {},
     .prefixes = {{{.text = "", .owned = nullptr, .readers = 0},
                   {.text = "Warning: ", .owned = nullptr, .readers = 0},
@@ -236,8 +236,8 @@ void _msg_output(int type, int fmt_type, int primary_only, int continuation, con
         return;
     }
     const char *opening = prefix == nullptr ? "" : prefix;
-    const Channel channel = {.type = type, .primary_only = primary_only != 0, .streams = _msg_get_stream_desc(type)};
     const PrefixInUse in_use(opening); // until the message has been written and recorded
+    const Channel channel = {.type = type, .primary_only = primary_only != 0, .streams = _msg_get_stream_desc(type)};
     Message message = {.channel = channel,
                        .fmt_type = fmt_type,
                        .lead = opening,

@@ -37,7 +37,6 @@
 #include <stdint.h>
 #include <stdio.h>
 
-#ifdef __cplusplus
 /* <sys/msg.h> may define MSG_INFO, the command of msgctl that asks for limits and use of the System V message queues,
  * as 12. Its name means the message type here, whichever header comes first; who needs the command writes 12. */
 #ifdef __has_include
@@ -47,6 +46,7 @@
 #endif
 #undef MSG_INFO
 
+#ifdef __cplusplus
 extern "C" {
 #endif
 #pragma GCC visibility push(default)
@@ -152,7 +152,8 @@ void msg_diag(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
 /* Appends the stream to the list of each type in the mask, in ascending order of the bits. The stream stays the
  * caller's and must stay open while it is in a list. A null stream is ignored. When a list cannot grow for lack of
- * memory a warning says so and the stream is not added; when it cannot be created the process ends. */
+ * memory a warning says so and the stream is not added. When it cannot be created the process ends; only while the
+ * memory library reports, spare slots make the list. */
 void msg_add_stream(int type_mask, FILE *stream);
 
 /* Takes the first occurrence of the stream out of the list of each type in the mask; the others keep their order. A
@@ -193,9 +194,9 @@ char *msg_vformat_alloc(const char *format, va_list args, size_t initial_size) _
 /* ---- Prefixes and width ---------------------------------------------------------------------------------------- */
 
 /* Each setter keeps a copy of the text; null counts as "". Without memory a warning says so and the prefix stays.
+ * A message under way keeps the prefix that it began with; its further lines have the mp prefix of their time.
  * print: informational messages, "" at first. warn: warnings, "Warning: ". mp: ahead of every line of every message
  * that is not primary-only, "". error: errors, "Error: ". internal_error: internal errors, "Internal error: ". */
- * A message under way keeps the prefix that it began with; its further lines have the mp prefix of their time.
 void msg_set_print_prefix(const char *text);
 void msg_set_warn_prefix(const char *text);
 void msg_set_mp_prefix(const char *text);

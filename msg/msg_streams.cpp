@@ -1,6 +1,7 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // The stream lists of the message types, and writing to them.
 #include <msg/base/limits.h>
+#include <msg/base/memory_report.h>
 #include <msg/internal/state.h>
 #include <msg/internal/streams.h>
 #include <msg/msg.h>
@@ -41,20 +42,45 @@ size_t type_index(int type) {
     exit(1);
 }
 
-// Makes room for one more stream. The first slots of a list are needed for the program to say anything at all; without
-// them it ends. A list that exists stays as it is.
+FILE **spare_slots_of(const MsgStreamDesc *desc) {
+    return state.spare_slots[static_cast<size_t>(desc - state.streams.data())].data();
+}
+
+// The first slots of a list are needed for the program to say anything at all; without them it ends. A report of the
+// memory library still has slots that need no memory.
+FILE **first_slots(const MsgStreamDesc *desc, size_t bytes) {
+    auto *slots = static_cast<FILE **>(malloc(bytes));
+    if (slots != nullptr) {
+        return slots;
+    }
+    if (!zel::memory_report_under_way()) {
+        out_of_first_slots();
+    }
+    return spare_slots_of(desc);
+}
+
+// Null when there is no memory; the list stays as it is. Spare slots are copied to the heap.
+FILE **more_slots(const MsgStreamDesc *desc, size_t bytes) {
+    if (desc->streams != spare_slots_of(desc)) {
+        return static_cast<FILE **>(realloc(desc->streams, bytes));
+    }
+    auto *slots = static_cast<FILE **>(malloc(bytes));
+    if (slots != nullptr) {
+        std::copy_n(desc->streams, desc->count, slots);
+    }
+    return slots;
+}
+
+// Makes room for one more stream.
 bool grow(MsgStreamDesc *desc) {
     const int32_t capacity = desc->capacity + zel::kStreamListStep;
     const size_t bytes = static_cast<size_t>(capacity) * sizeof(FILE *);
-    auto *streams = static_cast<FILE **>(desc->streams == nullptr ? malloc(bytes) : realloc(desc->streams, bytes));
-    if (streams == nullptr && desc->streams == nullptr) {
-        out_of_first_slots();
-    }
-    if (streams == nullptr) {
+    FILE **slots = desc->streams == nullptr ? first_slots(desc, bytes) : more_slots(desc, bytes);
+    if (slots == nullptr) {
         msg_warn("Couldn't allocate more storage for stream array.  Not adding stream.");
         return false;
     }
-    desc->streams = streams;
+    desc->streams = slots;
     desc->capacity = capacity;
     return true;
 }

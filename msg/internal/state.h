@@ -3,6 +3,7 @@
 #ifndef ZEL_MSG_INTERNAL_STATE_H
 #define ZEL_MSG_INTERNAL_STATE_H
 
+#include <msg/base/limits.h>
 #include <msg/msg.h>
 
 #include <array>
@@ -16,8 +17,8 @@ inline constexpr size_t kPrefixCount = 5;
 struct Prefix {
     const char *text; // current text
     char *owned;      // the same when a setter allocated it, else null
-};
     int32_t readers;  // messages under way that read the owned text
+};
 
 // The indentation under a prefix has at most this many spaces, with its NUL. A longer prefix still counts in full for
 // the column.
@@ -39,12 +40,14 @@ struct LastMessage {
 };
 
 inline constexpr size_t kTypeCount = 5;
+using SpareSlots = std::array<FILE *, kStreamListStep>;
 
 struct State {
-    bool streams_ready;                            // set once, before the standard streams are added
-    std::array<MsgStreamDesc, kTypeCount> streams; // by bit number of the type
-    int32_t primary = 1;                           // primary-only messages are written while not 0
-    int32_t column = 0;                            // characters on the current output line, of all types and streams
+    bool streams_ready;                             // set once, before the standard streams are added
+    std::array<MsgStreamDesc, kTypeCount> streams;  // by bit number of the type
+    std::array<SpareSlots, kTypeCount> spare_slots; // first lists when a report of the memory library finds no other
+    int32_t primary = 1;                            // primary-only messages are written while not 0
+    int32_t column = 0;                             // characters on the current output line, of all types and streams
     LastMessage last;
     std::array<Prefix, kPrefixCount> prefixes;
     int32_t width = 78; // columns; 0: no wrapping

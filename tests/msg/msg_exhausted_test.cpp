@@ -132,8 +132,7 @@ TEST(NoMemoryLeftHandler, ItsFirstMessageIsWritten) {
         zel_malloc(16, "F", "p");
         msg_print("on");
     });
-    EXPECT_EQ(outcome.err, "Warning: 16: F (via zel_malloc): Not enough memory to allocate 16 bytes for\n"
-                           "         p.\n");
+    EXPECT_EQ(outcome.err, "Warning: 16: F (via zel_malloc): Not enough memory to allocate 16 bytes for p.\n");
     EXPECT_EQ(outcome.out, "on\n");
     EXPECT_EQ(outcome.status, 0);
 }

@@ -1,0 +1,24 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// Whether the memory library is reporting: its report must reach a stream though nothing can be allocated any more.
+#ifndef ZEL_MSG_BASE_MEMORY_REPORT_H
+#define ZEL_MSG_BASE_MEMORY_REPORT_H
+
+namespace zel {
+
+// A report of the memory library is under way while such a record lives. They may stand in each other. A report that
+// ends the process stays under way in the exit handlers.
+struct MemoryReport {
+    MemoryReport();
+    MemoryReport(const MemoryReport &) = delete;
+    MemoryReport &operator=(const MemoryReport &) = delete;
+    ~MemoryReport();
+
+private:
+    const bool within_another_;
+};
+
+bool memory_report_under_way();
+
+} // namespace zel
+
+#endif
