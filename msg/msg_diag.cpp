@@ -10,6 +10,7 @@
 namespace {
 
 constexpr size_t kDiagnosticSize = 16384;
+constexpr size_t kSystemTextSize = 1024;
 using DiagnosticText = std::array<char, kDiagnosticSize>;
 
 // The text of a diagnostic line on its way to a stream: collected, so that a line is one write, and handed over when
@@ -40,6 +41,9 @@ void put(Outgoing &out, std::string_view piece) {
 // nothing to convert, so only the two conversions that take no argument are carried out; any other stands as it is.
 // Held by the tests MsgDiag.FourPercentSignsInTheFormatMakeOne and MsgDiag.TheSecondPassHasNothingToConvert.
 void write_second_pass(FILE *stream, std::string_view text, int error) {
+    // A copy: a stream that is written to may ask the C library for another text.
+    std::array<char, kSystemTextSize> system_text;
+    zel::format_text(system_text, "%s", strerror(error));
     Outgoing out = {.stream = stream, .text = {}};
     size_t percent;
     while ((percent = text.find('%')) != std::string_view::npos) {
@@ -47,7 +51,7 @@ void write_second_pass(FILE *stream, std::string_view text, int error) {
         const bool known = conversion == '%' || conversion == 'm';
         put(out, zel::first_part(text, percent + (conversion == 'm' ? 0 : 1)));
         if (conversion == 'm') {
-            put(out, strerror(error));
+            put(out, system_text.data());
         }
         text.remove_prefix(percent + (known ? 2 : 1));
     }

@@ -114,6 +114,13 @@ void init_streams() {
     msg_add_stream(MSG_WARNING | MSG_ERROR, stderr);
 }
 
+// By index: a stream that is written to may add streams, and the list moves.
+void force_list_to_disk(const MsgStreamDesc &desc) {
+    for (int32_t index = 0; index < desc.count; ++index) {
+        zel::msg::force_to_disk(desc.streams[index]);
+    }
+}
+
 template <typename Action>
 void for_each_type(int type_mask, Action action) {
     init_streams();
@@ -229,7 +236,7 @@ int msg_sync_mode(int type_mask, int mode) {
         result = mode;
         if (mode == 1 && desc->sync == 0) {
             desc->sync = 1;
-            std::for_each(desc->streams, desc->streams + desc->count, zel::msg::force_to_disk);
+            force_list_to_disk(*desc);
         }
     });
     return result;

@@ -2,9 +2,13 @@
 // Messages inside messages: a program's own stream writes one while it is written to.
 #include "msg_support.h"
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <csetjmp>
 #include <cstdlib>
+#include <cstring>
+#include <malloc.h>
 #include <support/interpose.h>
 
 using namespace zel::test;
@@ -175,6 +179,53 @@ TEST(MsgNested, TheErrorNumberIsClearAtEachAttempt) {
         fputs(seen.c_str(), stderr);
     });
     EXPECT_EQ(outcome.err, "0 0 ");
+}
+
+// ---- Lists and texts of the system that a stream changes meanwhile
+// ----------------------------------------------------
+
+TEST(MsgNested, AStreamMayAddStreamsWhileTheSyncModeForcesItToDisk) {
+    const Outcome outcome = run_messages([] {
+        // A list that grows moves, and its old place is spoilt.
+        const Interposed moving(hook::realloc, [](void *pointer, size_t size) {
+            void *moved = hook::malloc.real(size);
+            const size_t before = malloc_usable_size(pointer);
+            memcpy(moved, pointer, std::min(before, size));
+            memset(pointer, 0xFF, before);
+            return moved;
+        });
+        FILE *own = open_own_stream([](const std::string &) {
+            for (int count = 0; count < 20; ++count) {
+                msg_add_stream(MSG_DIAG, stdout);
+            }
+        });
+        std::array<char, 1000> buffer;
+        setvbuf(own, buffer.data(), _IOFBF, buffer.size());
+        msg_add_stream(MSG_DIAG, own);
+        msg_add_stream(MSG_DIAG, stderr);
+        fputs("text", own);
+        printf("%d ", msg_sync_mode(MSG_DIAG, 1));
+        printf("%d", _msg_get_stream_desc(MSG_DIAG)->count);
+        fclose(own);
+    });
+    EXPECT_EQ(outcome.out, "1 22");
+    EXPECT_EQ(outcome.status, 0);
+}
+
+TEST(MsgNested, AStreamMayAskForAnErrorTextWhileOneIsWrittenToIt) {
+    const Outcome outcome = run_messages([] {
+        // The C library keeps the text of one unknown error at a time.
+        msg_add_stream(MSG_DIAG, open_own_stream([](const std::string &piece) {
+                           strerror(7654321);
+                           fputs(piece.c_str(), stdout);
+                       }));
+        errno = 1234567;
+        // The text is longer than the buffer by now: it is handed over within the error text.
+        msg_diag("%s%%m.", std::string(16378, 'x').c_str());
+    });
+    EXPECT_EQ(outcome.out.substr(0, 16378), std::string(16378, 'x'));
+    EXPECT_EQ(outcome.out.substr(16378), "Unknown error 1234567.");
+    EXPECT_EQ(outcome.status, 0);
 }
 
 #ifndef ZEL_SMALL_CONSTANTS
