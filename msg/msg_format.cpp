@@ -2,6 +2,7 @@
 // Formatting a message of any length.
 #include <msg/base/format_growing.h>
 #include <msg/base/limits.h>
+#include <msg/base/memory_report.h>
 #include <msg/internal/format.h>
 #include <msg/msg.h>
 
@@ -17,7 +18,12 @@ struct TextArea {
     bool taken;
 };
 
-constinit TextArea area = {};
+struct TextAreas {
+    TextArea message; // of the message that finds it free
+    TextArea report;  // of a report of the memory library inside a message, when there is no other storage
+};
+
+constinit TextAreas areas = {};
 
 struct HeapStorage {
     static void *allocate(size_t size) { return malloc(size); }
@@ -25,32 +31,49 @@ struct HeapStorage {
     static void release(void *buffer) { free(buffer); }
 };
 
+struct Attempt {
+    char *text;         // null: it is not there
+    size_t size_needed; // to be asked for elsewhere; 0: the text is there, or cannot be had
+};
+
+// The area counts as taken while it is formatted in: what a conversion of the program's own writes goes elsewhere.
+__attribute__((format(printf, 2, 0))) Attempt format_in(TextArea &area, const char *format, va_list args) {
+    if (area.taken) {
+        return {.text = nullptr, .size_needed = zel::kFirstTextSize};
+    }
+    area.taken = true;
+    errno = 0;
+    const int length = zel::format_attempt(area.text.data(), area.text.size(), format, args);
+    if (zel::text_fits(length, area.text.size())) {
+        return {.text = area.text.data(), .size_needed = 0};
+    }
+    area.taken = false;
+    const bool lost = zel::text_is_lost(length);
+    return {.text = nullptr, .size_needed = lost ? 0 : zel::next_text_size(length, area.text.size())};
+}
+
 } // namespace
 
 namespace zel::msg {
 
-// The area counts as taken while it is formatted in: what a conversion of the program's own writes goes elsewhere.
 char *format_message(const char *format, va_list args) {
-    if (area.taken) {
-        return msg_vformat_alloc(format, args, kFirstTextSize);
+    const Attempt attempt = format_in(areas.message, format, args);
+    if (attempt.size_needed == 0) {
+        return attempt.text;
     }
-    area.taken = true;
-    errno = 0;
-    const int length = format_attempt(area.text.data(), area.text.size(), format, args);
-    if (text_fits(length, area.text.size())) {
-        return area.text.data();
+    char *text = msg_vformat_alloc(format, args, attempt.size_needed);
+    if (text == nullptr && memory_report_under_way()) {
+        return format_in(areas.report, format, args).text;
     }
-    area.taken = false;
-    if (text_is_lost(length)) {
-        return nullptr;
-    }
-    return msg_vformat_alloc(format, args, next_text_size(length, area.text.size()));
+    return text;
 }
 
 void release_message(char *text) {
-    if (text == area.text.data()) {
-        area.taken = false;
-        return;
+    for (TextArea *area : {&areas.message, &areas.report}) {
+        if (text == area->text.data()) {
+            area->taken = false;
+            return;
+        }
     }
     free(text);
 }
