@@ -15,6 +15,9 @@
 
 using namespace zel::test;
 
+#ifndef ZEL_SMALL_CONSTANTS
+// The fixed area holds the whole report.
+
 namespace {
 
 // What a program has done by the time its memory is exhausted.
@@ -57,9 +60,6 @@ struct NothingLeft {
 class NoMemoryLeft : public testing::TestWithParam<Situation> {};
 
 } // namespace
-
-#ifndef ZEL_SMALL_CONSTANTS
-// The fixed area of these holds the whole report.
 
 TEST_P(NoMemoryLeft, TheReportSaysWhoAskedForWhatAndHowMuch) {
     const Outcome outcome = run_messages([] {

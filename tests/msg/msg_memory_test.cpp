@@ -2,6 +2,7 @@
 // The message library when memory runs out.
 #include "msg_support.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <support/interpose.h>
@@ -31,6 +32,22 @@ std::function<void *(size_t)> malloc_failing_at(int nth) {
         void *pointer = hook::malloc.real(size);
         kept.at(static_cast<size_t>(calls++)) = pointer;
         return pointer;
+    };
+}
+
+// A realloc whose n-th call fails; what it moves stays kept.
+std::function<void *(void *, size_t)> realloc_failing_at(int nth) {
+    return [nth, calls = 0](void *pointer, size_t size) mutable -> void * {
+        if (calls++ == nth) {
+            errno = ENOMEM;
+            return nullptr;
+        }
+        void **slot = std::find(kept.begin(), kept.end(), pointer);
+        void *moved = hook::realloc.real(pointer, size);
+        if (slot != kept.end()) {
+            *slot = moved;
+        }
+        return moved;
     };
 }
 
@@ -181,7 +198,7 @@ TEST(MsgMemory, WhicheverReallocationFailsTheMessageIsReplacedByAFixedText) {
         ASSERT_LT(nth, 60);
         const Outcome outcome = run_messages([nth] {
             const Interposed keeping(hook::malloc, malloc_failing_at(-1));
-            const Interposed failing(hook::realloc, fail_nth(hook::realloc, nth, ENOMEM, nullptr));
+            const Interposed failing(hook::realloc, realloc_failing_at(nth));
             const Interposed unknown(hook::vsnprintf, length_unknown_below(100000));
             msg_print("%s", kLongText.c_str());
         });

@@ -192,6 +192,7 @@ TEST(MsgNested, AStreamMayAddStreamsWhileTheSyncModeForcesItToDisk) {
             const size_t before = malloc_usable_size(pointer);
             memcpy(moved, pointer, std::min(before, size));
             memset(pointer, 0xFF, before);
+            hook::free.real(pointer);
             return moved;
         });
         FILE *own = open_own_stream([](const std::string &) {
