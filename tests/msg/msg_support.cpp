@@ -5,6 +5,7 @@
 #include <array>
 #include <cstdarg>
 #include <cstdlib>
+#include <list>
 #include <unistd.h>
 
 namespace zel::test {
@@ -18,9 +19,10 @@ ssize_t write_piece(void *cookie, const char *text, size_t size) {
     return static_cast<ssize_t>(size);
 }
 
-int forget(void *cookie) {
-    delete static_cast<Write *>(cookie);
-    return 0;
+// What own streams do, for as long as the process lives: exit handlers may write to them.
+Write *keep(const Write &write) {
+    static auto *const kept = new std::list<Write>;
+    return &kept->emplace_back(write);
 }
 
 } // namespace
@@ -66,8 +68,8 @@ std::string contents(FILE *stream) {
 }
 
 FILE *open_own_stream(const std::function<void(const std::string &piece)> &write) {
-    const cookie_io_functions_t calls = {.read = nullptr, .write = write_piece, .seek = nullptr, .close = forget};
-    FILE *stream = fopencookie(new Write(write), "w", calls);
+    const cookie_io_functions_t calls = {.read = nullptr, .write = write_piece, .seek = nullptr, .close = nullptr};
+    FILE *stream = fopencookie(keep(write), "w", calls);
     setvbuf(stream, nullptr, _IONBF, 0);
     return stream;
 }
