@@ -34,6 +34,7 @@ HOOK(int, dup2, "dup2", (int from, int to), (from, to))
 HOOK(int, execvp, "execvp", (const char *file, char *const *argv), (file, argv))
 // The third argument of fcntl is passed on whether there is one or not.
 HOOK(int, fcntl, TIME64("fcntl64", "__fcntl_time64"), (int fd, int command, long argument), (fd, command, argument))
+HOOK(FILE *, fdopen, "fdopen", (int fd, const char *mode), (fd, mode))
 HOOK(int, fflush, "fflush", (FILE * stream), (stream))
 HOOK(char *, fgets, "fgets", (char *buffer, int size, FILE *stream), (buffer, size, stream))
 HOOK(FILE *, fopen, "fopen64", (const char *path, const char *mode), (path, mode))
@@ -43,14 +44,18 @@ HOOK(void, free, "free", (void *pointer), (pointer))
 HOOK(void, freeaddrinfo, "freeaddrinfo", (addrinfo * list), (list))
 HOOK(int, fstat, TIME64("fstat64", "__fstat64_time64"), (int fd, struct stat *status), (fd, status))
 HOOK(int, fsync, "fsync", (int fd), (fd))
+HOOK(int, ftruncate, "ftruncate64", (int fd, off_t length), (fd, length))
 HOOK(int, getaddrinfo, "getaddrinfo", (const char *host, const char *service, const addrinfo *hints, addrinfo **list),
      (host, service, hints, list))
+HOOK(unsigned long, getauxval, "getauxval", (unsigned long type), (type))
 HOOK(char *, getlogin, "getlogin", (), ())
 HOOK(passwd *, getpwuid, "getpwuid", (uid_t user), (user))
 HOOK(int, kill, "kill", (pid_t pid, int signal), (pid, signal))
 HOOK(int, listen, "listen", (int fd, int backlog), (fd, backlog))
 HOOK(tm *, localtime_r, TIME64("localtime_r", "__localtime64_r"), (const time_t *now, tm *local), (now, local))
 HOOK(void *, malloc, "malloc", (size_t size), (size))
+// The third argument of open is passed on whether there is one or not.
+HOOK(int, open, "open64", (const char *path, int flags, mode_t mode), (path, flags, mode))
 HOOK(int, ppoll, TIME64("ppoll", "__ppoll64"),
      (pollfd * entries, nfds_t count, const timespec *timeout, const sigset_t *blocked),
      (entries, count, timeout, blocked))
