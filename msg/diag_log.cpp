@@ -4,6 +4,7 @@
 #include <msg/diag_log.h>
 
 #include <components/platform/environment.h>
+#include <msg/base/log_file.h>
 #include <msg/base/text.h>
 #include <msg/base/variables.h>
 #include <msg/msg.h>
@@ -54,7 +55,7 @@ void attach_log() {
     if (!zel::format_text(path, "%s/zel%d%s.log", state.directory.data(), getpid(), login_name())) {
         return;
     }
-    FILE *file = fopen(path.data(), "w");
+    FILE *file = zel::open_log_file(path.data());
     if (file != nullptr) {
         msg_add_stream(MSG_DIAG, file);
     }

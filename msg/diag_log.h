@@ -6,7 +6,10 @@
  *   log-path = directory "/" "zel" pid login ".log"       /tmp/zel4711guest.log
  *
  * with the process number in decimal and the login name, if one is known, and adds it. A child made by fork writes into
- * its parent's file.
+ * its parent's file until it opens one of its own; a program that is executed does not inherit it.
+ *
+ * Others can foresee the name. A file that is there is taken, and emptied, only when it is a regular one of the
+ * effective user with a single link; nothing else under the name is followed, waited for or changed.
  *
  * Example:
  *
@@ -28,7 +31,8 @@ extern "C" {
  * Returns the directory that was tried, owned by the library and overwritten by the next call. Diagnostics stay off,
  * without a report, when it is empty, is no directory that the process may write, or the file cannot be opened. A
  * directory of more than 4095 characters is refused: "". The file stays open until the process ends, also when it is no
- * longer written. */
+ * longer written, so nobody may close its stream. What an earlier log of this process still holds is written out before
+ * a file is emptied, or discarded when it cannot be written: afterwards the file holds what comes after the call. */
 const char *msg_open_diag_log(const char *dir);
 
 /* The directory that the last msg_open_diag_log tried, unless that is ""; else the one that the environment names now,

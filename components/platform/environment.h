@@ -53,7 +53,9 @@ void platform_diag_startup(int32_t argc, char **argv, const char *name);
  * zelYYMMDDHHMMSS<name>.log is created or truncated, the month counted from 00. A directory that cannot be written is
  * replaced by the first set one of ZEL_TMPDIR, TMP and TEMP, else "/". name may be null.
  * Only the first call in a process acts. Sleeps one second before it opens a file. A file that cannot be opened, or
- * whose path would exceed 4095 characters, is left out without a report. The file stays open until the process ends. */
+ * whose path would exceed 4095 characters, is left out without a report. A file that is there is taken only when it is
+ * a regular one of the effective user with a single link; nothing else under the name is followed, waited for or
+ * changed. The file stays open until the process ends, above descriptor 2 and close-on-exec. */
 void platform_open_diagnostics(const char *name);
 
 /* The first word of the file dist/DISTRIBUTION below the directory that ZEL_DIST names, at most 255 characters of it;

@@ -4,6 +4,7 @@
 
 #include <components/platform/internal/path.h>
 #include <components/platform/internal/sleep.h>
+#include <msg/base/log_file.h>
 #include <msg/base/text.h>
 #include <msg/base/variables.h>
 #include <msg/msg.h>
@@ -61,7 +62,7 @@ void open_log(const char *directory, const char *name) {
     }
     // Names have a resolution of one second: whoever starts after this pause has another.
     zel::sleep_seconds(1);
-    FILE *file = fopen(path.data(), "w");
+    FILE *file = zel::open_log_file(path.data());
     if (file != nullptr) {
         msg_add_stream(MSG_DIAG, file);
     }

@@ -179,7 +179,7 @@ TEST_F(DiagLogDirectory, EachWayToFailDetachesAllStreamsOfDiagnosticsAndNoOthers
             set_variables("", {}, {});
             msg_add_stream(MSG_DIAG, stdout);
             msg_add_stream(MSG_DIAG, stderr);
-            const Interposed failing(hook::fopen, fail_always(hook::fopen, EACCES, nullptr));
+            const Interposed failing(hook::open, fail_always(hook::open, EACCES, -1));
             msg_open_diag_log(directory.c_str());
             msg_diag("lost\n");
             for (const int type : {MSG_INFO, MSG_DEBUG, MSG_WARNING, MSG_ERROR, MSG_DIAG}) {

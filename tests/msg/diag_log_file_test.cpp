@@ -22,15 +22,17 @@ namespace {
 
 // Each file that is opened is told on standard output, with the process number left out, and cannot be opened.
 struct ToldFiles {
-    Interposed<FILE *(const char *, const char *)> opening{
-        hook::fopen, [](const char *path, const char *mode) -> FILE * {
-            const std::string number = std::to_string(getpid());
-            std::string told = path;
-            const size_t position = told.rfind("/zel" + number);
-            told = position == std::string::npos ? "?" : told.replace(position + 4, number.size(), "N");
-            printf("%s %s\n", mode, told.c_str());
-            return nullptr;
-        }};
+    Interposed<int(const char *, int, mode_t)> opening{hook::open, [](const char *path, int, mode_t) {
+                                                           const std::string number = std::to_string(getpid());
+                                                           std::string told = path;
+                                                           const size_t position = told.rfind("/zel" + number);
+                                                           told = position == std::string::npos
+                                                                      ? "?"
+                                                                      : told.replace(position + 4, number.size(), "N");
+                                                           printf("open %s\n", told.c_str());
+                                                           errno = EACCES;
+                                                           return -1;
+                                                       }};
 };
 
 // The system answers with these login names, one after the other and the last again and again; null: none is known.
@@ -66,8 +68,8 @@ TEST_F(DiagLogFile, ItIsOpenedForWritingAloneUnderDirectoryNumberAndLogin) {
         msg_open_diag_log("/");
     });
     // Root may write to "/" where it is not read-only; for others nothing is opened there.
-    const std::string in_root = access("/", W_OK) == 0 ? "w //zelNguest.log\n" : "";
-    EXPECT_EQ(outcome.out, "w " + a.path + "/zelNguest.log\nw " + a.path + "//zelNguest.log\n" + in_root);
+    const std::string in_root = access("/", W_OK) == 0 ? "open //zelNguest.log\n" : "";
+    EXPECT_EQ(outcome.out, "open " + a.path + "/zelNguest.log\nopen " + a.path + "//zelNguest.log\n" + in_root);
 }
 
 TEST_F(DiagLogFile, PercentSignsInTheNamesAreTextLikeAnyOther) {
@@ -80,7 +82,7 @@ TEST_F(DiagLogFile, PercentSignsInTheNamesAreTextLikeAnyOther) {
         const Logins logins({"gu%dst%%"});
         msg_open_diag_log(folder.c_str());
     });
-    EXPECT_EQ(outcome.out, "w " + a.path + "/100%d%s/zelNgu%dst%%.log\n");
+    EXPECT_EQ(outcome.out, "open " + a.path + "/100%d%s/zelNgu%dst%%.log\n");
 }
 
 TEST_F(DiagLogFile, ALoginNameThatBecomesKnownIsUsedFromThenOn) {
@@ -92,8 +94,8 @@ TEST_F(DiagLogFile, ALoginNameThatBecomesKnownIsUsedFromThenOn) {
         }
         printf("asked %zu\n", logins.asked);
     });
-    const std::string unknown = "w " + a.path + "/zelN.log\n";
-    const std::string known = "w " + a.path + "/zelNguest.log\n";
+    const std::string unknown = "open " + a.path + "/zelN.log\n";
+    const std::string known = "open " + a.path + "/zelNguest.log\n";
     EXPECT_EQ(outcome.out, unknown + unknown + known + known + known + "asked 3\n");
 }
 
@@ -104,7 +106,7 @@ TEST_F(DiagLogFile, ALoginNameOf256CharactersIsWhole) {
         const Logins logins({name.c_str()});
         msg_open_diag_log(a.path.c_str());
     });
-    EXPECT_EQ(outcome.out, "w " + a.path + "/zelN" + std::string(255, 'n') + "m.log\n");
+    EXPECT_EQ(outcome.out, "open " + a.path + "/zelN" + std::string(255, 'n') + "m.log\n");
 }
 
 TEST_F(DiagLogFile, TheNumberIsThatOfTheProcessThatOpensIt) {
@@ -138,9 +140,9 @@ TEST_F(DiagLogFile, ALongerPathIsNotOpenedAtAll) {
     for (const size_t length : {4096U, 4097U, 4098U, 4099U, 4100U}) {
         const Outcome outcome = run_in_child([this, length] {
             const std::string folder = folder_for_path_of(a.path, length);
-            const Interposed opening(hook::fopen, [](const char *, const char *) -> FILE * {
+            const Interposed opening(hook::open, [](const char *, int, mode_t) {
                 printf("opened ");
-                return nullptr;
+                return -1;
             });
             printf("%d ", msg_open_diag_log(folder.c_str()) == folder ? 1 : 0);
             printf("%d", diagnostic_streams());
@@ -157,7 +159,7 @@ TEST_F(DiagLogFile, ItsStreamIsAddedToDiagnosticsAlone) {
         }
         const int fd = fileno(_msg_get_stream_desc(MSG_DIAG)->streams[0]);
         printf(" %s", (fcntl(fd, F_GETFL) & O_ACCMODE) == O_WRONLY ? "write only" : "?");
-        printf(" %s", (fcntl(fd, F_GETFD) & FD_CLOEXEC) == 0 ? "inherited" : "?");
+        printf(" %s", (fcntl(fd, F_GETFD) & FD_CLOEXEC) != 0 ? "close-on-exec" : "?");
     });
-    EXPECT_EQ(outcome.out, "11111 write only inherited");
+    EXPECT_EQ(outcome.out, "11111 write only close-on-exec");
 }

@@ -120,7 +120,7 @@ TEST_F(DiagLog, ADirectoryWithoutWritePermissionLeavesDiagnosticsOffWithoutAWord
 
 TEST_F(DiagLog, AFileThatCannotBeOpenedLeavesDiagnosticsOffWithoutAWord) {
     const Outcome outcome = run_in_child([this] {
-        const Interposed failing(hook::fopen, fail_always(hook::fopen, EMFILE, nullptr));
+        const Interposed failing(hook::open, fail_always(hook::open, EMFILE, -1));
         printf("%s ", msg_open_diag_log(a.path.c_str()));
         printf("%d\n", diagnostic_streams());
     });
@@ -255,10 +255,10 @@ TEST_F(DiagLog, AVeryLongLoginNameIsCutTo256Characters) {
         static std::string name(5000, 'n');
         const Interposed endless(hook::getlogin, [] { return name.data(); });
         // Longer than a file system takes, so the file is not opened but its path looked at.
-        const Interposed opening(hook::fopen, [this](const char *path, const char *) -> FILE * {
+        const Interposed opening(hook::open, [this](const char *path, int, mode_t) {
             const std::string expected = a.path + "/zel" + std::to_string(getpid()) + std::string(256, 'n') + ".log";
             printf("%s\n", path == expected ? "as expected" : path);
-            return nullptr;
+            return -1;
         });
         msg_open_diag_log(a.path.c_str());
     });

@@ -114,7 +114,7 @@ TEST(PlatformDiagnostics, AFileOfThatNameIsTruncated) {
 
 TEST(PlatformDiagnostics, ANullNameAddsNothingToTheFileName) {
     const Outcome outcome = open_without_files({{"ZEL_DIAGNOSTICS_PATH", "/tmp"}}, nullptr);
-    EXPECT_EQ(outcome.out, "sleep 1\nopen w /tmp/zel060207140509.log\n");
+    EXPECT_EQ(outcome.out, "sleep 1\nopen /tmp/zel060207140509.log\n");
 }
 
 TEST(PlatformDiagnostics, TheFileNameCarriesTheLocalTimeWithTheMonthFromZero) {
@@ -126,7 +126,7 @@ TEST(PlatformDiagnostics, TheFileNameCarriesTheLocalTimeWithTheMonthFromZero) {
             const NoFiles files;
             platform_open_diagnostics(nullptr);
         });
-        const std::string start = "sleep 1\nopen w /tmp/zel";
+        const std::string start = "sleep 1\nopen /tmp/zel";
         return outcome.out.substr(std::min(start.size(), outcome.out.size()));
     };
     EXPECT_EQ(stamp_of(kTuesday, "UTC0"), "060207140509.log\n");
@@ -144,7 +144,7 @@ TEST(PlatformDiagnostics, ATimeZoneThatTheProgramHasSetCounts) {
         setenv("TZ", "XYZ-2", 1);
         platform_open_diagnostics(nullptr);
     });
-    EXPECT_EQ(outcome.out, "sleep 1\nopen w /tmp/zel060207160509.log\n");
+    EXPECT_EQ(outcome.out, "sleep 1\nopen /tmp/zel060207160509.log\n");
 }
 
 TEST(PlatformDiagnostics, AnInterruptedPauseGoesOnUntilTheSecondHasPassed) {

@@ -20,7 +20,7 @@ Outcome run_with(const Variables &variables, const std::function<void()> &body) 
 }
 
 std::string opening(const std::string &directory, const std::string &name) {
-    return "sleep 1\nopen w " + directory + "/zel" + kTuesdayStamp + name + ".log\n";
+    return "sleep 1\nopen " + directory + "/zel" + kTuesdayStamp + name + ".log\n";
 }
 
 } // namespace zel::test

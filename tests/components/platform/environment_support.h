@@ -46,13 +46,19 @@ struct StandingClock {
                                          }};
 };
 
-// Every file that is opened is written to standard output as "open MODE PATH" and then cannot be opened.
+// Every file that is opened is written to standard output and then cannot be opened: as "open MODE PATH" when it is
+// opened as a stream, as "open PATH" when it is opened as a descriptor.
 struct NoFiles {
     Interposed<FILE *(const char *, const char *)> fopen{hook::fopen, [](const char *path, const char *mode) {
                                                              printf("open %s %s\n", mode, path);
                                                              errno = EACCES;
                                                              return static_cast<FILE *>(nullptr);
                                                          }};
+    Interposed<int(const char *, int, mode_t)> open{hook::open, [](const char *path, int, mode_t) {
+                                                        printf("open %s\n", path);
+                                                        errno = EACCES;
+                                                        return -1;
+                                                    }};
 };
 
 // What StandingClock and NoFiles write about a diagnostics file of kTuesday: the pause, then the opening.

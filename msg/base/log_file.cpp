@@ -1,0 +1,90 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// Opening a log file: what is under its name is looked at before it is changed.
+#include <msg/base/log_file.h>
+
+#include <cerrno>
+#include <fcntl.h>
+#include <stdio_ext.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace zel {
+
+namespace {
+
+constexpr int kNoDescriptor = -1;
+constexpr mode_t kMode = 0666; // what the file mode creation mask leaves of it
+
+// The stream opened last. No other can hold text: each is written out when the next is opened.
+struct State {
+    FILE *stream; // or null
+    pid_t owner;  // the process that opened it; a child made by fork inherits the stream, but its text is the parent's
+};
+
+constinit State state = {};
+
+// The descriptor moved above the standard ones, where it would be taken for the program's own input or output.
+int above_standard(int fd) {
+    if (fd > STDERR_FILENO || fd == kNoDescriptor) {
+        return fd;
+    }
+    const int moved = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    close(fd);
+    return moved;
+}
+
+bool is_own_file(int fd) {
+    struct stat status;
+    return fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == geteuid() && status.st_nlink == 1;
+}
+
+// Without waiting: a FIFO under the name may have no reader.
+int open_existing(const char *path) {
+    const int fd = open(path, O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, kMode);
+    if (fd == kNoDescriptor) {
+        return kNoDescriptor;
+    }
+    if (!is_own_file(fd) || fcntl(fd, F_SETFL, 0) != 0) { // 0: O_NONBLOCK off
+        close(fd);
+        return kNoDescriptor;
+    }
+    return fd;
+}
+
+int open_unchanged(const char *path) {
+    const int fd = open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kMode);
+    return above_standard(fd == kNoDescriptor && errno == EEXIST ? open_existing(path) : fd);
+}
+
+void write_out_last_stream() {
+    if (state.stream == nullptr || state.owner != getpid()) {
+        return;
+    }
+    if (fflush(state.stream) != 0) {
+        __fpurge(state.stream);
+    }
+}
+
+} // namespace
+
+// The stream is made before the file is emptied: an open that fails for lack of memory loses nothing.
+FILE *open_log_file(const char *path) {
+    const int fd = open_unchanged(path);
+    if (fd == kNoDescriptor) {
+        return nullptr;
+    }
+    FILE *stream = fdopen(fd, "w");
+    if (stream == nullptr) {
+        close(fd);
+        return nullptr;
+    }
+    write_out_last_stream();
+    if (ftruncate(fd, 0) != 0) {
+        fclose(stream);
+        return nullptr;
+    }
+    state = {.stream = stream, .owner = getpid()};
+    return stream;
+}
+
+} // namespace zel
