@@ -2,8 +2,10 @@
 // Environment variables, reports of failed system calls, the distribution name.
 #include <components/platform/environment.h>
 
+#include <components/platform/internal/descriptor.h>
 #include <components/platform/internal/path.h>
 #include <msg/base/text.h>
+#include <msg/base/variables.h>
 #include <msg/msg.h>
 
 #include <array>
@@ -23,6 +25,33 @@ struct State {
 };
 
 constinit State state = {};
+
+// Moves a file that stands on a standard descriptor, where it would be taken for the program's own input, above them.
+FILE *above_standard(FILE *file) {
+    if (fileno(file) > STDERR_FILENO) {
+        return file;
+    }
+    const int moved = zel::dup_above_standard(fileno(file));
+    fclose(file);
+    if (moved == -1) {
+        return nullptr;
+    }
+    FILE *again = fdopen(moved, "r");
+    if (again == nullptr) {
+        close(moved);
+    }
+    return again;
+}
+
+// Opens a file that stays open. Programs that are executed later do not inherit it.
+FILE *open_for_keeps(const char *path) {
+    FILE *opened = fopen(path, "r");
+    FILE *file = opened == nullptr ? nullptr : above_standard(opened);
+    if (file != nullptr) {
+        zel::set_close_on_exec(fileno(file));
+    }
+    return file;
+}
 
 bool read_first_word(FILE *file, std::array<char, kDistributionNameSize> &word) {
     static_assert(kDistributionNameSize == 256, "the conversion below names the size");
@@ -80,7 +109,7 @@ char *platform_dist_name() {
     if (root == nullptr || !zel::format_text(path, "%s/dist/DISTRIBUTION", root)) {
         return nullptr;
     }
-    FILE *file = fopen(path.data(), "r");
+    FILE *file = open_for_keeps(path.data());
     if (file == nullptr) {
         return nullptr;
     }

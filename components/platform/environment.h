@@ -60,7 +60,7 @@ void platform_open_diagnostics(const char *name);
 
 /* The first word of the file dist/DISTRIBUTION below the directory that ZEL_DIST names, at most 255 characters of it;
  * "" when the file holds none; null when the variable is unset or the file cannot be opened. The text is a static
- * buffer, overwritten by the next call. The file stays open: one descriptor a call. */
+ * buffer, overwritten by the next call. The file stays open: one descriptor a call, above 2 and close-on-exec. */
 char *platform_dist_name(void);
 
 /* 1 when the process may write to path and path is a directory, else 0; so also for a null path. */

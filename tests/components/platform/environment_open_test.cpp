@@ -102,3 +102,36 @@ TEST_F(PlatformKeptFile, ProgramsDoNotInheritTheDiagnosticsFile) {
     });
     EXPECT_EQ(outcome.out, "sleep 1\nclose-on-exec above");
 }
+
+TEST_F(PlatformKeptFile, TheDistributionFileStandsAboveTheStandardOnesAndIsNotInherited) {
+    std::filesystem::create_directory(folder.path + "/dist");
+    const std::string path = folder.path + "/dist/DISTRIBUTION";
+    write_file(path, "rel-4.2 final");
+    for (const bool without_input : {false, true}) {
+        const Outcome outcome = run_with({{"ZEL_DIST", folder.path}}, [&] {
+            if (without_input) {
+                close(STDIN_FILENO);
+            }
+            printf("%s ", platform_dist_name());
+            printf("%s", state_of(descriptor_of(path)).c_str());
+        });
+        EXPECT_EQ(outcome.out, "rel-4.2 close-on-exec above");
+    }
+}
+
+TEST_F(PlatformKeptFile, ADistributionFileThatMustMoveAndCannotGivesNoName) {
+    std::filesystem::create_directory(folder.path + "/dist");
+    write_file(folder.path + "/dist/DISTRIBUTION", "rel-4.2");
+    const auto with = [this](auto &hook, auto replacement) {
+        return run_with({{"ZEL_DIST", folder.path}},
+                        [&] {
+                            close(STDIN_FILENO);
+                            const Interposed failing(hook, replacement);
+                            printf("%s ", platform_dist_name() == nullptr ? "null" : "a name");
+                            printf("%d", descriptor_of(folder.path + "/dist/DISTRIBUTION"));
+                        })
+            .out;
+    };
+    EXPECT_EQ(with(hook::fcntl, fail_always(hook::fcntl, EMFILE, -1)), "null -1");
+    EXPECT_EQ(with(hook::fdopen, fail_always(hook::fdopen, ENOMEM, nullptr)), "null -1");
+}
