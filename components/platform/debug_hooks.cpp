@@ -11,6 +11,7 @@
 #include <array>
 #include <climits>
 #include <cstdlib>
+#include <poll.h>
 #include <strings.h>
 #include <unistd.h>
 
@@ -19,7 +20,7 @@ namespace {
 constexpr const char *kMarker = "__ZEL_DEBUG__";
 constexpr int32_t kScanBound = 511;
 constexpr unsigned kDefaultDelay = 30;
-constexpr size_t kPromptLineSize = 255;
+constexpr size_t kPromptLineLength = 254;
 
 // The caller's own arguments, ended by null.
 using ArgumentsBefore = std::array<char *, kScanBound>;
@@ -143,6 +144,36 @@ void delay(char **arguments) {
     zel::sleep_seconds(static_cast<unsigned>(std::clamp<long>(seconds, 0, INT_MAX)));
 }
 
+// Whether standard input is worth reading again after a read that failed. Whoever shares a terminal or a pipe with this
+// process may have made it non-blocking; the prompt waits all the same.
+bool wait_for_input() {
+    struct pollfd entry = {.fd = STDIN_FILENO, .events = POLLIN, .revents = 0};
+    return errno == EINTR || (errno == EAGAIN && (poll(&entry, 1, -1) != -1 || errno == EINTR));
+}
+
+// The next byte of standard input, or EOF. What stdio has read already comes before what the descriptor still holds;
+// the descriptor itself is read without stdio, which would take more than a byte.
+int next_byte() {
+    if (stdin->_IO_read_ptr < stdin->_IO_read_end) {
+        return getc(stdin);
+    }
+    unsigned char byte;
+    ssize_t count = read(STDIN_FILENO, &byte, 1);
+    while (count == -1 && wait_for_input()) {
+        count = read(STDIN_FILENO, &byte, 1);
+    }
+    return count == 1 ? byte : EOF;
+}
+
+// Takes one line and not a byte more: what follows belongs to whoever reads next, the program or one that it starts.
+// The end of the input is an answer like any other.
+void take_line() {
+    int byte = 0;
+    for (size_t taken = 0; taken < kPromptLineLength && byte != '\n' && byte != EOF; ++taken) {
+        byte = next_byte();
+    }
+}
+
 void prompt(char **arguments) {
     if (arguments[0] == nullptr) {
         fputs("ZEL_DEBUG prompt>\n", stderr);
@@ -153,9 +184,7 @@ void prompt(char **arguments) {
         fputs("\n", stderr);
     }
     fflush(stderr);
-    std::array<char, kPromptLineSize> line;
-    // The end of the input is an answer like any other.
-    [[maybe_unused]] const char *answer = fgets(line.data(), static_cast<int>(line.size()), stdin);
+    take_line();
 }
 
 [[noreturn]] void become_shell_command(const char *command) {

@@ -12,7 +12,8 @@
  * The request, a line of words separated by blanks or tabs; its first word counts in any case of letters:
  *
  *   delay [SECONDS]     sleeps that long, 30 seconds without a number; then the program goes on
- *   prompt [WORD...]    writes the words, or "ZEL_DEBUG prompt>", to standard error and waits for a line of input
+ *   prompt [WORD...]    writes the words, or "ZEL_DEBUG prompt>", to standard error and waits for a line of input. Of
+ *                       standard input it takes that line and not a byte more, and at most 254 characters of it.
  *   using [COMMAND]     becomes /bin/sh -c COMMAND; without a command the user's shell (SHELL, else tcsh)
  *   exec PROGRAM [ARG...]  becomes the program; PATH is not searched
  *

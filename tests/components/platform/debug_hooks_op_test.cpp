@@ -69,27 +69,6 @@ TEST(DebugOp, ADelayTakesItsSecondsFromTheFirstWord) {
     }
 }
 
-TEST(DebugOp, APromptWithWordsWritesEachAndABlank) {
-    EXPECT_EQ(run_hook({"prog"}, "prompt attach \t now").err, "attach now \n");
-}
-
-TEST(DebugOp, APromptReadsAtMost254Characters) {
-    const ScratchFolder folder;
-    write_file(folder.path + "/input", std::string(300, 'x') + "\n");
-    const Outcome outcome = run_in_child([&folder] {
-        if (freopen((folder.path + "/input").c_str(), "r", stdin) == nullptr) {
-            exit(2);
-        }
-        carry_out("prompt");
-        int left = 0;
-        while (getchar() != EOF) {
-            ++left;
-        }
-        printf("%d", left);
-    });
-    EXPECT_EQ(outcome.out, std::to_string(301 - 254));
-}
-
 TEST(DebugOp, UsingRunsAShellCommandLine) {
     EXPECT_EQ(run_hook({"prog"}, "using echo $((1 + 2)); exit 7").out, "3\n");
     EXPECT_EQ(run_hook({"prog"}, "using echo $((1 + 2)); exit 7").status, 7);
@@ -243,21 +222,6 @@ TEST(DebugOp, ALineBreakSeparatesNoWords) {
 TEST(DebugOp, PercentSignsAreTextLikeAnyOther) {
     EXPECT_EQ(run_hook({"prog"}, "prompt %d 100% %s").err, "%d 100% %s \n");
     EXPECT_EQ(run_hook({"prog"}, "fr%sob").err, "\"__ZEL_DEBUG__ fr%sob\" not a recognized debug op.\n");
-}
-
-TEST(DebugOp, APromptIsWrittenOutBeforeTheLineIsRead) {
-    for (const std::string request : {"prompt", "prompt attach now"}) {
-        const Outcome outcome = run_in_child([&request] {
-            hold_back_errors();
-            const Interposed reading(hook::fgets, [](char *, int size, FILE *stream) -> char * {
-                printf("%d from %s, written %ld", size, stream == stdin ? "standard input" : "?", errors_written());
-                return nullptr;
-            });
-            carry_out(request);
-        });
-        EXPECT_EQ(outcome.out, "255 from standard input, written " + std::to_string(outcome.err.size()));
-        EXPECT_EQ(outcome.err, request == "prompt" ? "ZEL_DEBUG prompt>\n" : "attach now \n");
-    }
 }
 
 TEST(DebugOp, WhatEndsTheProcessIsWrittenOutBeforeItsExitHandlersRun) {
