@@ -11,6 +11,8 @@
  * Others can foresee the name. A file that is there is taken, and emptied, only when it is a regular one of the
  * effective user with a single link; nothing else under the name is followed, waited for or changed.
  *
+ * In a process with rights that its caller lacks (set-user-ID and the like) the variables below count as unset.
+ *
  * Example:
  *
  *   msg_open_diag_log(NULL);               // the directory comes from the environment

@@ -6,6 +6,7 @@
 #include <components/platform/internal/allocation.h>
 #include <components/platform/internal/path.h>
 #include <components/platform/internal/sleep.h>
+#include <msg/base/variables.h>
 
 #include <algorithm>
 #include <array>
@@ -21,6 +22,10 @@ constexpr const char *kMarker = "__ZEL_DEBUG__";
 constexpr int32_t kScanBound = 511;
 constexpr unsigned kDefaultDelay = 30;
 constexpr size_t kPromptLineLength = 254;
+
+// What the environment says to the library; a program with raised rights does not hand it on.
+constexpr std::array<const char *, 8> kVariables = {
+    "ZEL_DEBUG", "ZEL_DIAGNOSTICS_PATH", "ZEL_DIAG_DIR", "ZEL_TMPDIR", "TMP", "TEMP", "ZEL_DIST", "ZEL_PERROR"};
 
 // The caller's own arguments, ended by null.
 using ArgumentsBefore = std::array<char *, kScanBound>;
@@ -244,7 +249,7 @@ void act_on_marker(int32_t index, int32_t *argc, char **argv, ArgumentsBefore &b
 }
 
 void act_on_variable(const char *program, ArgumentsBefore &before) {
-    const char *value = platform_getenv("ZEL_DEBUG");
+    const char *value = zel::variable("ZEL_DEBUG");
     if (value == nullptr || *value == '\0') {
         return;
     }
@@ -252,6 +257,15 @@ void act_on_variable(const char *program, ArgumentsBefore &before) {
     platform_setenv("ZEL_DEBUG", "");
     platform_debug_op(program, before.data(), request);
     free(request);
+}
+
+// No request is seen in a process with raised rights: it would run whatever its caller says with rights that the caller
+// lacks. Programs that are started from here may take such a process for an ordinary one.
+void start_with_raised_rights(int32_t argc, char **argv, const char *name) {
+    for (const char *variable : kVariables) {
+        unsetenv(variable);
+    }
+    platform_diag_startup(argc, argv, name);
 }
 
 } // namespace
@@ -267,6 +281,10 @@ void platform_debug_op(const char *program, char **args_before, const char *requ
 }
 
 void platform_debug_hooks_named(int32_t *argc, char **argv, const char *name) {
+    if (zel::has_raised_rights()) {
+        start_with_raised_rights(*argc, argv, name);
+        return;
+    }
     ArgumentsBefore before = {};
     const int32_t bound = std::min(*argc, kScanBound);
     const int32_t index = find_marker(bound, argv, before);

@@ -18,7 +18,13 @@
  *   exec PROGRAM [ARG...]  becomes the program; PATH is not searched
  *
  * An empty request is "using" with the user's shell. The started command finds in ZEL_EXE the program, in ZEL_EXE_PARMS
- * its own arguments and in ZEL_DEBUG_PROMPT "debug NAME".
+ * its own arguments and in ZEL_DEBUG_PROMPT "debug NAME". The arguments are joined with single blanks: one that holds a
+ * blank comes back as two.
+ *
+ * A process with rights that its caller lacks (set-user-ID and the like) sees no request. The marker and what follows
+ * stay ordinary arguments, and the variables that direct the library count as unset everywhere in it. The hook takes
+ * them out of the environment, so that no program that is started from here obeys them: ZEL_DEBUG, ZEL_PERROR,
+ * ZEL_DIAGNOSTICS_PATH, ZEL_DIAG_DIR, ZEL_DIST, ZEL_TMPDIR, TMP and TEMP.
  *
  * Example: stop a companion before it does anything, while its parent starts it as always, and look at it:
  *
@@ -51,7 +57,7 @@ void platform_debug_hooks_named(int32_t *argc, char **argv, const char *name);
 
 /* Carries out one request. program: argument 0. args_before: the program's own arguments, ended by null. Returns for
  * "delay" and "prompt" only. An unknown request, or a program that cannot be started, is a message on standard error
- * and exit(1). */
+ * and exit(1). It carries out what it is given, also with rights that the caller of the process lacks. */
 void platform_debug_op(const char *program, char **args_before, const char *request);
 
 #pragma GCC visibility pop

@@ -84,7 +84,7 @@ void platform_perror_init() {
         return;
     }
     state.error_report_chosen = true;
-    const char *value = platform_getenv("ZEL_PERROR");
+    const char *value = zel::variable("ZEL_PERROR");
     state.error_report = value != nullptr && *value != '\0' ? stdout : nullptr;
 }
 
@@ -104,7 +104,7 @@ void platform_perror(const char *text) {
 // DELIBERATE: the file stays open, so that the installed file can be told from /proc for as long as the process lives.
 // Held by the test PlatformDistName.TheFileStaysOpen.
 char *platform_dist_name() {
-    const char *root = platform_getenv("ZEL_DIST");
+    const char *root = zel::variable("ZEL_DIST");
     zel::PathBuffer path;
     if (root == nullptr || !zel::format_text(path, "%s/dist/DISTRIBUTION", root)) {
         return nullptr;

@@ -14,7 +14,8 @@
  *   }
  *
  * Variables read here, each once, at the moment that its operation states: ZEL_PERROR, ZEL_DIAGNOSTICS_PATH,
- * ZEL_TMPDIR, TMP, TEMP; and ZEL_DIST, on every call of platform_dist_name.
+ * ZEL_TMPDIR, TMP, TEMP; and ZEL_DIST, on every call of platform_dist_name. In a process with rights that its caller
+ * lacks (set-user-ID and the like) they count as unset.
  */
 #ifndef ZEL_COMPONENTS_PLATFORM_ENVIRONMENT_H
 #define ZEL_COMPONENTS_PLATFORM_ENVIRONMENT_H
@@ -26,7 +27,8 @@ extern "C" {
 #endif
 #pragma GCC visibility push(default)
 
-/* The value of an environment variable, or null when it is unset. The text belongs to the environment. */
+/* The value of an environment variable, or null when it is unset; whatever the rights of the process. The text belongs
+ * to the environment. */
 char *platform_getenv(const char *name);
 
 /* Sets an environment variable. Returns 0 always. The storage, from malloc, is handed to the environment and never

@@ -75,7 +75,7 @@ void platform_open_diagnostics(const char *name) {
         return;
     }
     destination_chosen = true;
-    const char *value = platform_getenv("ZEL_DIAGNOSTICS_PATH");
+    const char *value = zel::variable("ZEL_DIAGNOSTICS_PATH");
     if (value == nullptr || *value == '\0' || strcmp(value, "0") == 0) {
         return;
     }

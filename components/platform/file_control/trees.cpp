@@ -7,6 +7,7 @@
 #include <components/platform/internal/path.h>
 #include <components/platform/zel_pair_connection.h>
 #include <msg/base/text.h>
+#include <msg/base/variables.h>
 
 #include <cstdlib>
 #include <sys/stat.h>
@@ -30,11 +31,15 @@ constexpr Tool kRemove = {.in_bin = "/bin/rm", .in_usr_bin = "/usr/bin/rm", .nam
 constexpr Tool kCopy = {.in_bin = "/bin/cp", .in_usr_bin = "/usr/bin/cp", .name = "cp"};
 constexpr Tool kMove = {.in_bin = "/bin/mv", .in_usr_bin = "/usr/bin/mv", .name = "mv"};
 
+// Where the tool is, or null. The search path is the caller's: a process with raised rights does not go by it.
 const char *locate(const Tool &tool) {
     if (platform_is_executable(tool.in_bin)) {
         return tool.in_bin;
     }
-    return platform_is_executable(tool.in_usr_bin) ? tool.in_usr_bin : tool.name;
+    if (platform_is_executable(tool.in_usr_bin)) {
+        return tool.in_usr_bin;
+    }
+    return zel::has_raised_rights() ? nullptr : tool.name;
 }
 
 // The path as the tool must be given it: one that begins with "-" would be read as an option.
@@ -124,6 +129,9 @@ int platform_remove_tree(const char *path) {
         return 0;
     }
     const char *tool = locate(kRemove);
+    if (tool == nullptr) {
+        return 0;
+    }
     const ToolPath target(path);
     return succeeded(platform_spawnl(tool, tool, "-r", "-f", target.text, nullptr));
 }
@@ -133,6 +141,9 @@ int platform_copy_tree(const char *from, const char *to) {
         return 0;
     }
     const char *tool = locate(kCopy);
+    if (tool == nullptr) {
+        return 0;
+    }
     const ToolPath source(from);
     const ToolPath target(to);
     return succeeded(platform_spawnl(tool, tool, "-a", source.text, target.text, nullptr));
@@ -145,6 +156,9 @@ int platform_move_tree(const char *from, const char *to) {
         return 0;
     }
     const char *tool = locate(kMove);
+    if (tool == nullptr) {
+        return 0;
+    }
     const ToolPath source(from);
     const ToolPath target(to);
     return succeeded(platform_spawnl(tool, tool, "-f", source.text, target.text, nullptr));
