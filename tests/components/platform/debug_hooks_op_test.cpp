@@ -109,6 +109,15 @@ TEST(DebugOp, ExecStartsTheProgramWithItselfAsTheFirstArgument) {
     EXPECT_EQ(outcome.out, program + " 2 a|b\n[debug prog]\n[/opt/x/prog]\n[own]\n[]\n");
 }
 
+TEST(DebugOp, ExecOfAProgramWithoutArgumentsGivesItItsNameAlone) {
+    const ScratchFolder folder;
+    const std::string program = script(folder, "program", "echo \"$0 $#\"");
+    const Outcome outcome = run_hook({"prog", "own", "__ZEL_DEBUG__", "exec", program});
+    EXPECT_EQ(outcome.out, program + " 0\n");
+    EXPECT_EQ(outcome.err, "");
+    EXPECT_EQ(outcome.status, 0);
+}
+
 TEST(DebugOp, ExecDoesNotSearchThePath) {
     const Outcome outcome = run_hook({"prog"}, "exec echo");
     EXPECT_EQ(outcome.out, "");
