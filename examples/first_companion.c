@@ -1,5 +1,6 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // A first companion: it doubles each number that its parent sends, until the stream ends.
+#include <components/platform/debug_hooks.h>
 #include <components/platform/zel_pair_connection.h>
 #include <msg/msg.h>
 
@@ -16,8 +17,9 @@ static int receive(PairHandle *pair, uint32_t *value) {
     return 1;
 }
 
-int main(void) {
-    PairHandle *pair = platform_pair_child_open("FIRST_PAIR", 0, 1); // first thing, before any other use of the pair
+int main(int argc, char **argv) {
+    platform_debug_hooks(&argc, argv);                               // first thing in every program
+    PairHandle *pair = platform_pair_child_open("FIRST_PAIR", 0, 1); // before any other use of the pair
     if (!platform_pair_ok(pair)) {
         msg_fatal("Cannot open the pair: %s (%d)", platform_pair_errstr(pair), platform_pair_errno(pair));
     }

@@ -1,5 +1,6 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // A first parent: it starts its companion, sends a number, prints the answer. Usage: first_parent [COMPANION]
+#include <components/platform/debug_hooks.h>
 #include <components/platform/zel_pair_connection.h>
 #include <msg/msg.h>
 
@@ -17,6 +18,7 @@ static int receive(PairHandle *pair, uint32_t *value) {
 }
 
 int main(int argc, char **argv) {
+    platform_debug_hooks(&argc, argv); // first thing in every program
     const char *companion = argc > 1 ? argv[1] : "./first_companion";
     const int stdio_fds[3] = {0, 1, 2}; // the companion shares our input, output and errors
     PairHandle *pair = platform_pair_parent_open_lp("FIRST_PAIR", 1, 1, companion, stdio_fds, companion, (char *) NULL);

@@ -16,6 +16,7 @@
 //
 // The steps of a program that wants to be watched: switch the heap on before the first allocation (main), say at each
 // allocation who asks and for what (everywhere below), ask for the report at the end (leak).
+#include <components/platform/debug_hooks.h>
 #include <malloc/debug_heap.h>
 #include <malloc/zel_malloc.h>
 #include <msg/msg.h>
@@ -106,6 +107,7 @@ const Mistake &find_mistake(std::string_view name) {
 } // namespace
 
 int main(int argc, char **argv) {
+    platform_debug_hooks(&argc, argv);
     const bool verify = argc > 1 && std::string_view(argv[1]) == "--verify";
     const int mistake = verify ? 2 : 1;
     if (argc != mistake + 1) {

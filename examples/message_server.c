@@ -14,6 +14,7 @@
 // "sum" CR LF "5" CR LF CR LF.
 //
 // Exit status: 0 after "stop", 1 when the server could not be opened or can accept nobody any more.
+#include <components/platform/debug_hooks.h>
 #include <components/platform/socket.h>
 #include <msg/msg.h>
 
@@ -97,6 +98,7 @@ static void serve(int client) {
 }
 
 int main(int argc, char **argv) {
+    platform_debug_hooks(&argc, argv);
     int port;
     int listening = platform_server_socket_open(FIRST_PORT, END_PORT, &port);
     if (listening == -1) {

@@ -1,11 +1,12 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // Counts the lines, words and bytes of text files, and their most frequent words, in a companion process.
 //
-//   word_count [--hybrid] [--companion PROGRAM] [--] [FILE...]
+//   word_count [--hybrid] [--companion PROGRAM] [--debug REQUEST] [--] [FILE...]
 //
 //   --hybrid             talk to the companion over TCP on localhost instead of an inherited descriptor
 //   --companion PROGRAM  the companion: a path, or a name searched along PATH; without it word_count_companion in the
 //                        folder of this program
+//   --debug REQUEST      what the companion's start-up hook is asked for; a request in ZEL_DEBUG stops this program
 //   FILE                 without any: README.md, CONTRIBUTING.md and LICENSE of the source tree that this program was
 //                        built from, found from the folder of this program
 //
@@ -38,6 +39,8 @@
 #include "word_count_link.h"
 #include "word_count_protocol.h"
 
+#include <components/platform/debug_hooks.h>
+#include <components/platform/environment.h>
 #include <components/platform/socket.h>
 #include <components/platform/zel_pair_connection.h>
 #include <msg/msg.h>
@@ -70,6 +73,7 @@ struct Text {
 struct Options {
     bool hybrid = false;
     std::string companion;
+    std::string debug; // the request for the companion's start-up hook, or ""
     std::vector<Text> texts;
 };
 
@@ -264,7 +268,7 @@ std::vector<Text> default_texts() {
 
 bool refuse_arguments(const std::string &reason) {
     msg_error("%s", reason.c_str());
-    MSG_CONT("Usage: word_count [--hybrid] [--companion PROGRAM] [--] [FILE...]");
+    MSG_CONT("Usage: word_count [--hybrid] [--companion PROGRAM] [--debug REQUEST] [--] [FILE...]");
     return false;
 }
 
@@ -272,6 +276,13 @@ void add_texts(Options &options, char **files) {
     for (char **file = files; *file != nullptr; ++file) {
         options.texts.push_back({.path = *file, .name = visible(*file, kVisibleName)});
     }
+}
+
+std::string reason_against(std::string_view option) {
+    if (option == "--companion") {
+        return "--companion needs a program.";
+    }
+    return option == "--debug" ? "--debug needs a request." : visible(option, kVisibleName) + " is no option.";
 }
 
 // Options come first. Behind "--" a FILE may begin with two hyphens.
@@ -286,9 +297,10 @@ bool parse_options(char **argument, Options &options) {
             options.hybrid = true;
         } else if (option == "--companion" && argument[1] != nullptr) {
             options.companion = *++argument;
+        } else if (option == "--debug" && argument[1] != nullptr) {
+            options.debug = *++argument;
         } else {
-            return refuse_arguments(option == "--companion" ? "--companion needs a program."
-                                                            : visible(option, kVisibleName) + " is no option.");
+            return refuse_arguments(reason_against(option));
         }
     }
     add_texts(options, argument);
@@ -305,6 +317,9 @@ void fill_in_defaults(Options &options) {
 }
 
 ExitStatus run(const Options &options) {
+    if (!options.debug.empty()) {
+        platform_setenv("ZEL_DEBUG", options.debug.c_str());
+    }
     Companion companion = {.program = options.companion};
     if (!start_companion(companion, options.hybrid)) {
         return kCompanionFailed;
@@ -320,6 +335,7 @@ ExitStatus run(const Options &options) {
 } // namespace
 
 int main(int argc, char **argv) {
+    platform_debug_hooks(&argc, argv);
     Options options;
     if (!parse_options(argv + std::min(argc, 1), options)) {
         return kWrongArguments;

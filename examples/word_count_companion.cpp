@@ -167,11 +167,10 @@ PairHandle *open_pair() {
 
 } // namespace
 
-// The debug hook comes first of all, so that ZEL_DEBUG can stop this process before it has done anything. The parent
-// does not call it: the variable is meant for the companion, and whoever takes it empties it.
+// The debug hook comes first of all, so that a request can stop this process before it has done anything. The parent
+// hands one on with its option --debug.
 int main(int argc, char **argv) {
-    int32_t count = argc;
-    platform_debug_hooks(&count, argv);
+    platform_debug_hooks(&argc, argv);
     msg_set_mp_prefix("word_count_companion: "); // our lines and the parent's may go to the same terminal
     service.pair = open_pair();
     MsgBuf *buffer = platform_msgbuf_create(kMessageRoom);

@@ -7,7 +7,8 @@
  *   - on the command line: the word __ZEL_DEBUG__, in any case of letters, and the request behind it. Both are cut from
  *     the arguments before the program sees them. No diagnostics file is opened and nothing echoed then.
  *   - in the environment: ZEL_DEBUG=request. The variable is emptied first, so that a program started from here does
- *     not stop again.
+ *     not stop again. The first program that calls the hook takes the request: a parent that calls it sets ZEL_DEBUG
+ *     for its companion itself, or a script that sets the variable stands in for the companion.
  *
  * The request, a line of words separated by blanks or tabs; its first word counts in any case of letters:
  *
@@ -29,11 +30,10 @@
  * Example: stop a companion before it does anything, while its parent starts it as always, and look at it:
  *
  *   int main(int argc, char **argv) {
- *       int32_t count = argc;
- *       platform_debug_hooks(&count, argv);
+ *       platform_debug_hooks(&argc, argv);
  *       ...
  *
- *   $ ZEL_DEBUG='using gdb --args $ZEL_EXE $ZEL_EXE_PARMS' ./companion
+ *   $ ZEL_DEBUG='using gdb --args "$ZEL_EXE" $ZEL_EXE_PARMS' ./companion
  */
 #ifndef ZEL_COMPONENTS_PLATFORM_DEBUG_HOOKS_H
 #define ZEL_COMPONENTS_PLATFORM_DEBUG_HOOKS_H

@@ -4,9 +4,8 @@
 #include <msg/msg.h>
 
 int main(int argc, char **argv) {
-    int32_t count = argc;
-    platform_debug_hooks(&count, argv);
-    for (int32_t place = 1; place < count; ++place) {
+    platform_debug_hooks(&argc, argv);
+    for (int32_t place = 1; place < argc; ++place) {
         msg_print("%s", argv[place]);
     }
     return 0;

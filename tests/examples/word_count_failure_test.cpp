@@ -13,7 +13,8 @@ using Clock = std::chrono::steady_clock;
 
 enum ExitStatus { kTextUnreadable = 1, kCompanionFailed = 2, kWrongArguments = 3, kOutputFailed = 4 };
 
-constexpr const char *kUsage = "       Usage: word_count [--hybrid] [--companion PROGRAM] [--] [FILE...]\n";
+constexpr const char *kUsage = "       Usage: word_count [--hybrid] [--companion PROGRAM] [--debug REQUEST]\n"
+                               "       [--] [FILE...]\n";
 // Far below what a hang would take, far above what a slow machine needs.
 constexpr auto kInTime = std::chrono::seconds(30);
 
@@ -238,6 +239,12 @@ TEST_P(WordCountFailure, AnUnknownOptionIsRefused) {
 TEST_P(WordCountFailure, TheCompanionOptionNeedsAProgram) {
     const Outcome outcome = count({"--companion"});
     EXPECT_EQ(outcome.err, std::string("Error: --companion needs a program.\n") + kUsage);
+    EXPECT_EQ(outcome.status, kWrongArguments);
+}
+
+TEST_P(WordCountFailure, TheDebugOptionNeedsARequest) {
+    const Outcome outcome = count({"--debug"});
+    EXPECT_EQ(outcome.err, std::string("Error: --debug needs a request.\n") + kUsage);
     EXPECT_EQ(outcome.status, kWrongArguments);
 }
 

@@ -244,10 +244,22 @@ TEST_P(WordCount, VariablesAndSignalsThatItInheritsDoNotMislead) {
     EXPECT_EQ(outcome.status, 0);
 }
 
-TEST_P(WordCount, ADelayThatIsAskedForStopsTheCompanionAlone) {
+// The request starts again who was asked, and says so on standard error.
+constexpr const char *kStartAgain = "using echo \"${ZEL_DEBUG_PROMPT#debug }\" >&2; exec \"$ZEL_EXE\" $ZEL_EXE_PARMS";
+
+TEST_P(WordCount, ItsOptionStopsTheCompanionAlone) {
     const std::string path = text("text", "one two\n");
-    const Outcome outcome = count({path}, {"ZEL_DEBUG=delay 1"});
+    const Outcome outcome = count({"--debug", kStartAgain, path});
     EXPECT_EQ(outcome.out, expected_report(path) + kEndedWell);
+    EXPECT_EQ(outcome.err, "word_count_companion\n");
+    EXPECT_EQ(outcome.status, 0);
+}
+
+TEST_P(WordCount, ARequestInTheVariableStopsTheParentAlone) {
+    const std::string path = text("text", "one two\n");
+    const Outcome outcome = count({path}, {"ZEL_DEBUG=" + std::string(kStartAgain)});
+    EXPECT_EQ(outcome.out, expected_report(path) + kEndedWell);
+    EXPECT_EQ(outcome.err, "word_count\n");
     EXPECT_EQ(outcome.status, 0);
 }
 

@@ -5,12 +5,15 @@
 #include <support/files.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <pty.h>
+#include <regex>
 #include <string>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 using namespace zel::test;
@@ -137,9 +140,40 @@ TEST(DebugHooksSession, AProgramThatIsStartedInItsOwnPlaceRunsNormally) {
 
 TEST(DebugHooksSession, TheProgramIsStartedAgainByWhatTheHookLeftInTheEnvironment) {
     const Outcome outcome =
-        run_with("using echo again; exec $ZEL_EXE $ZEL_EXE_PARMS", {companion_path("hook_probe"), "a", "b"});
+        run_with("using echo again; exec \"$ZEL_EXE\" $ZEL_EXE_PARMS", {companion_path("hook_probe"), "a", "b"});
     EXPECT_EQ(outcome.out, "again\nrunning with 3 a b\n");
     EXPECT_EQ(outcome.status, 0);
+}
+
+// Each request of a recipe in the document that starts the program again: what stands between the quotes.
+std::vector<std::string> recipes_in(const std::string &document) {
+    std::vector<std::string> recipes;
+    const std::regex quoted("'(using [^']*ZEL_EXE[^']*)'");
+    for (std::sregex_iterator match(document.begin(), document.end(), quoted), end; match != end; ++match) {
+        recipes.push_back((*match)[1]);
+    }
+    return recipes;
+}
+
+// The debugger of the recipes is a script here that starts what it is given.
+TEST(DebugHooksSession, TheRecipesStartAProgramInAFolderWithABlankAgain) {
+    const ScratchFolder folder;
+    const std::string program = folder.path + "/hook probe";
+    std::filesystem::copy_file(companion_path("hook_probe"), program);
+    write_file(folder.path + "/gdb", "#!/bin/sh\nshift\nexec \"$@\"\n");
+    std::filesystem::permissions(folder.path + "/gdb", std::filesystem::perms::all);
+    for (const auto &[document, count] : {std::pair("README.md", 3), {"components/platform/debug_hooks.h", 1}}) {
+        const std::vector<std::string> recipes = recipes_in(read_file(std::string(ZEL_SOURCE_DIR "/") + document));
+        EXPECT_EQ(recipes.size(), static_cast<size_t>(count)) << document;
+        for (const std::string &recipe : recipes) {
+            const Outcome outcome = run_in_child([&] {
+                setenv("PATH", (folder.path + ":/usr/bin:/bin").c_str(), 1);
+                setenv("ZEL_DEBUG", recipe.c_str(), 1);
+                become({program, "a", "b"});
+            });
+            EXPECT_EQ(outcome.out, "running with 3 a b\n") << recipe << outcome.err;
+        }
+    }
 }
 
 // The pair's descriptor goes through the shell and the debugger to the companion, so parent and companion talk as
@@ -147,9 +181,10 @@ TEST(DebugHooksSession, TheProgramIsStartedAgainByWhatTheHookLeftInTheEnvironmen
 TEST(DebugHooksSession, ACompanionRunsUnderTheDebuggerWhileItsParentStartsItAsAlways) {
     const ScratchFolder folder;
     write_file(folder.path + "/text", "one two two\n");
-    const Outcome outcome = run_with("using gdb -nx -batch -iex 'set debuginfod enabled off' -ex 'break main' -ex run "
-                                     "-ex 'info inferiors' -ex continue --args $ZEL_EXE $ZEL_EXE_PARMS",
-                                     {ZEL_BINARY_DIR "/examples/word_count", folder.path + "/text"});
+    const char *request = "using gdb -nx -batch -iex 'set debuginfod enabled off' -ex 'break main' -ex run "
+                          "-ex 'info inferiors' -ex continue --args \"$ZEL_EXE\" $ZEL_EXE_PARMS";
+    const Outcome outcome =
+        run_with("", {ZEL_BINARY_DIR "/examples/word_count", "--debug", request, folder.path + "/text"});
     EXPECT_TRUE(contains(outcome.out, "Breakpoint 1, main")) << outcome.out << outcome.err;
     EXPECT_TRUE(contains(outcome.out, "word_count_companion")) << outcome.out;
     EXPECT_TRUE(contains(outcome.out, "    words            3\n")) << outcome.out;
