@@ -27,8 +27,8 @@
  *   Null         A pointer argument must not be null unless its declaration says what null means.
  *   Threads      None. All state is process-wide and unguarded; a process uses the runtime from one thread. A child
  *                made by fork inherits the state as it stands.
- *   errno        Kept by platform_perror and msg_diag; cleared by the other output calls; after a failure it says why.
- *                Any other call may change it.
+ *   errno        Kept by platform_perror and msg_diag; cleared by the other output calls. After a failure it says why
+ *                where the declaration says so; elsewhere a failure may leave it alone. Any other call may change it.
  *   Language     Every header compiles as C11 and as C++17 or later.
  */
 #ifndef ZEL_H
