@@ -67,7 +67,8 @@ int platform_match(const char *name, const char *pattern);
 
 /* Run the system's rm -r -f, cp -a and mv -f, and wait. Return 1 when the tool ended with status 0. They inherit the
  * standard descriptors, so what they complain of is seen. Only a directory that the process may write is moved: for
- * anything else platform_move_tree returns 0 and runs nothing. */
+ * anything else platform_move_tree returns 0 and runs nothing. A process with rights that its caller lacks takes the
+ * tools from /bin and /usr/bin alone, any other also along PATH; without the tool the result is 0. */
 int platform_remove_tree(const char *path);
 int platform_copy_tree(const char *from, const char *to);
 int platform_move_tree(const char *from, const char *to);
