@@ -38,6 +38,9 @@ inline constexpr int32_t kLineTableSize = kSmall ? 1 : 64;
 // own.
 inline constexpr size_t kFramingSize = kSmall ? 8 : 8192;
 
+// Directories that a removal holds by descriptor. It reaches those above them again on its way back.
+inline constexpr size_t kHeldLevels = kSmall ? 2 : 32;
+
 } // namespace zel
 
 #endif

@@ -43,6 +43,8 @@ HOOK(int, fputs, "fputs", (const char *text, FILE *stream), (text, stream))
 HOOK(void, free, "free", (void *pointer), (pointer))
 HOOK(void, freeaddrinfo, "freeaddrinfo", (addrinfo * list), (list))
 HOOK(int, fstat, TIME64("fstat64", "__fstat64_time64"), (int fd, struct stat *status), (fd, status))
+HOOK(int, fstatat, TIME64("fstatat64", "__fstatat64_time64"),
+     (int fd, const char *name, struct stat *status, int flags), (fd, name, status, flags))
 HOOK(int, fsync, "fsync", (int fd), (fd))
 HOOK(int, ftruncate, "ftruncate64", (int fd, off_t length), (fd, length))
 HOOK(int, getaddrinfo, "getaddrinfo", (const char *host, const char *service, const addrinfo *hints, addrinfo **list),
@@ -50,12 +52,17 @@ HOOK(int, getaddrinfo, "getaddrinfo", (const char *host, const char *service, co
 HOOK(unsigned long, getauxval, "getauxval", (unsigned long type), (type))
 HOOK(char *, getlogin, "getlogin", (), ())
 HOOK(passwd *, getpwuid, "getpwuid", (uid_t user), (user))
+HOOK(int, glob, TIME64("glob64", "__glob64_time64"),
+     (const char *pattern, int flags, int (*on_error)(const char *, int), glob_t *record),
+     (pattern, flags, on_error, record))
 HOOK(int, kill, "kill", (pid_t pid, int signal), (pid, signal))
 HOOK(int, listen, "listen", (int fd, int backlog), (fd, backlog))
 HOOK(tm *, localtime_r, TIME64("localtime_r", "__localtime64_r"), (const time_t *now, tm *local), (now, local))
 HOOK(void *, malloc, "malloc", (size_t size), (size))
 // The third argument of open is passed on whether there is one or not.
 HOOK(int, open, "open64", (const char *path, int flags, mode_t mode), (path, flags, mode))
+// The mode of openat is passed on whether there is one or not.
+HOOK(int, openat, "openat64", (int fd, const char *name, int flags, mode_t mode), (fd, name, flags, mode))
 HOOK(int, ppoll, TIME64("ppoll", "__ppoll64"),
      (pollfd * entries, nfds_t count, const timespec *timeout, const sigset_t *blocked),
      (entries, count, timeout, blocked))
@@ -78,6 +85,7 @@ HOOK(int, socketpair, "socketpair", (int family, int type, int protocol, int *fd
 HOOK(int, statvfs, "statvfs64", (const char *path, struct statvfs *status), (path, status))
 HOOK(long, sysconf, "sysconf", (int name), (name))
 HOOK(time_t, time, TIME64("time", "__time64"), (time_t * now), (now))
+HOOK(int, unlinkat, "unlinkat", (int fd, const char *name, int flags), (fd, name, flags))
 HOOK(int, vsnprintf, "vsnprintf", (char *buffer, size_t size, const char *format, va_list args),
      (buffer, size, format, args))
 HOOK(pid_t, waitpid, "waitpid", (pid_t pid, int *status, int options), (pid, status, options))

@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <ctime>
 #include <functional>
+#include <glob.h>
 #include <netdb.h>
 #include <poll.h>
 #include <pwd.h>
@@ -97,17 +98,20 @@ extern Hook<int(const char *, FILE *)> fputs;
 extern Hook<void(void *)> free;
 extern Hook<void(addrinfo *)> freeaddrinfo;
 extern Hook<int(int, struct stat *)> fstat;
+extern Hook<int(int, const char *, struct stat *, int)> fstatat;
 extern Hook<int(int)> fsync;
 extern Hook<int(int, off_t)> ftruncate;
 extern Hook<int(const char *, const char *, const addrinfo *, addrinfo **)> getaddrinfo;
 extern Hook<unsigned long(unsigned long)> getauxval;
 extern Hook<char *()> getlogin;
 extern Hook<passwd *(uid_t)> getpwuid;
+extern Hook<int(const char *, int, int (*)(const char *, int), glob_t *)> glob;
 extern Hook<int(pid_t, int)> kill;
 extern Hook<int(int, int)> listen;
 extern Hook<tm *(const time_t *, tm *)> localtime_r;
 extern Hook<void *(size_t)> malloc;
 extern Hook<int(const char *, int, mode_t)> open;
+extern Hook<int(int, const char *, int, mode_t)> openat;
 extern Hook<int(pollfd *, nfds_t, const timespec *, const sigset_t *)> ppoll;
 extern Hook<void *(void *, size_t)> realloc;
 extern Hook<int(const char *)> remove;
@@ -124,6 +128,7 @@ extern Hook<int(int, int, int, int *)> socketpair;
 extern Hook<int(const char *, struct statvfs *)> statvfs;
 extern Hook<long(int)> sysconf;
 extern Hook<time_t(time_t *)> time;
+extern Hook<int(int, const char *, int)> unlinkat;
 extern Hook<int(char *, size_t, const char *, va_list)> vsnprintf;
 extern Hook<pid_t(pid_t, int *, int)> waitpid;
 extern Hook<ssize_t(int, const void *, size_t)> write;

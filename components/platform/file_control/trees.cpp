@@ -1,17 +1,14 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// Trees: removed, copied and moved by the system's tools, and removed in this process.
+// Trees: removed, copied and moved by the system's tools.
 #include <components/platform/file_control.h>
 
 #include <components/platform/environment.h>
 #include <components/platform/internal/allocation.h>
-#include <components/platform/internal/path.h>
 #include <components/platform/zel_pair_connection.h>
 #include <msg/base/text.h>
 #include <msg/base/variables.h>
 
 #include <cstdlib>
-#include <sys/stat.h>
-#include <unistd.h>
 
 namespace {
 
@@ -64,64 +61,6 @@ int succeeded(int32_t pid) {
     return pid != -1 && platform_wait_child(pid, &status) == pid && status == 0 ? 1 : 0;
 }
 
-// ---- Removal in this process ----------------------------------------------------------------------------------------
-
-bool is_special(char character) {
-    return strchr("[]*?\\", character) != nullptr;
-}
-
-// The directory's own name as a pattern that matches nothing else.
-char *escape(const char *path) {
-    auto *escaped = static_cast<char *>(zel::allocate_or_end(2 * strlen(path) + 1, "platform_remove_dir"));
-    char *end = escaped;
-    for (const char *from = path; *from != '\0'; ++from) {
-        if (is_special(*from)) {
-            *end++ = '\\';
-        }
-        *end++ = *from;
-    }
-    *end = '\0';
-    return escaped;
-}
-
-bool is_self_or_parent(const char *path) {
-    const std::string_view name = zel::last_component(path);
-    return name == "." || name == "..";
-}
-
-// A link is an entry of its own, whatever it points to; also one that points nowhere.
-bool remove_entry(const char *path) {
-    struct stat status;
-    if (lstat(path, &status) != 0) {
-        return true;
-    }
-    return S_ISDIR(status.st_mode) ? platform_remove_dir(path) != 0 : remove(path) == 0;
-}
-
-bool remove_entries(const PlatformFileList &list) {
-    for (uint32_t index = 0; index < list.count; ++index) {
-        const char *path = list.paths[index];
-        if (!is_self_or_parent(path) && !remove_entry(path)) {
-            return false;
-        }
-    }
-    return true;
-}
-
-// Whether the path is itself a directory and not a link to one. A "/" behind a link's name would lead through it. Kept
-// out of line: each level of a tree that is removed would have a path buffer on the stack.
-[[gnu::noinline]] bool is_directory_itself(const char *path) {
-    zel::PathBuffer bare;
-    struct stat status;
-    if (!zel::format_text(bare, "%s", path)) {
-        return false;
-    }
-    for (size_t length = strlen(bare.data()); length > 1 && bare[length - 1] == '/'; --length) {
-        bare[length - 1] = '\0';
-    }
-    return lstat(bare.data(), &status) == 0 && S_ISDIR(status.st_mode);
-}
-
 } // namespace
 
 int platform_remove_tree(const char *path) {
@@ -162,20 +101,4 @@ int platform_move_tree(const char *from, const char *to) {
     const ToolPath source(from);
     const ToolPath target(to);
     return succeeded(platform_spawnl(tool, tool, "-f", source.text, target.text, nullptr));
-}
-
-int platform_remove_dir(const char *path) {
-    if (!platform_is_writable_dir(path) || !is_directory_itself(path)) {
-        return 0;
-    }
-    char *pattern = escape(path);
-    PlatformFileList plain = {};
-    PlatformFileList hidden = {};
-    platform_glob(pattern, "*", &plain);
-    platform_glob(pattern, ".*", &hidden);
-    free(pattern);
-    const bool removed = remove_entries(plain) && remove_entries(hidden) && rmdir(path) == 0;
-    platform_glob_free(&plain);
-    platform_glob_free(&hidden);
-    return removed ? 1 : 0;
 }

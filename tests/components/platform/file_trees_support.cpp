@@ -2,6 +2,7 @@
 // What the tests of trees share.
 #include "file_trees_support.h"
 
+#include <fcntl.h>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -45,6 +46,22 @@ void Trees::make_tree(const std::string &name) const {
     }
     make_folder(name + "/empty");
     ASSERT_EQ(mkfifo(path(name + "/fifo").c_str(), 0600), 0);
+}
+
+void Trees::make_chain(const std::string &name, int levels) const {
+    int folder_fd = open(path(name).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    for (int level = 0; level < levels; ++level) {
+        for (const char *file : {"a", "later"}) {
+            if (level < 5) {
+                close(openat(folder_fd, file, O_CREAT | O_WRONLY | O_CLOEXEC, 0644));
+            }
+        }
+        ASSERT_EQ(mkdirat(folder_fd, "d", 0755), 0) << level;
+        const int below = openat(folder_fd, "d", O_PATH | O_DIRECTORY | O_CLOEXEC);
+        close(folder_fd);
+        folder_fd = below;
+    }
+    close(folder_fd);
 }
 
 bool Trees::exists(const std::string &name) const {

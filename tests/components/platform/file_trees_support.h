@@ -17,6 +17,8 @@ struct Trees : Files {
     void make_link(const std::string &target, const std::string &name) const;
     // A tree with every kind of entry under every name that a careless program trips over.
     void make_tree(const std::string &name) const;
+    // Folders "d" in one another below a folder. In the upper five the files "a" and "later" stand beside the next.
+    void make_chain(const std::string &name, int levels) const;
     // A link that points nowhere exists too.
     bool exists(const std::string &name) const;
 };
