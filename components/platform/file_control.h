@@ -116,9 +116,11 @@ const char *platform_resolve_static(const char *path);
 /* 1 when the path is not null and begins with "/". */
 int platform_is_absolute(const char *path);
 
-/* A path that leads from base, taken as a directory whose own name counts as one step, to target, in buf; null
- * allocates. A path that does not begin with "/" is resolved first. Equal paths give ".". Returns the buffer; null,
- * with errno, when a path cannot be resolved or the result exceeds 4096 characters. */
+/* A path that leads from the directory base to target, in buf; null allocates. Each "/" of base behind the common part
+ * is one step up, also one at the end of base: from "/a/b" to "/a/x" the way is "../x", and from "/a/b/" it is
+ * "../../x". For the way from the directory itself give base without "/" at its end. A path that does not begin with
+ * "/" is resolved first. Equal paths give ".". Returns the buffer; null, with errno, when a path cannot be resolved or
+ * the result exceeds 4096 characters. */
 char *platform_relative_path(const char *base, const char *target, char *buf);
 
 /* Parts of a path, copied into buf, which must have room for them; null allocates precisely what is needed. A null path

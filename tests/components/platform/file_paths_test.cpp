@@ -203,6 +203,15 @@ TEST(RelativePath, EachSlashBehindTheCommonPartIsAStepUp) {
 TEST(RelativePath, PathsThatAreNotAbsoluteAreResolvedFirst) {
     const ScratchFolder folder;
     const InFolder inside(folder.path);
+TEST(RelativePath, ASlashAtTheEndOfTheBaseIsOneMoreStep) {
+    EXPECT_EQ(relative("/a/b", "/a/x"), "../x");
+    EXPECT_EQ(relative("/a/b/", "/a/x"), "../../x");
+    EXPECT_EQ(relative("/a/b//", "/a/x"), "../../../x");
+    EXPECT_EQ(relative("/a/b/", "/a/b/x"), "../x");
+    EXPECT_EQ(relative("/a/b/", "/a/b"), "../../b");
+    EXPECT_EQ(relative("/", "/x"), "../x");
+}
+
     ASSERT_EQ(mkdir("a", 0755), 0);
     ASSERT_EQ(mkdir("b", 0755), 0);
     ASSERT_EQ(symlink("b", "link"), 0);
