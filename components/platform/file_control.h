@@ -169,8 +169,8 @@ int platform_make_dir(const char *path);
 /* Removes an empty directory. 1 when it did, else 0. */
 int platform_rmdir(const char *path);
 
-/* Bytes that an unprivileged process may still write to the path's file system; -1 for a null or empty path, -2 when it
- * cannot be asked. */
+/* Bytes that an unprivileged process may still write to the path's file system, at most INT64_MAX; -1 for a null or
+ * empty path, -2 when it cannot be asked. */
 int64_t platform_free_space(const char *path);
 
 /* ---- Stamps ------------------------------------------------------------------------------------------------------ */

@@ -15,6 +15,12 @@ bool read_status(const char *path, struct stat *status) {
     return path != nullptr && stat(path, status) == 0;
 }
 
+// At most what the result can hold: a file system may say anything, and the negative numbers are codes.
+int64_t saturated_product(uint64_t size, uint64_t count) {
+    constexpr auto kMost = uint64_t{INT64_MAX};
+    return static_cast<int64_t>(size != 0 && count > kMost / size ? kMost : size * count);
+}
+
 int has_access(const char *path, int mode) {
     return path != nullptr && access(path, mode) == 0 ? 1 : 0;
 }
@@ -96,5 +102,5 @@ int64_t platform_free_space(const char *path) {
         return -2;
     }
     // The unit in which the system counts blocks; the block size that it prefers for transfers may be another.
-    return static_cast<int64_t>(uint64_t{status.f_frsize} * uint64_t{status.f_bavail});
+    return saturated_product(status.f_frsize, status.f_bavail);
 }

@@ -189,6 +189,29 @@ TEST_F(FileStatus, FreeSpaceIsWhatUnprivilegedProcessesMayStillWrite) {
     EXPECT_EQ(asked, "some/path");
 }
 
+TEST_F(FileStatus, FreeSpaceThatExceedsTheResultIsTheMostThatItHolds) {
+    uint64_t size = 0;
+    uint64_t count = 0;
+    const Interposed answering(hook::statvfs, [&](const char *, struct statvfs *status) {
+        *status = {};
+        status->f_frsize = static_cast<unsigned long>(size);
+        status->f_bavail = count;
+        return 0;
+    });
+    const auto seen = [&](uint64_t f_frsize, uint64_t f_bavail) {
+        size = f_frsize;
+        count = f_bavail;
+        return platform_free_space("some/path");
+    };
+    EXPECT_EQ(seen(1, UINT64_MAX), INT64_MAX) << "its bytes are those of -1";
+    EXPECT_EQ(seen(2, INT64_MAX), INT64_MAX) << "and these those of -2";
+    EXPECT_EQ(seen(4096, UINT64_MAX), INT64_MAX);
+    EXPECT_EQ(seen(4096, INT64_MAX / 4096 + 1), INT64_MAX);
+    EXPECT_EQ(seen(4096, INT64_MAX / 4096), INT64_MAX / 4096 * 4096);
+    EXPECT_EQ(seen(1, INT64_MAX), INT64_MAX);
+    EXPECT_EQ(seen(0, UINT64_MAX), 0);
+}
+
 TEST_F(FileStatus, FreeSpaceOfARealFileSystemIsNeitherNoneNorMoreThanItHas) {
     struct statvfs status;
     ASSERT_EQ(statvfs(folder.path.c_str(), &status), 0);
