@@ -106,7 +106,8 @@ int platform_set_cwd(const char *path);
 
 /* The path with every link, "." and ".." resolved, in buf; null allocates. Returns the buffer, or null with errno.
  * platform_resolve_in does it from dir: it changes there and back, and reports a change that fails as platform_set_cwd
- * does, but goes on. */
+ * does, but goes on. A current directory without a name to come back by (it was removed, or has more than 4095
+ * characters) is reported in the same way and not left: then an absolute path is resolved and any other gives null. */
 char *platform_resolve(const char *path, char *buf);
 char *platform_resolve_in(const char *dir, const char *path, char *buf);
 

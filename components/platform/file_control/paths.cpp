@@ -58,6 +58,17 @@ const char *absolute(const char *path, zel::PathBuffer &buffer) {
     return platform_is_absolute(path) ? path : platform_resolve(path, buffer.data());
 }
 
+// For a current directory that has no name to come back by: no other one is entered.
+char *resolve_without_way_back(const char *path, char *buf) {
+    const int reason = errno;
+    platform_perror("platform_set_cwd");
+    if (platform_is_absolute(path)) {
+        return platform_resolve(path, buf);
+    }
+    errno = reason;
+    return nullptr;
+}
+
 } // namespace
 
 char *platform_get_cwd(char *buf, size_t size) {
@@ -89,8 +100,10 @@ char *platform_resolve(const char *path, char *buf) {
 }
 
 char *platform_resolve_in(const char *dir, const char *path, char *buf) {
-    zel::PathBuffer before = {};
-    platform_get_cwd(before.data(), kPathSize);
+    zel::PathBuffer before;
+    if (platform_get_cwd(before.data(), kPathSize) == nullptr) {
+        return resolve_without_way_back(path, buf);
+    }
     platform_set_cwd(dir);
     char *result = platform_resolve(path, buf);
     const zel::ErrnoKept kept;

@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <gtest/gtest.h>
 #include <set>
 #include <string>
@@ -188,17 +189,75 @@ TEST(Resolve, WhatCannotBeResolvedLeavesItsReasonInErrno) {
     EXPECT_EQ(errno, ENOENT);
 }
 
-TEST(Resolve, AWayBackThatIsGoneLeavesTheReasonOfTheResolutionInErrno) {
+TEST(Resolve, AWayBackThatIsClosedLeavesTheReasonOfTheResolutionInErrno) {
     const ScratchFolder folder;
-    const Outcome outcome = run_in_child([&folder] {
-        if (chdir(folder.path.c_str()) != 0 || rmdir(folder.path.c_str()) != 0) {
-            exit(2);
-        }
+    const std::string closed = folder.path + "/closed";
+    ASSERT_EQ(mkdir(closed.c_str(), 0755), 0);
+    ASSERT_EQ(mkdir((closed + "/inside").c_str(), 0755), 0);
+    const Outcome outcome = run_in_child([&closed] {
+        platform_set_cwd((closed + "/inside").c_str());
+        chmod(closed.c_str(), 0);
+        give_up_root();
         char buffer[4097];
         printf("%d", platform_resolve_in("/", "dev/null/below", buffer) == nullptr);
         printf(" %d", errno == ENOTDIR);
     });
+    ASSERT_EQ(chmod(closed.c_str(), 0755), 0);
     EXPECT_EQ(outcome.out, "1 1");
+}
+
+namespace {
+
+// What platform_resolve_in makes of a relative and of an absolute path in a directory that has no name; whether the
+// process has stayed in it; and what was reported.
+std::string resolved_without_way_back(const std::function<void()> &enter) {
+    const Outcome outcome = run_in_child([&enter] {
+        msg_add_stream(MSG_DIAG, stderr);
+        enter();
+        struct stat before;
+        struct stat after;
+        stat(".", &before);
+        char buffer[4097] = "untouched";
+        errno = 0;
+        const bool none = platform_resolve_in("/", "tmp", buffer) == nullptr;
+        printf("%d %s %s", none, errno == 0 ? "no reason" : "reason", buffer);
+        printf(" %d", platform_resolve_in("/", nullptr, nullptr) == nullptr);
+        printf(" %s", platform_resolve_in("/usr", "/usr/../tmp", buffer));
+        printf(" %d", platform_resolve_in("/usr", "/dev/null/below", nullptr) == nullptr && errno == ENOTDIR);
+        printf(" %d", stat(".", &after) == 0 && after.st_dev == before.st_dev && after.st_ino == before.st_ino);
+    });
+    return outcome.out + "\n" + outcome.err;
+}
+
+} // namespace
+
+TEST(Resolve, FromADirectoryThatWasRemovedTheProcessGoesNowhere) {
+    const ScratchFolder folder;
+    const std::string report = "platform_set_cwd: No such file or directory\n";
+    EXPECT_EQ(resolved_without_way_back([&folder] {
+                  if (chdir(folder.path.c_str()) != 0 || rmdir(folder.path.c_str()) != 0) {
+                      exit(2);
+                  }
+              }),
+              "1 reason untouched 1 /tmp 1 1\n" + report + report + report + report);
+}
+
+TEST(Resolve, FromADirectoryTooDeepForANameTheProcessGoesNowhere) {
+    const ScratchFolder folder;
+    const std::string report = "platform_set_cwd: Numerical result out of range\n";
+    EXPECT_EQ(resolved_without_way_back([&folder] { enter_path_of_length(folder.path, 4096); }),
+              "1 reason untouched 1 /tmp 1 1\n" + report + report + report + report);
+}
+
+TEST(Resolve, FromADirectoryOfTheLongestNameTheProcessComesBack) {
+    const ScratchFolder folder;
+    const Outcome outcome = run_in_child([&folder] {
+        enter_path_of_length(folder.path, 4095);
+        char buffer[4097];
+        printf("%s", platform_resolve_in("/", "tmp", buffer));
+        printf(" %zu", strlen(platform_get_cwd(buffer, 4096)));
+    });
+    EXPECT_EQ(outcome.out, "/tmp 4095");
 }
 
 TEST(Resolve, NoPathGivesNoResult) {

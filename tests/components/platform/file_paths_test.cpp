@@ -151,20 +151,23 @@ TEST(Resolve, InADirectoryThatIsMissingTheChangeIsReportedAndTheWorkGoesOn) {
     EXPECT_EQ(outcome.err, "platform_set_cwd: No such file or directory\n");
 }
 
-TEST(Resolve, AWayBackThatIsGoneIsReportedToo) {
+TEST(Resolve, AWayBackThatIsClosedIsReportedToo) {
     const ScratchFolder folder;
-    const Outcome outcome = run_in_child([&folder] {
+    const std::string closed = folder.path + "/closed";
+    ASSERT_EQ(mkdir(closed.c_str(), 0755), 0);
+    ASSERT_EQ(mkdir((closed + "/inside").c_str(), 0755), 0);
+    const Outcome outcome = run_in_child([&closed] {
         msg_add_stream(MSG_DIAG, stderr);
-        const std::string gone = folder.path + "/gone";
-        mkdir(gone.c_str(), 0755);
-        platform_set_cwd(gone.c_str());
-        rmdir(gone.c_str());
+        platform_set_cwd((closed + "/inside").c_str());
+        chmod(closed.c_str(), 0);
+        give_up_root();
         char *path = platform_resolve_in("/", "tmp", nullptr);
         printf("%s", path);
         zel_free(path);
     });
+    ASSERT_EQ(chmod(closed.c_str(), 0755), 0);
     EXPECT_EQ(outcome.out, "/tmp");
-    EXPECT_EQ(outcome.err, "platform_set_cwd: No such file or directory\n");
+    EXPECT_EQ(outcome.err, "platform_set_cwd: Permission denied\n");
 }
 
 TEST(Resolve, TheStaticBufferIsSharedByAllCalls) {
@@ -200,9 +203,6 @@ TEST(RelativePath, EachSlashBehindTheCommonPartIsAStepUp) {
     EXPECT_EQ(relative("/a/b/c/d", "/a"), "../../../../a");
 }
 
-TEST(RelativePath, PathsThatAreNotAbsoluteAreResolvedFirst) {
-    const ScratchFolder folder;
-    const InFolder inside(folder.path);
 TEST(RelativePath, ASlashAtTheEndOfTheBaseIsOneMoreStep) {
     EXPECT_EQ(relative("/a/b", "/a/x"), "../x");
     EXPECT_EQ(relative("/a/b/", "/a/x"), "../../x");
@@ -212,6 +212,9 @@ TEST(RelativePath, ASlashAtTheEndOfTheBaseIsOneMoreStep) {
     EXPECT_EQ(relative("/", "/x"), "../x");
 }
 
+TEST(RelativePath, PathsThatAreNotAbsoluteAreResolvedFirst) {
+    const ScratchFolder folder;
+    const InFolder inside(folder.path);
     ASSERT_EQ(mkdir("a", 0755), 0);
     ASSERT_EQ(mkdir("b", 0755), 0);
     ASSERT_EQ(symlink("b", "link"), 0);
