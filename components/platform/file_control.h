@@ -73,9 +73,14 @@ int platform_remove_tree(const char *path);
 int platform_copy_tree(const char *from, const char *to);
 int platform_move_tree(const char *from, const char *to);
 
-/* Removes a directory and all below it, in this process. Returns 0 when the path is no directory that the process may
- * write, or at the first entry that cannot be removed; what was removed until then stays removed. A link is removed and
- * never followed; a path that is itself a link is left alone: 0. */
+/* Removes a directory and all below it, in this process. Each directory is listed once: plain entries, then hidden
+ * ones, each in order. Returns 0 when the path is no directory that the process may write, at the first entry that
+ * cannot be removed, and when something was added meanwhile; what was removed until then stays removed.
+ * A link is removed and never followed. The path is left alone, 0, when it is itself a link, is "" or "/", or its last
+ * component is "." or ".."; each "/" at its end is passed over first.
+ * Nothing outside the tree is removed, also while another process exchanges a directory of it for a link. A directory
+ * that is moved out of the tree while it is being emptied is emptied all the same.
+ * Takes up to 33 descriptors and needs /proc; without them it returns 0. The depth of the tree has no limit. */
 int platform_remove_dir(const char *path);
 
 /* Copies the bytes of a file. The target is created with mode 0666 before the mask, or truncated. Returns 0 when either
