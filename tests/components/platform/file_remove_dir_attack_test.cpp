@@ -186,7 +186,7 @@ TEST_F(RemoveDirAttack, ADirectoryMovedOutAtAnyMomentEndsTheWalkThere) {
     make_outside(3);
     make_file("outside/later");
     bool moved = true;
-    for (int nth = 0; moved; nth += 5) {
+    for (int nth = 0; moved; nth += 11) {
         make_folder("tree");
         make_chain("tree", 38);
         moved = false;
