@@ -28,12 +28,18 @@ struct OpenFile {
     const int fd;
 };
 
-// Opening the target would empty the source.
-bool is_same_file(int fd, const char *path) {
+// Asked of what is open: a name may lead to the source by the time it is opened.
+bool is_same_file(int one, int other) {
     struct stat source;
     struct stat target;
-    return fstat(fd, &source) == 0 && S_ISREG(source.st_mode) && stat(path, &target) == 0 &&
+    return fstat(one, &source) == 0 && S_ISREG(source.st_mode) && fstat(other, &target) == 0 &&
            source.st_dev == target.st_dev && source.st_ino == target.st_ino;
+}
+
+// Devices and pipes have nothing to empty.
+bool make_empty(int fd) {
+    struct stat status;
+    return fstat(fd, &status) == 0 && (!S_ISREG(status.st_mode) || ftruncate(fd, 0) == 0);
 }
 
 ssize_t read_chunk(int fd, Chunk &chunk) {
@@ -60,11 +66,11 @@ int platform_copy_file(const char *from, const char *to) {
         return 0;
     }
     const OpenFile source(open(from, O_RDONLY | O_CLOEXEC));
-    if (source.fd == -1 || is_same_file(source.fd, to)) {
+    if (source.fd == -1) {
         return 0;
     }
-    const OpenFile target(open(to, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kCreationMode));
-    if (target.fd == -1) {
+    const OpenFile target(open(to, O_WRONLY | O_CREAT | O_CLOEXEC, kCreationMode));
+    if (target.fd == -1 || is_same_file(source.fd, target.fd) || !make_empty(target.fd)) {
         return 0;
     }
     Chunk chunk;

@@ -67,15 +67,29 @@ TEST_F(CopyFile, AFileIsNotCopiedOntoItself) {
     }
 }
 
+TEST_F(CopyFile, ATargetExchangedForALinkToTheSourceLosesNothing) {
+    write_file(path("from"), "text");
+    write_file(path("to"), "other");
+    ASSERT_EQ(symlink("from", path("link").c_str()), 0);
+    const Exchanger attacker(path("to"), path("link"));
+    for (int round = 0; round < 20 * attack_rounds(); ++round) {
+        platform_copy_file(path("from").c_str(), path("to").c_str());
+        ASSERT_EQ(platform_file_size(path("from").c_str()), 4) << "in round " << round;
+    }
+}
+
 TEST_F(CopyFile, AFileOfTheSameNumberOnAnotherDeviceIsAnotherFile) {
     write_file(path("from"), "text");
     write_file(path("to"), "");
     struct stat target;
     ASSERT_EQ(stat(path("to").c_str(), &target), 0);
-    const Interposed elsewhere(hook::fstat, [&target](int fd, struct stat *status) {
+    int calls = 0;
+    const Interposed elsewhere(hook::fstat, [&target, &calls](int fd, struct stat *status) {
         const int result = hook::fstat.real(fd, status);
-        status->st_ino = target.st_ino;
-        status->st_dev = target.st_dev + 1;
+        if (calls++ == 0) {
+            status->st_ino = target.st_ino;
+            status->st_dev = target.st_dev + 1;
+        }
         return result;
     });
     EXPECT_EQ(platform_copy_file(path("from").c_str(), path("to").c_str()), 1);

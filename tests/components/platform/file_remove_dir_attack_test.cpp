@@ -5,50 +5,16 @@
 #include "file_trees_support.h"
 #include <support/interpose.h>
 
-#include <csignal>
-#include <cstdio>
-#include <cstdlib>
-#include <fcntl.h>
 #include <filesystem>
+#include <functional>
 #include <gtest/gtest.h>
 #include <string>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 using namespace zel::test;
 namespace fs = std::filesystem;
 
 namespace {
-
-bool exchange(const std::string &one, const std::string &other) {
-    return renameat2(AT_FDCWD, one.c_str(), AT_FDCWD, other.c_str(), RENAME_EXCHANGE) == 0;
-}
-
-// Another process that exchanges two names over and over, until the scope ends. It ends with its parent too.
-struct Exchanger {
-    Exchanger(const std::string &one, const std::string &other) : pid(fork()) {
-        if (pid == 0) {
-            prctl(PR_SET_PDEATHSIG, SIGKILL);
-            for (;;) {
-                exchange(one, other);
-            }
-        }
-    }
-    ~Exchanger() {
-        kill(pid, SIGKILL);
-        waitpid(pid, nullptr, 0);
-    }
-    Exchanger(const Exchanger &) = delete;
-    Exchanger &operator=(const Exchanger &) = delete;
-    const pid_t pid;
-};
-
-// How often the removal runs against the exchanges. ZEL_ATTACK_ROUNDS asks for more.
-int rounds() {
-    const char *asked = getenv("ZEL_ATTACK_ROUNDS");
-    return asked == nullptr ? 250 : atoi(asked);
-}
 
 // The folder "outside", and a link to it that takes the place of a directory of "tree".
 struct RemoveDirAttack : Trees {
@@ -90,7 +56,7 @@ struct RemoveDirAttack : Trees {
     int left_of(int files, const std::string &directory) const {
         make_outside(files);
         const Exchanger attacker(path(directory), path("link"));
-        for (int round = 0; round < rounds() && files_outside() == files; ++round) {
+        for (int round = 0; round < attack_rounds() && files_outside() == files; ++round) {
             make_round();
             platform_remove_dir(path("tree").c_str());
             clear_round();

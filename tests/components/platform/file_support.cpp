@@ -6,9 +6,13 @@
 #include <support/interpose.h>
 
 #include <climits>
+#include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace zel::test {
@@ -77,6 +81,31 @@ int blocks_left_by(const std::function<void()> &body) {
     });
     body();
     return blocks;
+}
+
+bool exchange(const std::string &one, const std::string &other) {
+    return renameat2(AT_FDCWD, one.c_str(), AT_FDCWD, other.c_str(), RENAME_EXCHANGE) == 0;
+}
+
+Exchanger::Exchanger(const std::string &one, const std::string &other) : pid(fork()) {
+    if (pid == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        for (;;) {
+            exchange(one, other);
+        }
+    }
+}
+
+Exchanger::~Exchanger() {
+    if (pid > 0) {
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+    }
+}
+
+int attack_rounds() {
+    const char *asked = getenv("ZEL_ATTACK_ROUNDS");
+    return asked == nullptr ? 250 : atoi(asked);
 }
 
 int forks_during(const std::function<void()> &body) {

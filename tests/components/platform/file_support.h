@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 #include <optional>
 #include <string>
+#include <sys/types.h>
 
 namespace zel::test {
 
@@ -47,6 +48,21 @@ std::string path_of_other_group();
 
 // The blocks that are allocated and not released while the body runs.
 int blocks_left_by(const std::function<void()> &body);
+
+// Exchanges two names. Returns whether that was done.
+bool exchange(const std::string &one, const std::string &other);
+
+// Another process that exchanges two names over and over, until the scope ends. It ends with its parent too.
+struct Exchanger {
+    Exchanger(const std::string &one, const std::string &other);
+    ~Exchanger();
+    Exchanger(const Exchanger &) = delete;
+    Exchanger &operator=(const Exchanger &) = delete;
+    const pid_t pid;
+};
+
+// How often a service runs against the exchanges. The variable ZEL_ATTACK_ROUNDS asks for more.
+int attack_rounds();
 
 // How often the body forks.
 int forks_during(const std::function<void()> &body);
