@@ -11,6 +11,7 @@
 #include <components/platform/internal/path.h>
 #include <msg/base/limits.h>
 
+#include <cstdlib>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>

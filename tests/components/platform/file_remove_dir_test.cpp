@@ -14,6 +14,7 @@
 #include <glob.h>
 #include <gtest/gtest.h>
 #include <string>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
@@ -159,6 +160,29 @@ TEST_F(RemoveDir, ADirectoryThatMayNotBeWrittenIsRefused) {
     EXPECT_EQ(remove_without_root("tree"), "0");
     EXPECT_TRUE(exists("tree/a"));
     ASSERT_EQ(chmod(path("tree").c_str(), 0755), 0);
+}
+
+TEST_F(RemoveDir, TheRightsThatCountAreThoseOfTheRealUser) {
+    make_folder("closed");
+    make_file("closed/file");
+    ASSERT_EQ(chmod(path("closed").c_str(), 0555), 0);
+    make_folder("open");
+    make_file("open/file");
+    ASSERT_EQ(chmod(path("open").c_str(), 0777), 0);
+    open_to_all();
+    const Outcome outcome = run_in_child([this] {
+        // As in a program that runs with its owner's rights; for a user without root's they are his own.
+        if (geteuid() == 0 && setresuid(65534, 0, 0) != 0) {
+            exit(2);
+        }
+        prctl(PR_SET_DUMPABLE, 0);
+        printf("%d", platform_remove_dir(path("closed").c_str()));
+        printf("%d", platform_remove_dir(path("open").c_str()));
+    });
+    EXPECT_EQ(outcome.out, "01");
+    EXPECT_TRUE(exists("closed/file"));
+    EXPECT_FALSE(exists("open"));
+    ASSERT_EQ(chmod(path("closed").c_str(), 0755), 0);
 }
 
 TEST_F(RemoveDir, TwentyThousandEntriesAreRemoved) {
