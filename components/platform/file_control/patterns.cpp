@@ -35,6 +35,7 @@ int platform_glob(const char *dir, const char *pattern, PlatformFileList *list) 
     if (record == nullptr) {
         return 0; // as a failure handler decided
     }
+    *record = {}; // it is released also when the expansion failed before it set it up
     char *joined = join_pattern(dir, pattern_or_all(pattern));
     const int result = glob(joined, 0, nullptr, record);
     free(joined);

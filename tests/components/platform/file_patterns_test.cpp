@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdlib>
+#include <cstring>
 #include <glob.h>
 #include <gtest/gtest.h>
 #include <string>
@@ -107,6 +108,18 @@ TEST_F(Glob, TheRecordIsAskedForUnderItsOwnName) {
     });
     EXPECT_EQ(outcome.out, "components/platform/file_control:808 (via zel_malloc): Not enough memory to allocate " +
                                std::to_string(sizeof(glob_t)) + " bytes for glob_t.");
+}
+
+TEST_F(Glob, AnExpansionThatFailsAtOnceReleasesAnEmptyRecord) {
+    bool empty = false;
+    const Interposed failing(hook::glob, [&empty](const char *, int, int (*)(const char *, int), glob_t *record) {
+        empty = record->gl_pathv == nullptr && record->gl_pathc == 0;
+        return GLOB_NOSPACE;
+    });
+    const Interposed dirty(hook::malloc, [](size_t size) { return memset(hook::malloc.real(size), 0x55, size); });
+    PlatformFileList list = {};
+    EXPECT_EQ(platform_glob(folder.path.c_str(), nullptr, &list), 0);
+    EXPECT_TRUE(empty);
 }
 
 TEST_F(Glob, ReleasingNothingDoesNothing) {
