@@ -69,7 +69,7 @@ Totals walk_records(bool verbose) {
     Totals totals = {};
     for (uint32_t index = next_in_use(0); index < debug_heap.capacity; index = next_in_use(index + 1)) {
         const Record record = debug_heap.records[index]; // a copy: a stream that is written to may move the table
-        const bool valid = zel::memory::is_valid(record.pointer);
+        const bool valid = zel::memory::valid_record(record.pointer) != nullptr;
         if (verbose && totals.pointers == 0) {
             print_heading();
         }
@@ -111,6 +111,9 @@ void zel_enable_malloc_debug(int mode) {
         msg_fatal(
             "zel_enable_malloc_debug cannot be called once one of the Zel MALLOC library allocation functions have "
             "been called.");
+    }
+    if (!zel::memory::debug_heap_on()) {
+        zel::memory::find_heap_start();
     }
     debug_heap.mode = mode;
 }

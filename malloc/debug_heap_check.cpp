@@ -15,7 +15,7 @@ bool heap_is_sound() {
     uint32_t index = next_index(debug_heap.in_use, debug_heap.capacity, 0);
     while (index < debug_heap.capacity) {
         const Record &record = debug_heap.records[index];
-        if (!is_valid(record.pointer)) {
+        if (valid_record(record.pointer) == nullptr) {
             msg_warn("%s", diagnose(record.pointer, &record, false));
             sound = false;
         }
@@ -38,12 +38,10 @@ void require_sound_heap(const Caller &caller) {
     debug_heap.verifying = false;
 }
 
-void require_valid(const void *pointer, const Caller &caller) {
-    if (!is_valid(pointer)) {
-        const zel::MemoryReport under_way;
-        const char *diagnosis = diagnose(pointer, nullptr, true);
-        msg_fatal("%s: %s %s", caller.name, diagnosis, context_text(caller));
-    }
+[[noreturn]] void refuse(const void *pointer, const Caller &caller) {
+    const zel::MemoryReport under_way;
+    const char *diagnosis = diagnose(pointer, nullptr, true);
+    msg_fatal("%s: %s %s", caller.name, diagnosis, context_text(caller));
 }
 
 void note_release(const Record &record, const Caller &caller) {
@@ -57,54 +55,59 @@ void note_release(const Record &record, const Caller &caller) {
              context_text(caller));
 }
 
-// The checks have passed: what stands here now was changed since, by what wrote the note of the release at the latest.
-Record &require_record(int32_t index) {
+// The note of the release may have run the program's code: header and record are read again. A record of another
+// pointer is refused: as many bytes as it says would be filled.
+int32_t require_record(const void *pointer, const Caller &caller) {
+    Header header;
+    if (!read_header(pointer, &header)) {
+        refuse(pointer, caller);
+    }
     const zel::MemoryReport under_way;
-    Record *record = record_at(index);
+    const Record *record = record_at(header.index);
     if (record == nullptr) {
         msg_fatal("Zel MALLOC library internal error: free_debug_info index out of range (index = %ld, limit = %ld).",
-                  static_cast<long>(index), static_cast<long>(debug_heap.capacity));
+                  static_cast<long>(header.index), static_cast<long>(debug_heap.capacity));
     }
     if (!is_in_use(*record)) {
         msg_fatal("Zel MALLOC library internal error: free_debug_info index pointed to a free debug info structure "
                   "(index = %ld)",
-                  static_cast<long>(index));
+                  static_cast<long>(header.index));
     }
-    return *record;
+    if (record->pointer != pointer) {
+        refuse(pointer, caller);
+    }
+    return header.index;
 }
 
 } // namespace
 
-bool is_valid(const void *pointer) {
-    if (!is_aligned(pointer)) {
-        return false;
-    }
-    const Header header = read_header(pointer);
-    if (header.magic != kLiveMagic) {
-        return false;
+const Record *valid_record(const void *pointer) {
+    Header header;
+    if (!is_aligned(pointer) || !read_header(pointer, &header) || header.magic != kLiveMagic) {
+        return nullptr;
     }
     const Record *record = record_at(header.index);
-    return record != nullptr && record->pointer == pointer && is_in_use(*record) &&
-           read_trailer(pointer, record->length) == kTrailerMagic;
+    const bool valid =
+        record != nullptr && record->pointer == pointer && is_in_use(*record) && has_intact_trailer(*record);
+    return valid ? record : nullptr;
 }
 
 void verify_before_allocation(const Caller &caller) {
     require_sound_heap(caller);
 }
 
-// The header is read again behind the note: a stream of the program's was written to meanwhile.
-void free_debug_info(void *pointer, const Caller &caller) {
-    require_valid(pointer, caller);
+size_t free_debug_info(void *pointer, const Caller &caller) {
+    const Record *owner = valid_record(pointer);
+    if (owner == nullptr) {
+        refuse(pointer, caller);
+    }
     require_sound_heap(caller);
-    const Record &owner = *record_at(read_header(pointer).index);
-    debug_heap.bytes_in_use -= owner.length;
-    note_release(owner, caller);
-    const int32_t index = read_header(pointer).index;
-    Record &record = require_record(index);
-    record.state = debug_heap.free_head;
-    debug_heap.free_head = index;
-    erase_index(debug_heap.in_use, static_cast<uint32_t>(index));
+    debug_heap.bytes_in_use -= owner->length;
+    note_release(*owner, caller);
+    const int32_t index = require_record(pointer, caller);
+    release_record(index);
     mark_released(pointer);
+    return debug_heap.records[index].length;
 }
 
 } // namespace zel::memory

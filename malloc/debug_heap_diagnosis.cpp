@@ -43,18 +43,9 @@ struct Findings {
     bool trailer_intact;   // of the owner; true when it does not count, or there is none
 };
 
-// The block of a record in use is there; that of a released one may be gone, in whole or behind its header.
-bool has_intact_trailer(const Record &owner) {
-    if (is_in_use(owner)) {
-        return read_trailer(owner.pointer, owner.length) == kTrailerMagic;
-    }
-    uint32_t trailer;
-    return probe_trailer(owner.pointer, owner.length, &trailer) && trailer == kTrailerMagic;
-}
-
 Findings look_at(const void *pointer, const Record *known) {
     Findings findings = {};
-    findings.header_readable = probe_header(pointer, &findings.header);
+    findings.header_readable = read_header(pointer, &findings.header);
     findings.indexed = findings.header_readable ? record_at(findings.header.index) : nullptr;
     findings.indexed_is_owner = findings.indexed != nullptr && findings.indexed->pointer == pointer &&
                                 (known == nullptr || known == findings.indexed);

@@ -6,6 +6,7 @@
 #include <msg/base/memory_report.h>
 #include <msg/msg.h>
 
+#include <cerrno>
 #include <cstdlib>
 
 namespace zel::memory {
@@ -37,6 +38,13 @@ void *resize_block(void *block, size_t size) {
     return resized;
 }
 
+// A block that cannot be recorded is a request that failed for lack of memory.
+void *give_back(void *block) {
+    free(block);
+    errno = ENOMEM;
+    return nullptr;
+}
+
 } // namespace
 
 void *zel_malloc_core(size_t size, const Caller &caller) {
@@ -46,7 +54,11 @@ void *zel_malloc_core(size_t size, const Caller &caller) {
     }
     verify_before_allocation(caller);
     void *block = request_block(debug_block_size(size));
-    return block == nullptr ? nullptr : memset(register_block(block, size, caller), kFillByte, size);
+    if (block == nullptr) {
+        return nullptr;
+    }
+    void *pointer = register_block(block, size, caller);
+    return pointer == nullptr ? give_back(block) : memset(pointer, kFillByte, size);
 }
 
 // DELIBERATE: with the debug heap on, a block that cannot be resized stays with the system while its record is released
@@ -58,7 +70,7 @@ void *zel_realloc_core(void *pointer, size_t size, const Caller &caller) {
     if (!debug_heap_on()) {
         return resize_block(pointer, size);
     }
-    free_debug_info(pointer, caller);
+    free_debug_info(pointer, caller); // leaves a free record: the resized block can always be recorded
     void *block = resize_block(block_of(pointer), debug_block_size(size));
     return block == nullptr ? nullptr : register_block(block, size, caller);
 }
@@ -69,8 +81,8 @@ void zel_free_core(void *pointer) {
         free(pointer);
         return;
     }
-    free_debug_info(pointer, kRelease);
-    memset(pointer, kFillByte, recorded_length(pointer));
+    const size_t length = free_debug_info(pointer, kRelease);
+    memset(pointer, kFillByte, length);
     free(block_of(pointer));
 }
 

@@ -19,18 +19,16 @@ size_t debug_block_size(size_t size);
 // The system's block of a user pointer.
 void *block_of(void *pointer);
 
-// Records a new block of the system's, writes its header and trailer, and returns its user pointer.
+// Records a new block of the system's, writes its header and trailer, and returns its user pointer. Null when the table
+// of records cannot grow: the block is as it was.
 void *register_block(void *block, size_t size, const Caller &caller);
 
 // Checks the pointer, then releases its record. The header is marked; the record keeps pointer, length and description.
-// Anything wrong is an error that ends the process.
-void free_debug_info(void *pointer, const Caller &caller);
+// Returns the length. Anything wrong is an error that ends the process.
+size_t free_debug_info(void *pointer, const Caller &caller);
 
 // In verify mode: a heap that is not sound is reported, and the process ends.
 void verify_before_allocation(const Caller &caller);
-
-// The length recorded for a pointer whose record has just been released.
-size_t recorded_length(const void *pointer);
 
 // What new and released bytes are filled with.
 inline constexpr int kFillByte = 0xAB;
@@ -65,6 +63,7 @@ struct Header {
 struct DebugHeap {
     int mode;                           // 0, ZEL_MALLOC_CHECK_PTR or ZEL_MALLOC_VERIFY_HEAP; never back to 0
     bool verifying;                     // while the whole heap is verified, and after it was found corrupted
+    uintptr_t heap_start;               // of the system's heap; from there to sbrk(0) memory is read without asking
     Record *records;                    // only grows
     IndexSet in_use;                    // the records in use, for walking
     uint32_t capacity;                  // records in the table
@@ -85,22 +84,46 @@ bool is_in_use(const Record &record);
 // The record of an index, or null for one outside the table. An index equal to the capacity matches none.
 Record *record_at(int32_t index);
 
-// The header in front of a user pointer, and the word behind its user data.
-Header read_header(const void *pointer);
-uint32_t read_trailer(const void *pointer, size_t length);
-void mark_released(void *pointer);
+// Whether there is a record to take, the table grown when there was none.
+bool has_free_record();
 
-// The same for a pointer that may be anything: false when there is no such memory to read.
-bool probe_header(const void *pointer, Header *header);
-bool probe_trailer(const void *pointer, size_t length, uint32_t *trailer);
+// The index of a record that is now in use: the one that was released last. There is one.
+int32_t take_record(Method method);
+void release_record(int32_t index);
+
+// A sanitizer's allocator keeps its blocks elsewhere than in the system's heap.
+#ifdef __has_feature
+#define ZEL_HAS_FEATURE(feature) __has_feature(feature)
+#else
+#define ZEL_HAS_FEATURE(feature) 0
+#endif
+#if defined(__SANITIZE_ADDRESS__) || ZEL_HAS_FEATURE(address_sanitizer)
+inline constexpr bool kAlwaysProbes = true;
+#else
+inline constexpr bool kAlwaysProbes = false;
+#endif
+
+// Asks once where the system's heap starts. Without an answer it starts where it ends now.
+void find_heap_start();
+
+// Whether the word at an address, a multiple of 4, can be read. A system call for an address outside the system's heap.
+bool is_readable(uintptr_t address);
+
+// The header in front of a user pointer, which may be anything: false when there is no such memory.
+bool read_header(const void *pointer, Header *header);
+
+// Whether the word behind the record's user data is there and as it was written.
+bool has_intact_trailer(const Record &record);
+
+void mark_released(void *pointer);
 
 // What every pointer that is handed back must be.
 inline bool is_aligned(const void *pointer) {
     return reinterpret_cast<uintptr_t>(pointer) % kPointerAlignment == 0;
 }
 
-// Whether the pointer is that of a record in use with header and trailer intact.
-bool is_valid(const void *pointer);
+// The record of a pointer, in use and with header and trailer intact; null when the pointer is not valid.
+const Record *valid_record(const void *pointer);
 
 // The sentences on a pointer. known: its record, or null when that is not known. In a static buffer that every call
 // overwrites.

@@ -2,6 +2,8 @@
 // The record table: indices, reuse, growth, the bytes in use.
 #include "debug_heap_support.h"
 
+#include <malloc/internal/debug_heap.h>
+#include <msg/base/limits.h>
 #include <support/interpose.h>
 
 #include <array>
@@ -149,6 +151,117 @@ TEST(DebugHeapRecords, TheTableIsNotRequestedThroughTheLibrary) {
     EXPECT_EQ(outcome.out, "1 16 1");
 }
 
+// ---- No memory for the table
+// -----------------------------------------------------------------------------------------
+
+namespace {
+
+// Live blocks that fill a table: behind them it must grow.
+constexpr size_t kFull = zel::kRecordTableStep;
+
+struct Attempt {
+    void *pointer;
+    int error;
+};
+
+// An allocation whose n-th request for a part of the table fails.
+Attempt allocate_failing(int nth) {
+    const Interposed failing(hook::realloc, fail_nth(hook::realloc, nth, ENOMEM, nullptr));
+    void *pointer = zel_malloc_if_room(1);
+    return {.pointer = pointer, .error = errno};
+}
+
+// From a full table: the n-th request for a part of a larger one fails, until an attempt gets its record.
+void sweep(size_t full) {
+    allocate_many(full);
+    int failures = 0;
+    Attempt attempt = allocate_failing(0);
+    while (attempt.pointer == nullptr) {
+        if (attempt.error != ENOMEM || zel_malloc_mem_used() != full) {
+            exit(3);
+        }
+        ++failures;
+        attempt = allocate_failing(failures);
+    }
+    printf("%d %d %lu\n", failures > 0, id_of(attempt.pointer) == full, zel_malloc_mem_used() - full);
+    for (void *pointer : allocate_many(3 * kFull)) {
+        zel_free(pointer);
+    }
+    zel_enable_malloc_debug(ZEL_MALLOC_VERIFY_HEAP);
+    zel_free(attempt.pointer);
+}
+
+} // namespace
+
+TEST(DebugHeapTable, WithoutMemoryForItAllPartsOfItGrowOrNone) {
+    for (const size_t full : {size_t{0}, kFull, 32 * kFull}) {
+        const Outcome outcome = run_heap(ZEL_MALLOC_CHECK_PTR, [full] { sweep(full); });
+        EXPECT_EQ(outcome.out, "1 1 1\n") << full;
+        EXPECT_EQ(outcome.err, "");
+        EXPECT_EQ(outcome.status, 0);
+    }
+}
+
+TEST(DebugHeapTable, WithoutMemoryForItARequestIsReported) {
+    const Outcome outcome = run_heap(ZEL_MALLOC_CHECK_PTR, [] {
+        allocate_many(kFull);
+        const Interposed failing(hook::realloc, fail_always(hook::realloc, EXDEV, nullptr));
+        zel_malloc(20, "F", "p");
+    });
+    EXPECT_EQ(outcome.err, "Error: F (via zel_malloc): Not enough memory to allocate 20 bytes for p.\n");
+    EXPECT_EQ(outcome.status, 1);
+}
+
+TEST(DebugHeapTable, WithoutMemoryForItTheFailureHandlerDecides) {
+    const Outcome outcome = run_heap(ZEL_MALLOC_CHECK_PTR, [] {
+        zel_malloc_set_failure_handler([](unsigned long size, const char *text) -> void * {
+            printf("%lu %s\n", size, text);
+            return nullptr;
+        });
+        const Interposed failing(hook::realloc, fail_always(hook::realloc, ENOMEM, nullptr));
+        printf("%d\n", zel_calloc(2, 10, "F", "p") == nullptr);
+    });
+    EXPECT_EQ(outcome.out, "20 F (via zel_calloc): Not enough memory to allocate 20 bytes for p.\n1\n");
+    EXPECT_EQ(outcome.err, "");
+}
+
+TEST(DebugHeapTable, WithoutMemoryForItTheBlockIsGivenBackAndCounted) {
+    const Outcome outcome = run_heap(ZEL_MALLOC_CHECK_PTR, [] {
+        static void *block;
+        static void *given_back;
+        hook::malloc.replacement = [](size_t size) { return block = hook::malloc.real(size); };
+        hook::realloc.replacement = fail_always(hook::realloc, EXDEV, nullptr);
+        hook::free.replacement = [](void *released) {
+            given_back = released;
+            hook::free.real(released);
+            errno = EXDEV;
+        };
+        const bool failed = zel_malloc_if_room(5) == nullptr && errno == ENOMEM;
+        hook::malloc.replacement = nullptr;
+        hook::free.replacement = nullptr;
+        printf("%d %d %lu %lu\n", failed, given_back == block, zel_malloc_total_requested(), zel_malloc_mem_used());
+    });
+    EXPECT_EQ(outcome.out, "1 1 20 0\n");
+}
+
+TEST(DebugHeapTable, AResizeNeverNeedsALargerTable) {
+    const Outcome outcome = run_heap(ZEL_MALLOC_VERIFY_HEAP, [] {
+        const std::vector<void *> pointers = allocate_many(kFull);
+        int requests = table_requests([&pointers] { printf("%u ", id_of(zel_realloc(pointers[0], 9, "G", "g"))); });
+        printf("%d", requests); // the block's own
+    });
+    EXPECT_EQ(outcome.out, "0 1");
+}
+
+TEST(DebugHeapTable, ItHasNoMoreRecordsThanThereAreIndices) {
+    const Outcome outcome = run_heap(ZEL_MALLOC_CHECK_PTR, [] {
+        zel::memory::debug_heap.capacity = INT32_MAX - zel::kRecordTableStep + 1;
+        const int requests = table_requests([] { printf("%d ", zel_malloc_if_room(1) == nullptr); });
+        printf("%d", requests);
+    });
+    EXPECT_EQ(outcome.out, "1 0");
+}
+
 // These hold the step of the table, 1024 records.
 #ifndef ZEL_SMALL_CONSTANTS
 
@@ -170,35 +283,6 @@ TEST(DebugHeapRecordsSize, NewRecordsAreTakenInTheirOrder) {
                id_of(pointers[2047]));
     });
     EXPECT_EQ(outcome.out, "1023 1024 1025 2047");
-}
-
-namespace {
-
-// The end of a process whose n-th request for a part of the table fails.
-Outcome run_without_table(int nth, size_t allocations) {
-    return run_heap(1, [nth, allocations] {
-        allocate_many(allocations);
-        const Interposed failing(hook::realloc, fail_nth(hook::realloc, nth, ENOMEM, nullptr));
-        allocate();
-    });
-}
-
-} // namespace
-
-TEST(DebugHeapRecordsSize, NoMemoryForTheFirstTableEndsTheProcess) {
-    for (int nth = 0; nth < 8; ++nth) {
-        const Outcome outcome = run_without_table(nth, 0);
-        EXPECT_EQ(outcome.err, "Error: Zel MALLOC library internal error: no memory for 1024 debug info structures.\n");
-        EXPECT_EQ(outcome.status, 1);
-    }
-}
-
-TEST(DebugHeapRecordsSize, NoMemoryForALargerTableEndsTheProcess) {
-    for (int nth = 0; nth < 3; ++nth) {
-        const Outcome outcome = run_without_table(nth, 1024);
-        EXPECT_EQ(outcome.err, "Error: Zel MALLOC library internal error: no memory for 2048 debug info structures.\n");
-        EXPECT_EQ(outcome.status, 1);
-    }
 }
 
 #endif

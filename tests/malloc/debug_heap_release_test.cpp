@@ -253,6 +253,24 @@ TEST(DebugHeapRelease, ANegativeIndexIsAnInternalError) {
     EXPECT_EQ(outcome.status, 1);
 }
 
+TEST(DebugHeapRelease, AnIndexOfAnotherLiveBlockIsRefusedBeforeItsLengthIsFilled) {
+    const Outcome outcome = run_heap(1, [] {
+        static void *pointer;
+        pointer = zel_malloc(5, "F", "p");
+        zel_malloc(100000000, "F", "another");
+        zel_malloc_set_free_report_threshold(0);
+        const Interposed changing(hook::fputs, [](const char *text, FILE *stream) {
+            set_word_at(pointer, kIndexAt, 1);
+            return hook::fputs.real(text, stream);
+        });
+        zel_free(named('P', pointer));
+    });
+    EXPECT_EQ(outcome.err, note("zel_free", 5, "") +
+                               "Error: zel_free: The pointer <P> had invalid debugging information (possible "
+                               "internal error). \n");
+    EXPECT_EQ(outcome.status, 1) << "signal " << outcome.signal;
+}
+
 // These hold the capacity of the first table, 1024 records.
 #ifndef ZEL_SMALL_CONSTANTS
 

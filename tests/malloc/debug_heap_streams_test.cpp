@@ -8,6 +8,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <sys/mman.h>
 #include <unistd.h>
 #include <utility>
 
@@ -159,4 +160,60 @@ TEST(DebugHeapStreams, ADescriptionIsWrittenWholeWhenItsStreamMakesTheTableMove)
     const std::string description = "The pointer <P> referenced valid data.  The pointer was allocated by zel_malloc "
                                     "with a length of 4.  The storage was allocated in the function F for p.  \n";
     EXPECT_EQ(outcome.out, description + description);
+}
+
+TEST(DebugHeapStreams, ABlockThatItsNotesStreamReleasedIsReleasedTwice) {
+    const Outcome outcome = run_heap(ZEL_MALLOC_CHECK_PTR, [] {
+        static void *pointer;
+        pointer = named('P', zel_malloc(5, "F", "p"));
+        keep_from_system(pointer);
+        zel_malloc_set_free_report_threshold(0);
+        write_through_stream(MSG_WARNING, STDERR_FILENO, [] {
+            zel_malloc_set_free_report_threshold(-1);
+            zel_free(pointer);
+        });
+        zel_free(pointer);
+    });
+    EXPECT_EQ(outcome.err, "Warning: (zel_free): Freeing a pointer (<P>) which pointed to 5 bytes of data.  \n"
+                           "Error: Zel MALLOC library internal error: free_debug_info index pointed to a free debug "
+                           "info structure (index = 0)\n");
+    EXPECT_EQ(outcome.status, 1);
+}
+
+TEST(DebugHeapStreams, ABlockThatItsNotesStreamUnmappedIsASentence) {
+    const Outcome outcome = run_heap(ZEL_MALLOC_CHECK_PTR, [] {
+        static void *pages;
+        pages = mmap(nullptr, 1, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        hook::malloc.replacement = [](size_t /*size*/) { return pages; };
+        void *pointer = named('P', zel_malloc(5, "F", "p"));
+        hook::malloc.replacement = nullptr;
+        zel_malloc_set_free_report_threshold(0);
+        write_through_stream(MSG_WARNING, STDERR_FILENO, [] { munmap(pages, 1); });
+        zel_free(pointer);
+    });
+    EXPECT_EQ(outcome.err, "Warning: (zel_free): Freeing a pointer (<P>) which pointed to 5 bytes of data.  \n"
+                           "Error: zel_free: The pointer <P> referenced data that was corrupted at the beginning. \n");
+    EXPECT_EQ(outcome.status, 1) << "signal " << outcome.signal;
+}
+
+TEST(DebugHeapStreams, ABlockThatItsNotesStreamMadeSmallerIsFilledInItsNewLength) {
+    const Outcome outcome = run_heap(ZEL_MALLOC_CHECK_PTR, [] {
+        static void *pointer;
+        pointer = zel_malloc(100, "F", "p");
+        zel_malloc_set_free_report_threshold(0);
+        write_through_stream(MSG_WARNING, STDERR_FILENO, [] {
+            zel_malloc_set_free_report_threshold(-1);
+            hook::realloc.replacement = [](void *block, size_t /*size*/) { return block; };
+            memset(pointer, 0xCC, 100);
+            zel_realloc(pointer, 5, "G", "g");
+            hook::realloc.replacement = nullptr;
+        });
+        keep_from_system(pointer);
+        zel_free(pointer);
+        for (const ptrdiff_t offset : {0, 4, 8, 12}) {
+            printf("%08X ", word_at(pointer, offset));
+        }
+    });
+    EXPECT_EQ(outcome.out, "ABABABAB CCCCCCAB 35A7B641 CCCCCCCC ") << "five bytes and no more";
+    EXPECT_EQ(outcome.status, 0);
 }

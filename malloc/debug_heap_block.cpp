@@ -1,0 +1,82 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// The block of the debug heap: its size, and the words around user data.
+#include <malloc/internal/debug_heap.h>
+
+namespace zel::memory {
+
+namespace {
+
+// The words around user data are read as such, whatever type the user gave to the bytes around them.
+using Word [[gnu::may_alias]] = uint32_t;
+
+constexpr size_t kHeaderSize = sizeof(Header);
+constexpr size_t kWordSize = sizeof(uint32_t);
+constexpr size_t kGuardSize = kHeaderSize + kWordSize;
+static_assert(kHeaderSize == 8 && kGuardSize == 12);
+
+constexpr size_t rounded_up(size_t size) {
+    return (size + kWordSize - 1) & ~(kWordSize - 1);
+}
+
+char *bytes_at(const void *pointer) {
+    return static_cast<char *>(const_cast<void *>(pointer));
+}
+
+// Released blocks are read here on purpose: a pointer released twice is told by what its first release wrote into the
+// header. The address sanitizer would stop the process before the diagnosis, so these reads are exempt from it.
+[[gnu::no_sanitize_address, gnu::noinline]] uint32_t read_word(const void *address) {
+    return *static_cast<const volatile Word *>(address);
+}
+
+void write_word(void *address, uint32_t value) {
+    *static_cast<Word *>(address) = value;
+}
+
+} // namespace
+
+size_t debug_block_size(size_t size) {
+    constexpr size_t kLargest = SIZE_MAX - kGuardSize - (kWordSize - 1);
+    return size > kLargest ? SIZE_MAX : rounded_up(size) + kGuardSize;
+}
+
+void *block_of(void *pointer) {
+    return bytes_at(pointer) - kHeaderSize;
+}
+
+// Addresses are numbers until they are known to be those of memory. Both words of a header lie in one page.
+bool read_header(const void *pointer, Header *header) {
+    if (!is_readable(reinterpret_cast<uintptr_t>(pointer) - kWordSize)) {
+        return false;
+    }
+    const char *words = bytes_at(pointer) - kHeaderSize;
+    *header = {.index = static_cast<int32_t>(read_word(words)), .magic = read_word(words + kWordSize)};
+    return true;
+}
+
+bool has_intact_trailer(const Record &record) {
+    return is_readable(reinterpret_cast<uintptr_t>(record.pointer) + rounded_up(record.length)) &&
+           read_word(bytes_at(record.pointer) + rounded_up(record.length)) == kTrailerMagic;
+}
+
+void mark_released(void *pointer) {
+    write_word(bytes_at(pointer) - kWordSize, kReleasedMagic);
+}
+
+void *register_block(void *block, size_t size, const Caller &caller) {
+    if (!has_free_record()) {
+        return nullptr;
+    }
+    char *pointer = bytes_at(block) + kHeaderSize;
+    const int32_t index = take_record(caller.method);
+    Record &record = debug_heap.records[index];
+    record.pointer = pointer;
+    record.length = size;
+    record.caller = caller;
+    debug_heap.bytes_in_use += size;
+    write_word(pointer + rounded_up(size), kTrailerMagic);
+    write_word(block, static_cast<uint32_t>(index));
+    write_word(pointer - kWordSize, kLiveMagic);
+    return pointer;
+}
+
+} // namespace zel::memory

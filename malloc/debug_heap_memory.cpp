@@ -1,0 +1,70 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// Which memory can be read: the debug heap is handed pointers that lead anywhere.
+#include <malloc/internal/debug_heap.h>
+#include <msg/base/text.h>
+
+#include <array>
+#include <cstdlib>
+#include <fcntl.h>
+#include <linux/futex.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace zel::memory {
+
+namespace {
+
+uintptr_t heap_end() {
+    return reinterpret_cast<uintptr_t>(sbrk(0)); // no system call: the C library knows
+}
+
+// What /proc says of this process in one line; empty when there is no such file.
+void read_status(std::span<char> line) {
+    ssize_t length = 0;
+    const int fd = open("/proc/self/stat", O_RDONLY | O_CLOEXEC);
+    if (fd >= 0) {
+        length = read(fd, line.data(), line.size() - 1);
+        close(fd);
+    }
+    line[length > 0 ? static_cast<size_t>(length) : 0] = '\0';
+}
+
+// The start of the heap stands in the 45th word behind the name of the program, which ends with the last bracket. 0
+// when there is no such word.
+uintptr_t heap_start_in(const char *line) {
+    constexpr int kWord = 45;
+    const char *rest = strrchr(line, ')');
+    for (int word = 0; word < kWord && rest != nullptr; ++word) {
+        rest = strchr(rest + 1, ' ');
+    }
+    return rest == nullptr ? 0 : strtoul(rest, nullptr, 10);
+}
+
+// From the start of the heap to its present end all memory is there, unless the program itself takes some of it away.
+bool is_in_heap(uintptr_t address) {
+    return !kAlwaysProbes && address >= debug_heap.heap_start && address < heap_end();
+}
+
+// A futex operation that wakes nobody and moves nobody: the kernel reads the word first, and fails with EFAULT where it
+// cannot. It reads these four bytes and no others, and so memory checkers do not complain of a word that is there.
+bool can_be_read(uintptr_t address) {
+    const zel::ErrnoKept kept;
+    return syscall(SYS_futex, address, FUTEX_CMP_REQUEUE_PRIVATE, 0, nullptr, address, 0) >= 0 || errno != EFAULT;
+}
+
+} // namespace
+
+void find_heap_start() {
+    const zel::ErrnoKept kept;
+    std::array<char, 2048> line;
+    read_status(line);
+    const uintptr_t start = heap_start_in(line.data());
+    const uintptr_t end = heap_end();
+    debug_heap.heap_start = start == 0 || start > end ? end : start;
+}
+
+bool is_readable(uintptr_t address) {
+    return is_in_heap(address) || can_be_read(address);
+}
+
+} // namespace zel::memory
