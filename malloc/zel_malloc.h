@@ -60,8 +60,9 @@ char *zel_strdup2(const char *a, const char *b, const char *function, const char
 
 /* A new text, formatted as by printf. Null on a formatting error. The storage grows from 16 bytes; at least one byte
  * more than the text needs is allocated. Failures are reported under zel_malloc or zel_realloc: what a failure handler
- * returns is written into, resized and released like their results, so it must be null or a block of the size from
- * malloc. Clears errno. */
+ * returns is written into, resized and released like their results. It must be null, or storage of the size from an
+ * entry of this library that has not been given back; with the debug heap off a block from malloc serves as well. With
+ * the debug heap on any other pointer ends the process at the resize or release. Clears errno. */
 char *zel_vprintf_strdup(const char *format, va_list args) __attribute__((format(printf, 1, 0)));
 char *zel_printf_strdup(const char *format, ...) __attribute__((format(printf, 1, 2)));
 

@@ -125,3 +125,46 @@ TEST(DebugHeapRealloc, APointerThatIsNoMultipleOfEightIsNotRead) {
     EXPECT_EQ(outcome.err, "Error: GROW was passed an invalid pointer: <P>\n");
     EXPECT_EQ(outcome.status, 1);
 }
+
+// ---- What a failure handler provides for a formatted text
+// -------------------------------------------------------------
+
+namespace {
+
+void *provided;
+
+// A text that is formatted while the system has no memory for its first buffer: the handler provides it.
+Outcome format_into_what_is_provided(int mode, void *(*provide)()) {
+    return run_heap(mode, [provide] {
+        provided = named('P', provide());
+        zel_malloc_set_failure_handler([](unsigned long /*size*/, const char * /*text*/) { return provided; });
+        char *text = nullptr;
+        {
+            const Interposed failing(hook::malloc, fail_always(hook::malloc, ENOMEM, nullptr));
+            text = zel_printf_strdup("%040d", 7);
+        }
+        printf("%zu %lu\n", strlen(text), zel_malloc_mem_used());
+        zel_free(text);
+    });
+}
+
+} // namespace
+
+TEST(DebugHeapFormatted, AHandlerMayProvideStorageOfThisLibrary) {
+    for (const int mode : {ZEL_MALLOC_CHECK_PTR, ZEL_MALLOC_VERIFY_HEAP}) {
+        const Outcome outcome = format_into_what_is_provided(mode, [] { return zel_malloc(16, "F", "reserve"); });
+        EXPECT_EQ(outcome.out, "40 42\n");
+        EXPECT_EQ(outcome.err, "");
+        EXPECT_EQ(outcome.status, 0);
+    }
+}
+
+TEST(DebugHeapFormatted, ABlockFromMallocEndsTheProcessAtItsResize) {
+    for (const int mode : {ZEL_MALLOC_CHECK_PTR, ZEL_MALLOC_VERIFY_HEAP}) {
+        const Outcome outcome = format_into_what_is_provided(mode, [] { return malloc(16); });
+        EXPECT_EQ(outcome.err, "Error: zel_realloc: The pointer <P> referenced data that was corrupted at the "
+                               "beginning. (Currently inside of zel_vprintf_strdup, allocating storage for buffer "
+                               "resize)\n");
+        EXPECT_EQ(outcome.status, 1);
+    }
+}
