@@ -203,7 +203,7 @@ void refuse_format(const Channel &channel, const char *format) {
 }
 
 // A leading dollar sign is reserved for message catalogues. Two of them stand for one.
-const char *checked_format(const Channel &channel, const char *format) {
+[[gnu::format_arg(2)]] const char *checked_format(const Channel &channel, const char *format) {
     if (format[0] != '$') {
         return format;
     }

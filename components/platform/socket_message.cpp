@@ -208,7 +208,7 @@ bool send_whole(int socket, const char *data, size_t length) {
 bool send_gathered(Framing &framing) {
     const size_t length = framing.used;
     framing.used = 0;
-    return send_whole(framing.socket, framing.area.data(), length);
+    return length == 0 || send_whole(framing.socket, framing.area.data(), length);
 }
 
 // A line too long for the area goes out by itself, behind what was gathered.
