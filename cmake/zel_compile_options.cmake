@@ -1,5 +1,6 @@
 # Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 # The warning level and language of everything that is built here, and what the library itself adds to it.
+include(CheckCXXCompilerFlag)
 
 set(CMAKE_C_STANDARD 11)
 set(CMAKE_C_STANDARD_REQUIRED ON)
@@ -22,12 +23,34 @@ if(ZEL_SMALL)
   add_compile_definitions(ZEL_SMALL_CONSTANTS)
 endif()
 
-set(ZEL_WARNINGS -Wall -Wextra -Wpedantic -Wconversion -Wsign-conversion -Wshadow -Wformat=2 -Wcast-align -Wcast-qual
-  -Wundef -Wwrite-strings -Wdouble-promotion -Wnull-dereference -Wvla -Werror)
-set(ZEL_CXX_WARNINGS -Wold-style-cast -Wextra-semi -Wzero-as-null-pointer-constant
-  -Wsuggest-override -Wlogical-op -Wduplicated-cond -Wduplicated-branches)
+set(ZEL_WARNINGS)
+set(ZEL_CXX_WARNINGS)
 
-# zel_warnings(TARGET): the project's warning level, as errors.
+# zel_use_warning(LIST OPTION): adds to the list a warning that the compiler at hand knows.
+function(zel_use_warning list option)
+  string(MAKE_C_IDENTIFIER "ZEL_HAS${option}" known)
+  # An option that is merely unknown is a warning to clang.
+  set(CMAKE_REQUIRED_FLAGS -Werror)
+  check_cxx_compiler_flag(${option} ${known})
+  if(${known})
+    list(APPEND ${list} ${option})
+    set(${list} ${${list}} PARENT_SCOPE)
+  endif()
+endfunction()
+
+foreach(option -Wall -Wextra -Wpedantic -Wconversion -Wsign-conversion -Wshadow -Wformat=2 -Wcast-align -Wcast-qual
+    -Wundef -Wwrite-strings -Wdouble-promotion -Wnull-dereference -Wvla)
+  zel_use_warning(ZEL_WARNINGS ${option})
+endforeach()
+foreach(option -Wold-style-cast -Wextra-semi -Wzero-as-null-pointer-constant -Wsuggest-override -Wlogical-op
+    -Wduplicated-cond -Wduplicated-branches)
+  zel_use_warning(ZEL_CXX_WARNINGS ${option})
+endforeach()
+if(ZEL_WERROR)
+  list(APPEND ZEL_WARNINGS -Werror)
+endif()
+
+# zel_warnings(TARGET): the project's warning level.
 function(zel_warnings target)
   target_compile_options(${target} PRIVATE ${ZEL_WARNINGS} "$<$<COMPILE_LANGUAGE:CXX>:${ZEL_CXX_WARNINGS}>")
 endfunction()
