@@ -2,6 +2,7 @@
 """Programs outside the tree build against an installed prefix, as a CMake package and by pkg-config, and run."""
 
 import os
+import re
 import shutil
 import subprocess
 import tempfile
@@ -11,14 +12,20 @@ from pathlib import Path
 import repo
 
 CONSUMER = repo.ROOT / "tests/repo/consumer"
-WORD = {"x86": "-m32", "x86_64": "-m64"}[repo.PRESET]
-OTHER = {"x86": "x86_64", "x86_64": "x86"}[repo.PRESET]
+WORD = {"x86": "-m32", "x86_64": "-m64"}[repo.TARGET]
+OTHER = {"x86": "x86_64", "x86_64": "x86"}[repo.TARGET]
 SAYS = "forty-two is 42: 1 0\n"
 
 COMPILERS = {
     "consumer.c": ["gcc", "-std=c11"],
     "consumer.cpp": ["g++", "-std=c++17"],
 }
+
+
+def build_type():
+    """The build type as it stands in the names of the package's files."""
+    cache = (repo.BUILD / "CMakeCache.txt").read_text(encoding="utf-8")
+    return re.search(r"^CMAKE_BUILD_TYPE:\w+=(\w+)$", cache, re.MULTILINE).group(1).lower()
 
 
 def installed_files(prefix):
@@ -28,13 +35,14 @@ def installed_files(prefix):
 def expected_files():
     headers = {f"include/zel/{path}" for path in repo.public_headers()}
     libraries = {"lib/libzel.a", "lib/libzel.so", "lib/libzel.so.0", "lib/libzel.so.0.1.0"}
-    package = {f"lib/cmake/zel/{name}.cmake" for name in ("zelConfig", "zelConfig-relwithdebinfo", "zelConfigVersion")}
+    names = ("zelConfig", f"zelConfig-{build_type()}", "zelConfigVersion")
+    package = {f"lib/cmake/zel/{name}.cmake" for name in names}
     return headers | libraries | package | {"lib/pkgconfig/zel.pc"}
 
 
-def configure_consumer(build, prefix, preset):
+def configure_consumer(build, prefix, target):
     """Configures the consumer for a target; its result tells whether the package was found."""
-    toolchain = repo.ROOT / f"cmake/{preset}.cmake"
+    toolchain = repo.ROOT / f"cmake/{target}.cmake"
     options = ["-G", "Ninja", f"-DCMAKE_TOOLCHAIN_FILE={toolchain}", f"-DCMAKE_PREFIX_PATH={prefix}"]
     command = ["cmake", "-S", str(CONSUMER), "-B", str(build), *options]
     return subprocess.run(command, capture_output=True, text=True, check=False)
@@ -60,7 +68,7 @@ class Install(unittest.TestCase):
 
     def test_programs_find_it_as_a_cmake_package(self):
         build = self.folder / "consumer"
-        done = configure_consumer(build, self.prefix, repo.PRESET)
+        done = configure_consumer(build, self.prefix, repo.TARGET)
         self.assertEqual(done.returncode, 0, done.stdout + done.stderr)
         repo.run(["cmake", "--build", build])
         for program in ("c_zel", "c_static", "cpp_zel", "cpp_static"):
@@ -69,7 +77,7 @@ class Install(unittest.TestCase):
     def test_a_program_for_the_other_target_does_not_find_it(self):
         done = configure_consumer(self.folder / "other", self.prefix, OTHER)
         self.assertNotEqual(done.returncode, 0)
-        bits = {"x86": "32bit", "x86_64": "64bit"}[repo.PRESET]
+        bits = {"x86": "32bit", "x86_64": "64bit"}[repo.TARGET]
         self.assertIn(f"considered but not accepted: {self.prefix}/lib/cmake/zel/zelConfig.cmake, version: 0.1.0 ({bits})",
                       " ".join(done.stderr.split()))
 

@@ -10,6 +10,8 @@ ROOT = Path(__file__).resolve().parents[2]
 # The build folder that is looked at, and the preset that it was made from.
 BUILD = Path(os.environ.get("ZEL_BUILD", ROOT / "build" / "x86"))
 PRESET = BUILD.name
+# The target that it builds for, without what else its name says of it.
+TARGET = PRESET.split("-")[0]
 
 CODE_FOLDERS = ("msg", "malloc", "components", "examples", "tools", "bench", "tests")
 
