@@ -69,7 +69,7 @@ Totals walk_records(bool verbose) {
     Totals totals = {};
     for (uint32_t index = next_in_use(0); index < debug_heap.capacity; index = next_in_use(index + 1)) {
         const Record record = debug_heap.records[index]; // a copy: a stream that is written to may move the table
-        const bool valid = zel::memory::valid_record(record.pointer) != nullptr;
+        const bool valid = zel::memory::valid_record(record.pointer, zel::memory::heap_reach()) != nullptr;
         if (verbose && totals.pointers == 0) {
             print_heading();
         }

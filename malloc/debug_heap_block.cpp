@@ -44,8 +44,8 @@ void *block_of(void *pointer) {
 }
 
 // Addresses are numbers until they are known to be those of memory. Both words of a header lie in one page.
-bool read_header(const void *pointer, Header *header) {
-    if (!is_readable(reinterpret_cast<uintptr_t>(pointer) - kWordSize)) {
+bool read_header(const void *pointer, const Reach &reach, Header *header) {
+    if (!is_readable(reinterpret_cast<uintptr_t>(pointer) - kWordSize, reach)) {
         return false;
     }
     const char *words = bytes_at(pointer) - kHeaderSize;
@@ -53,8 +53,8 @@ bool read_header(const void *pointer, Header *header) {
     return true;
 }
 
-bool has_intact_trailer(const Record &record) {
-    return is_readable(reinterpret_cast<uintptr_t>(record.pointer) + rounded_up(record.length)) &&
+bool has_intact_trailer(const Record &record, const Reach &reach) {
+    return is_readable(reinterpret_cast<uintptr_t>(record.pointer) + rounded_up(record.length), reach) &&
            read_word(bytes_at(record.pointer) + rounded_up(record.length)) == kTrailerMagic;
 }
 

@@ -12,12 +12,14 @@ namespace {
 // Every record in use, in the order of the indices; each that is not sound is a warning. Returns whether all are.
 bool heap_is_sound() {
     bool sound = true;
+    Reach reach = heap_reach();
     uint32_t index = next_index(debug_heap.in_use, debug_heap.capacity, 0);
     while (index < debug_heap.capacity) {
         const Record &record = debug_heap.records[index];
-        if (valid_record(record.pointer) == nullptr) {
+        if (valid_record(record.pointer, reach) == nullptr) {
             msg_warn("%s", diagnose(record.pointer, &record, false));
             sound = false;
+            reach = heap_reach();
         }
         index = next_index(debug_heap.in_use, debug_heap.capacity, index + 1);
     }
@@ -59,7 +61,7 @@ void note_release(const Record &record, const Caller &caller) {
 // pointer is refused: as many bytes as it says would be filled.
 int32_t require_record(const void *pointer, const Caller &caller) {
     Header header;
-    if (!read_header(pointer, &header)) {
+    if (!read_header(pointer, heap_reach(), &header)) {
         refuse(pointer, caller);
     }
     const zel::MemoryReport under_way;
@@ -81,14 +83,14 @@ int32_t require_record(const void *pointer, const Caller &caller) {
 
 } // namespace
 
-const Record *valid_record(const void *pointer) {
+const Record *valid_record(const void *pointer, const Reach &reach) {
     Header header;
-    if (!is_aligned(pointer) || !read_header(pointer, &header) || header.magic != kLiveMagic) {
+    if (!is_aligned(pointer) || !read_header(pointer, reach, &header) || header.magic != kLiveMagic) {
         return nullptr;
     }
     const Record *record = record_at(header.index);
     const bool valid =
-        record != nullptr && record->pointer == pointer && is_in_use(*record) && has_intact_trailer(*record);
+        record != nullptr && record->pointer == pointer && is_in_use(*record) && has_intact_trailer(*record, reach);
     return valid ? record : nullptr;
 }
 
@@ -97,7 +99,7 @@ void verify_before_allocation(const Caller &caller) {
 }
 
 size_t free_debug_info(void *pointer, const Caller &caller) {
-    const Record *owner = valid_record(pointer);
+    const Record *owner = valid_record(pointer, heap_reach());
     if (owner == nullptr) {
         refuse(pointer, caller);
     }

@@ -44,14 +44,15 @@ struct Findings {
 };
 
 Findings look_at(const void *pointer, const Record *known) {
+    const Reach reach = heap_reach();
     Findings findings = {};
-    findings.header_readable = read_header(pointer, &findings.header);
+    findings.header_readable = read_header(pointer, reach, &findings.header);
     findings.indexed = findings.header_readable ? record_at(findings.header.index) : nullptr;
     findings.indexed_is_owner = findings.indexed != nullptr && findings.indexed->pointer == pointer &&
                                 (known == nullptr || known == findings.indexed);
     findings.owner = findings.indexed_is_owner ? findings.indexed : known;
     findings.trailer_intact =
-        findings.header.magic != kLiveMagic || findings.owner == nullptr || has_intact_trailer(*findings.owner);
+        findings.header.magic != kLiveMagic || findings.owner == nullptr || has_intact_trailer(*findings.owner, reach);
     return findings;
 }
 

@@ -40,18 +40,6 @@ uintptr_t heap_start_in(const char *line) {
     return rest == nullptr ? 0 : strtoul(rest, nullptr, 10);
 }
 
-// From the start of the heap to its present end all memory is there, unless the program itself takes some of it away.
-bool is_in_heap(uintptr_t address) {
-    return !kAlwaysProbes && address >= debug_heap.heap_start && address < heap_end();
-}
-
-// A futex operation that wakes nobody and moves nobody: the kernel reads the word first, and fails with EFAULT where it
-// cannot. It reads these four bytes and no others, and so memory checkers do not complain of a word that is there.
-bool can_be_read(uintptr_t address) {
-    const zel::ErrnoKept kept;
-    return syscall(SYS_futex, address, FUTEX_CMP_REQUEUE_PRIVATE, 0, nullptr, address, 0) >= 0 || errno != EFAULT;
-}
-
 } // namespace
 
 void find_heap_start() {
@@ -63,8 +51,16 @@ void find_heap_start() {
     debug_heap.heap_start = start == 0 || start > end ? end : start;
 }
 
-bool is_readable(uintptr_t address) {
-    return is_in_heap(address) || can_be_read(address);
+// From the start of the heap to its present end all memory is there, unless the program itself takes some of it away.
+Reach heap_reach() {
+    return {.start = debug_heap.heap_start, .end = kAlwaysProbes ? 0 : heap_end()};
+}
+
+// A futex operation that wakes nobody and moves nobody: the kernel reads the word first, and fails with EFAULT where it
+// cannot. It reads these four bytes and no others, and so memory checkers do not complain of a word that is there.
+bool can_be_read(uintptr_t address) {
+    const zel::ErrnoKept kept;
+    return syscall(SYS_futex, address, FUTEX_CMP_REQUEUE_PRIVATE, 0, nullptr, address, 0) >= 0 || errno != EFAULT;
 }
 
 } // namespace zel::memory

@@ -106,14 +106,28 @@ inline constexpr bool kAlwaysProbes = false;
 // Asks once where the system's heap starts. Without an answer it starts where it ends now.
 void find_heap_start();
 
-// Whether the word at an address, a multiple of 4, can be read. A system call for an address outside the system's heap.
-bool is_readable(uintptr_t address);
+// The addresses between which memory is read without asking, until the next call of the system's allocator or of the
+// program's code.
+struct Reach {
+    uintptr_t start;
+    uintptr_t end;
+};
+
+Reach heap_reach();
+
+// Whether the kernel can read the word at an address, a multiple of 4. A system call.
+bool can_be_read(uintptr_t address);
+
+// The same without a system call for an address in reach.
+inline bool is_readable(uintptr_t address, const Reach &reach) {
+    return (address >= reach.start && address < reach.end) || can_be_read(address);
+}
 
 // The header in front of a user pointer, which may be anything: false when there is no such memory.
-bool read_header(const void *pointer, Header *header);
+bool read_header(const void *pointer, const Reach &reach, Header *header);
 
 // Whether the word behind the record's user data is there and as it was written.
-bool has_intact_trailer(const Record &record);
+bool has_intact_trailer(const Record &record, const Reach &reach);
 
 void mark_released(void *pointer);
 
@@ -123,7 +137,7 @@ inline bool is_aligned(const void *pointer) {
 }
 
 // The record of a pointer, in use and with header and trailer intact; null when the pointer is not valid.
-const Record *valid_record(const void *pointer);
+const Record *valid_record(const void *pointer, const Reach &reach);
 
 // The sentences on a pointer. known: its record, or null when that is not known. In a static buffer that every call
 // overwrites.
