@@ -140,7 +140,7 @@ Outcome format_into_what_is_provided(int mode, void *(*provide)()) {
         zel_malloc_set_failure_handler([](unsigned long /*size*/, const char * /*text*/) { return provided; });
         char *text = nullptr;
         {
-            const Interposed failing(hook::malloc, fail_always(hook::malloc, ENOMEM, nullptr));
+            const Interposed failing(hook::malloc, fail_nth(hook::malloc, 0, ENOMEM, nullptr));
             text = zel_printf_strdup("%040d", 7);
         }
         printf("%zu %lu\n", strlen(text), zel_malloc_mem_used());
