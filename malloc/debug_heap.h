@@ -29,9 +29,9 @@
  *
  * A request of 5 bytes takes 20: 4 + 4 + 5 + 3 + 4.
  *
- * Any pointer may be handed back: one to memory that is not there is reported like any stray pointer. A check of a block
- * that the system has mapped by itself, usually one of 128 KiB or more, costs two short system calls. Without memory for
- * its record a request fails like any other.
+ * Any pointer may be handed back: one to memory that is not there is reported like any stray pointer. A check of a
+ * block that the system has mapped by itself, usually one of 128 KiB or more, costs two short system calls. Without
+ * memory for its record a request fails like any other.
  */
 #ifndef ZEL_MALLOC_DEBUG_HEAP_H
 #define ZEL_MALLOC_DEBUG_HEAP_H
