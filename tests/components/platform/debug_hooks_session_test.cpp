@@ -185,7 +185,9 @@ TEST(DebugHooksSession, ACompanionRunsUnderTheDebuggerWhileItsParentStartsItAsAl
                           "-ex 'info inferiors' -ex continue --args \"$ZEL_EXE\" $ZEL_EXE_PARMS";
     const Outcome outcome =
         run_with("", {ZEL_BINARY_DIR "/examples/word_count", "--debug", request, folder.path + "/text"});
-    EXPECT_TRUE(contains(outcome.out, "Breakpoint 1, main")) << outcome.out << outcome.err;
+    // A program without debugging information has an address between the two.
+    EXPECT_TRUE(contains(outcome.out, "Breakpoint 1, ")) << outcome.out << outcome.err;
+    EXPECT_TRUE(contains(outcome.out, "main (")) << outcome.out;
     EXPECT_TRUE(contains(outcome.out, "word_count_companion")) << outcome.out;
     EXPECT_TRUE(contains(outcome.out, "    words            3\n")) << outcome.out;
     EXPECT_TRUE(contains(outcome.out, "             2  two\n")) << outcome.out;
