@@ -159,11 +159,14 @@ TEST(DebugHeapUnmapped, WithoutAnAnswerWhereTheHeapStartsItIsTheSame) {
         for (void *&block : before) {
             block = malloc(1000);
         }
-        const rlimit none = {.rlim_cur = 0, .rlim_max = 0};
+        rlimit usual = {};
+        getrlimit(RLIMIT_NOFILE, &usual);
+        const rlimit none = {.rlim_cur = 0, .rlim_max = usual.rlim_max};
         setrlimit(RLIMIT_NOFILE, &none);
         errno = EXDEV;
         zel_enable_malloc_debug(ZEL_MALLOC_VERIFY_HEAP);
         const bool kept = errno == EXDEV;
+        setrlimit(RLIMIT_NOFILE, &usual);
         for (void *block : before) {
             free(block); // the heap may end now in front of where it ended then
         }
