@@ -205,7 +205,7 @@ TEST(DebugHeapTable, WithoutMemoryForItAllPartsOfItGrowOrNone) {
 TEST(DebugHeapTable, WithoutMemoryForItARequestIsReported) {
     const Outcome outcome = run_heap(ZEL_MALLOC_CHECK_PTR, [] {
         allocate_many(kFull);
-        const Interposed failing(hook::realloc, fail_always(hook::realloc, EXDEV, nullptr));
+        const Interposed failing(hook::realloc, fail_nth(hook::realloc, 0, EXDEV, nullptr));
         zel_malloc(20, "F", "p");
     });
     EXPECT_EQ(outcome.err, "Error: F (via zel_malloc): Not enough memory to allocate 20 bytes for p.\n");
