@@ -78,7 +78,10 @@ typedef struct PairHandle {
  *   "socketpair create failed"   no companion, no descriptors
  *   "fork failed"                after up to 31 attempts; the two socket ends stay open in the parent
  * Output streams are flushed before the fork. The parent's end is close-on-exec. No memory for the handle ends the
- * process with an error. */
+ * process with an error.
+ * A program that cannot be executed is a child that ends by exit(1). The caller's exit handlers run in that child, too:
+ * a handler that is for the parent alone compares getpid() with the number that the parent noted. In that child every
+ * descriptor that can be read from and has a position is /dev/null; the parent reads its files on where it was. */
 PairHandle *platform_pair_parent_open_lp(const char *env_name, int ignore_sigpipe, int blocking, const char *file,
                                          const int *stdio_fds, const char *arg0, ...) __attribute__((sentinel));
 

@@ -112,7 +112,7 @@ void put_end_into_environment(const Start &start, int child_end) {
     put_end_into_environment(start, ends.child_end);
     execvp(start.file, start.argv);
     ph->error_text = "execvp failed";
-    exit(1);
+    zel::exit_beside_parent(1);
 }
 
 // ---- In the parent --------------------------------------------------------------------------------------------------

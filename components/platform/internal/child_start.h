@@ -17,6 +17,11 @@ void redirect_standard(const int descriptors[3]);
 // In the child: makes /dev/null its standard input, output and error.
 void redirect_standard_to_null();
 
+// In the child: ends it by exit, its parent's exit handlers included. exit puts a partly read input stream back to what
+// was read, and the position belongs to the parent as well: whatever can be read from and has a position becomes
+// /dev/null first, or is closed where /dev/null cannot be opened.
+[[noreturn]] void exit_beside_parent(int status);
+
 } // namespace zel
 
 #endif

@@ -323,16 +323,6 @@ TEST(PairParentOpen, AProgramThatCannotBeExecutedIsAChildThatExitsWithOne) {
     platform_pair_close(ph);
 }
 
-TEST(PairParentOpen, AChildWithoutAProgramRunsTheExitHandlers) {
-    const Outcome outcome = run_in_child([] {
-        atexit([] { write(STDOUT_FILENO, "handled\n", 8); });
-        const int as_they_are[] = {0, 1, 2};
-        finish(start_missing(as_they_are));
-        _exit(0);
-    });
-    EXPECT_EQ(outcome.out, "handled\n");
-}
-
 TEST(PairParentOpen, BufferedOutputIsPrintedOnceThoughTheChildExits) {
     const Outcome outcome = run_in_child([] {
         const int as_they_are[] = {0, 1, 2};
