@@ -6,7 +6,7 @@
 #include <msg/base/text.h>
 
 #include <algorithm>
-#include <array>
+#include <fcntl.h>
 #include <unistd.h>
 
 namespace zel {
@@ -14,25 +14,41 @@ namespace zel {
 namespace {
 
 constexpr int kStandardCount = 3;
-using Sources = std::array<int, kStandardCount>;
+
+bool is_open(int fd) {
+    return fcntl(fd, F_GETFD) != -1;
+}
 
 // A standard descriptor that is to stand in another place too is copied away first: its own place may be taken before
 // it is used, and closing it would take it from the child.
-Sources lift_moved_standards(const int descriptors[kStandardCount]) {
-    Sources sources;
+Standards lift_moved_standards(const Standards &standards) {
+    Standards sources = standards;
     for (int place = 0; place < kStandardCount; ++place) {
-        const int source = descriptors[place];
-        sources[static_cast<size_t>(place)] =
-            source < kStandardCount && source != place && source >= 0 ? dup_above_standard(source) : source;
+        int &source = sources[static_cast<size_t>(place)];
+        if (source < kStandardCount && source != place) {
+            source = dup_above_standard(source);
+        }
     }
     return sources;
 }
 
-void close_after_last_use(const Sources &sources, size_t place) {
+void close_after_last_use(const Standards &sources, size_t place) {
     const auto later = sources.begin() + static_cast<std::ptrdiff_t>(place) + 1;
     if (std::find(later, sources.end(), sources[place]) == sources.end()) {
         close(sources[place]);
     }
+}
+
+bool put_in_place(const Standards &sources, size_t place) {
+    const int target = static_cast<int>(place);
+    if (sources[place] == target) {
+        return true;
+    }
+    if (dup2(sources[place], target) == -1) {
+        return false;
+    }
+    close_after_last_use(sources, place);
+    return true;
 }
 
 // A stream may itself stand on a standard descriptor when the parent had none; there it stays.
@@ -42,13 +58,21 @@ void close_unless_standard(FILE *stream) {
     }
 }
 
-void duplicate_onto(FILE *stream, int place) {
-    if (stream != nullptr) {
-        dup2(fileno(stream), place);
-    }
+bool duplicate_onto(FILE *stream, int place) {
+    return stream != nullptr && dup2(fileno(stream), place) != -1;
 }
 
 } // namespace
+
+Standards choose_standards(const int descriptors[kStandardCount]) {
+    const ErrnoKept kept;
+    Standards standards;
+    for (int place = 0; place < kStandardCount; ++place) {
+        const int given = descriptors[place];
+        standards[static_cast<size_t>(place)] = given != place && is_open(given) ? given : place;
+    }
+    return standards;
+}
 
 int32_t fork_flushed() {
     {
@@ -58,25 +82,23 @@ int32_t fork_flushed() {
     return fork();
 }
 
-void redirect_standard(const int descriptors[kStandardCount]) {
-    const Sources sources = lift_moved_standards(descriptors);
+bool redirect_standard(const Standards &standards) {
+    const Standards sources = lift_moved_standards(standards);
+    bool placed = true;
     for (size_t place = 0; place < sources.size(); ++place) {
-        const int target = static_cast<int>(place);
-        if (sources[place] != target) {
-            dup2(sources[place], target);
-            close_after_last_use(sources, place);
-        }
+        placed = put_in_place(sources, place) && placed;
     }
+    return placed;
 }
 
-void redirect_standard_to_null() {
+bool redirect_standard_to_null() {
     FILE *input = fopen("/dev/null", "r");
     FILE *output = fopen("/dev/null", "w");
-    duplicate_onto(input, STDIN_FILENO);
-    duplicate_onto(output, STDOUT_FILENO);
-    duplicate_onto(output, STDERR_FILENO);
+    const bool placed = duplicate_onto(input, STDIN_FILENO) && duplicate_onto(output, STDOUT_FILENO) &&
+                        duplicate_onto(output, STDERR_FILENO);
     close_unless_standard(input);
     close_unless_standard(output);
+    return placed;
 }
 
 } // namespace zel

@@ -92,8 +92,9 @@ int platform_copy_file(const char *from, const char *to);
 /* Starts a program, searched along PATH. fds: null, or the descriptors that become its standard input, output and
  * error, a negative one meaning the parent's own; each is closed in the child after its last use, unless it is in its
  * place already. An entry that is not open leaves the parent's own. Returns the child's process number, or -1. A
- * program that cannot be executed is a child that ends with status 127. The caller waits for it (platform_wait_child).
- * Output streams are flushed first. */
+ * program that cannot be executed is a child that ends with status 127, and so is one whose standard descriptors find
+ * no room at the limit of descriptors. The caller waits for it (platform_wait_child). Output streams are flushed
+ * first. */
 int32_t platform_spawn(const char *file, char *const argv[], const int *fds);
 
 /* The same with the arguments as a list, ended by a null pointer of type char *; without redirection, and with

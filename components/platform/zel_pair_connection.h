@@ -72,16 +72,17 @@ typedef struct PairHandle {
  * env_name: the variable that will carry the companion's end. ignore_sigpipe not 0: the parent ignores SIGPIPE from
  * now on. blocking 0 puts both ends in non-blocking mode. file: the program, searched along PATH. stdio_fds: null gives
  * the companion /dev/null as its standard descriptors; else three descriptors that become its input, output and error,
- * each closed in the companion after its last use. arg0 and further texts, then a null pointer of type char *: the
- * companion's argument vector; a 257th text is an assertion that aborts.
+ * each closed in the companion after its last use. An entry that is not open leaves the parent's own. arg0 and further
+ * texts, then a null pointer of type char *: the companion's argument vector; a 257th text is an assertion that aborts.
  * Returns a handle in every case. Its error_text says what failed, error_number is the system's error:
  *   "socketpair create failed"   no companion, no descriptors
  *   "fork failed"                after up to 31 attempts; the two socket ends stay open in the parent
  * Output streams are flushed before the fork. The parent's end is close-on-exec. No memory for the handle ends the
  * process with an error.
- * A program that cannot be executed is a child that ends by exit(1). The caller's exit handlers run in that child, too:
- * a handler that is for the parent alone compares getpid() with the number that the parent noted. In that child every
- * descriptor that can be read from and has a position is /dev/null; the parent reads its files on where it was. */
+ * A program that cannot be executed is a child that ends by exit(1), and so is one whose standard descriptors find no
+ * room at the limit of descriptors. The caller's exit handlers run in that child, too: a handler that is for the parent
+ * alone compares getpid() with the number that the parent noted. In that child every descriptor that can be read from
+ * and has a position is /dev/null; the parent reads its files on where it was. */
 PairHandle *platform_pair_parent_open_lp(const char *env_name, int ignore_sigpipe, int blocking, const char *file,
                                          const int *stdio_fds, const char *arg0, ...) __attribute__((sentinel));
 

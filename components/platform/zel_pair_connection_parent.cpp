@@ -33,7 +33,7 @@ struct Start {
     const char *env_name;
     bool blocking;
     const char *file;
-    const int *stdio_fds;
+    const zel::Standards *standards; // null: the null device
     char *const *argv;
     int32_t parent_pid;
 };
@@ -97,15 +97,20 @@ void put_end_into_environment(const Start &start, int child_end) {
     platform_setenv(start.env_name, value.data());
 }
 
+bool redirect(const Start &start) {
+    return start.standards != nullptr ? zel::redirect_standard(*start.standards) : zel::redirect_standard_to_null();
+}
+
 // DELIBERATE: a companion that cannot be executed leaves by exit(1): that status is all its parent learns of it. Held
 // by the test PairParentOpen.AProgramThatCannotBeExecutedIsAChildThatExitsWithOne.
+//
+// One whose standard descriptors do not stand in their places leaves in the same way: it would have its parent's.
 [[noreturn]] void become_companion(PairHandle *ph, const Start &start, const SocketPair &ends) {
-    if (start.stdio_fds != nullptr) {
-        zel::redirect_standard(start.stdio_fds);
-    } else {
-        zel::redirect_standard_to_null();
-    }
+    const bool redirected = redirect(start);
     close(ends.parent_end);
+    if (!redirected) {
+        zel::exit_beside_parent(1);
+    }
     if (!start.blocking) {
         zel::set_blocking(ends.child_end, false);
     }
@@ -137,10 +142,12 @@ PairHandle *keep_companion(PairHandle *ph, int32_t pid, const SocketPair &ends, 
 PairHandle *platform_pair_parent_open_vp(const char *env_name, int ignore_sigpipe, int blocking, const char *file,
                                          const int *stdio_fds, char *const argv[]) {
     PairHandle *ph = zel::pair::create_handle(true, zel::pair::kKindLocal, blocking, "platform_pair_parent_open_vp");
+    // Asked now: the sockets may take the number of a descriptor that is not open.
+    const zel::Standards standards = stdio_fds != nullptr ? zel::choose_standards(stdio_fds) : zel::Standards{};
     const Start start = {.env_name = env_name,
                          .blocking = blocking != 0,
                          .file = file,
-                         .stdio_fds = stdio_fds,
+                         .standards = stdio_fds != nullptr ? &standards : nullptr,
                          .argv = argv,
                          .parent_pid = platform_getpid()};
     SocketPair ends;

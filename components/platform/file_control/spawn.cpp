@@ -15,15 +15,10 @@ namespace {
 constexpr int kCannotExecute = 127;
 
 // In the child. It leaves without running the exit handlers, which are its parent's.
-[[noreturn]] void become_command(const char *file, char *const argv[], const int *fds) {
-    if (fds != nullptr) {
-        std::array<int, 3> standard;
-        for (int place = 0; place < 3; ++place) {
-            standard[static_cast<size_t>(place)] = fds[place] < 0 ? place : fds[place];
-        }
-        zel::redirect_standard(standard.data());
+[[noreturn]] void become_command(const char *file, char *const argv[], const zel::Standards *standards) {
+    if (standards == nullptr || zel::redirect_standard(*standards)) {
+        execvp(file, argv);
     }
-    execvp(file, argv);
     _exit(kCannotExecute);
 }
 
@@ -54,9 +49,10 @@ int32_t spawn_list(const char *file, const int *fds, const char *arg0, va_list r
 } // namespace
 
 int32_t platform_spawn(const char *file, char *const argv[], const int *fds) {
+    const zel::Standards standards = fds != nullptr ? zel::choose_standards(fds) : zel::Standards{};
     const int32_t pid = zel::fork_flushed();
     if (pid == 0) {
-        become_command(file, argv, fds);
+        become_command(file, argv, fds != nullptr ? &standards : nullptr);
     }
     return pid;
 }

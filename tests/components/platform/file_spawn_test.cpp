@@ -292,6 +292,35 @@ TEST_F(Spawn, AnEntryThatIsNotOpenLeavesTheParentsOwn) {
     EXPECT_EQ(outcome.err, "err\nmoved\nkept\n");
 }
 
+TEST_F(Spawn, ACopyThatTakesAClosedEntrysNumberIsNotTheEntry) {
+    const Outcome outcome = run_in_child([] {
+        const int closed = dup(0);
+        close(closed);
+        run_with({closed, 2, 1}, "readlink /proc/$$/fd/0; echo out >&2");
+        run_with({2, closed, 0}, "readlink /proc/$$/fd/2; readlink /proc/$$/fd/1 | cut -c1-4");
+    });
+    EXPECT_EQ(outcome.err, "/dev/null\n");
+    EXPECT_EQ(outcome.out, "out\n/dev/null\n/tmp\n");
+}
+
+TEST_F(Spawn, AnEntryThatFindsNoRoomForItsCopyEndsTheChild) {
+    const Interposed failing(hook::fcntl, [](int fd, int command, long argument) {
+        if (command == F_DUPFD) {
+            errno = EMFILE;
+            return -1;
+        }
+        return hook::fcntl.real(fd, command, argument);
+    });
+    EXPECT_EQ(run_with({-1, 2, 1}, "exit 0"), 127);
+}
+
+TEST_F(Spawn, AnEntryThatCannotBePutInItsPlaceEndsTheChild) {
+    const int out = create("out");
+    const Interposed failing(hook::dup2, fail_always(hook::dup2, EBADF, -1));
+    EXPECT_EQ(run_with({-1, out, -1}, "exit 0"), 127);
+    close(out);
+}
+
 TEST_F(Spawn, AQuietChildHasTheNullDeviceThreeTimesAndNothingBeside) {
     const Outcome outcome = run_in_child([this] {
         dup2(create("input"), 0);

@@ -102,6 +102,20 @@ void take_descriptors_but(int free) {
     }
 }
 
+// How a reporter ends that is started with so many free descriptors, two of them for the pair.
+int end_with_free_descriptors(int free, const int *stdio_fds) {
+    const Outcome outcome = run_in_child([free, stdio_fds] {
+        take_descriptors_but(free);
+        PairHandle *ph = start({.companion = "pair_reporter", .stdio_fds = stdio_fds});
+        char byte;
+        const bool sent = platform_pair_recv(ph, &byte, 1) != 0;
+        const int status = finish(ph);
+        _exit(sent ? 100 + status : status);
+    });
+    EXPECT_EQ(outcome.out + outcome.err, "");
+    return outcome.status;
+}
+
 // An open that finds no such file.
 std::function<int(const char *, int, mode_t)> hide(const std::string &hidden) {
     return [hidden](const char *path, int flags, mode_t mode) {
@@ -274,4 +288,43 @@ TEST(PairFailedExec, WithoutTheNullDeviceWhatQualifiesIsClosed) {
         },
         [] { dprintf(STDOUT_FILENO, "%d %d", fcntl(0, F_GETFD), fcntl(2, F_GETFD)); });
     EXPECT_EQ(said, "-1 0");
+}
+
+TEST(PairFailedStart, WithoutADescriptorForTheNullDeviceTheCompanionLeavesWithOne) {
+    EXPECT_EQ(end_with_free_descriptors(2, nullptr), 1) << "none for its input";
+    EXPECT_EQ(end_with_free_descriptors(3, nullptr), 1) << "none for its output";
+    EXPECT_EQ(end_with_free_descriptors(5, nullptr), 100 + kServed) << "one more to list the others";
+}
+
+TEST(PairFailedStart, WhereTheNullDeviceCannotStandTheCompanionLeavesWithOne) {
+    for (int nth = 0; nth < 3; ++nth) {
+        const Interposed failing(hook::dup2, fail_nth(hook::dup2, nth, EBADF, -1));
+        EXPECT_EQ(finish(start()), 1) << nth;
+    }
+    for (int nth = 0; nth < 2; ++nth) {
+        const Interposed failing(hook::fopen, fail_nth(hook::fopen, nth, EMFILE, nullptr));
+        EXPECT_EQ(finish(start()), 1) << nth;
+    }
+}
+
+TEST(PairFailedStart, AnEntryThatFindsNoRoomForItsCopyEndsTheCompanion) {
+    const int swapped[] = {0, 2, 1};
+    EXPECT_EQ(end_with_free_descriptors(2, swapped), 1);
+    EXPECT_EQ(end_with_free_descriptors(3, swapped), 1);
+    EXPECT_EQ(end_with_free_descriptors(4, swapped), 100 + kServed);
+}
+
+TEST(PairFailedStart, ItLeavesAsAfterAFailedExec) {
+    const LongFile file;
+    const Outcome outcome = run_in_child([&file] {
+        dup2(open("/proc/self/fd/2", O_WRONLY | O_APPEND), STDERR_FILENO);
+        FILE *stream = fopen(file.path.c_str(), "r");
+        const int before = read_lines(stream, 10);
+        const Interposed failing(hook::fopen, fail_always(hook::fopen, EMFILE, nullptr));
+        atexit([] { write(STDERR_FILENO, "handled ", 8); });
+        finish(start());
+        dprintf(STDERR_FILENO, "%d", before + read_lines(stream, 2 * kLines));
+        _exit(0);
+    });
+    EXPECT_EQ(outcome.err, "handled " + std::to_string(kLines));
 }

@@ -2,6 +2,7 @@
 // The standard descriptors of a companion, in every form in which a parent can give them.
 #include "pair_support.h"
 
+#include <array>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -70,6 +71,19 @@ size_t others_of(const Report &report) {
     return others;
 }
 
+constexpr int kNextFree = -1000; // in a list of descriptors: the lowest closed number above the standard ones
+
+// The list with the numbers that this process has in its places.
+std::array<int, 3> with_next_free(const int *stdio_fds) {
+    std::array<int, 3> given;
+    const int next_free = fcntl(0, F_DUPFD, 3);
+    close(next_free);
+    for (size_t place = 0; place < given.size(); ++place) {
+        given[place] = stdio_fds[place] == kNextFree ? next_free : stdio_fds[place];
+    }
+    return given;
+}
+
 // A process whose standard descriptors are three files, some closed after that (bit n of the mask: descriptor n), runs
 // a reporter. Prints what the companion has, and how the process fared.
 std::string report_with_closed(unsigned closed, const int *stdio_fds) {
@@ -80,11 +94,15 @@ std::string report_with_closed(unsigned closed, const int *stdio_fds) {
         const int said = fcntl(out[1], F_DUPFD_CLOEXEC, 10);
         for (int fd = 0; fd < 3; ++fd) {
             dup2(files.fds[fd], fd);
+        }
+        const std::array<int, 3> given = with_next_free(stdio_fds == nullptr ? files.fds : stdio_fds);
+        for (int fd = 0; fd < 3; ++fd) {
             if ((closed >> fd & 1) != 0) {
                 close(fd);
             }
         }
-        PairHandle *ph = start({.companion = "pair_reporter", .stdio_fds = stdio_fds});
+        PairHandle *ph =
+            start({.companion = "pair_reporter", .stdio_fds = stdio_fds == nullptr ? nullptr : given.data()});
         const bool above = ph->rx_fd > 2;
         const Report report = read_report(ph);
         dprintf(said, "%s%s%s", standards_of(report).c_str(), above && report.end > 2 ? "" : " socket below 3",
@@ -231,4 +249,36 @@ TEST(PairStandardDescriptors, AParentWithClosedOnesCanGiveTheCompanionFiles) {
         SCOPED_TRACE(closed);
         EXPECT_EQ(report_with_closed(closed, files.fds), expected);
     }
+}
+
+TEST(PairStandardDescriptors, AClosedEntryLeavesTheParentsOwn) {
+    const int for_input[] = {kNextFree, 2, 1};
+    EXPECT_EQ(report_with_closed(0, for_input), "r FILE/0 | w FILE/2 | w FILE/1") << "a copy takes the closed number";
+    const int for_errors[] = {1, 0, kNextFree};
+    EXPECT_EQ(report_with_closed(0, for_errors), "w FILE/1 | r FILE/0 | w FILE/2");
+    const int negative[] = {-1, 2, -7};
+    EXPECT_EQ(report_with_closed(0, negative), "r FILE/0 | w FILE/2 | w FILE/2");
+}
+
+TEST(PairStandardDescriptors, AClosedEntryIsNotTheSocketThatTakesItsNumber) {
+    const int for_all[] = {kNextFree, kNextFree, kNextFree};
+    EXPECT_EQ(report_with_closed(0, for_all), "r FILE/0 | w FILE/1 | w FILE/2");
+    const int standard[] = {1, 1, 0};
+    EXPECT_EQ(report_with_closed(1, standard), "w FILE/1 | w FILE/1 | w FILE/2");
+}
+
+TEST(PairStandardDescriptors, AskingWhichEntriesAreOpenLeavesErrno) {
+    const int closed[] = {-1, -1, -1};
+    int seen = 0;
+    PairHandle *ph = nullptr;
+    {
+        const Interposed looking(hook::socketpair, [&seen](int family, int type, int protocol, int *ends) {
+            seen = errno;
+            return hook::socketpair.real(family, type, protocol, ends);
+        });
+        errno = E2BIG;
+        ph = start({.stdio_fds = closed});
+    }
+    EXPECT_EQ(seen, E2BIG);
+    EXPECT_EQ(finish(ph), kServed);
 }
