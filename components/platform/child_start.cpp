@@ -42,6 +42,7 @@ void close_after_last_use(const Standards &sources, size_t place) {
 bool put_in_place(const Standards &sources, size_t place) {
     const int target = static_cast<int>(place);
     if (sources[place] == target) {
+        clear_own_close_on_exec(target); // a socket made here may stand on a standard descriptor
         return true;
     }
     if (dup2(sources[place], target) == -1) {

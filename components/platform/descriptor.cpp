@@ -4,14 +4,41 @@
 
 #include <msg/base/text.h>
 
+#include <array>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/select.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace zel {
 
 namespace {
+
+constexpr int kStandardCount = 3;
+
+// A file that an open descriptor leads to; none when both are 0.
+struct File {
+    dev_t device;
+    ino_t inode;
+    bool operator==(const File &) const = default;
+};
+
+// The files on standard descriptors that set_close_on_exec has marked.
+struct State {
+    std::array<File, kStandardCount> marked;
+};
+
+constinit State state = {};
+
+File file_of(int fd) {
+    struct stat status = {};
+    return fstat(fd, &status) == 0 ? File{.device = status.st_dev, .inode = status.st_ino} : File{};
+}
+
+bool is_standard(int fd) {
+    return fd >= 0 && fd < kStandardCount;
+}
 
 Readiness readiness_of(int result) {
     if (result < 0) {
@@ -54,6 +81,16 @@ int set_blocking(int fd, bool blocking) {
 void set_close_on_exec(int fd) {
     const ErrnoKept kept;
     fcntl(fd, F_SETFD, FD_CLOEXEC);
+    if (is_standard(fd)) {
+        state.marked[static_cast<size_t>(fd)] = file_of(fd);
+    }
+}
+
+void clear_own_close_on_exec(int fd) {
+    const File marked = is_standard(fd) ? state.marked[static_cast<size_t>(fd)] : File{};
+    if (marked != File{} && marked == file_of(fd)) {
+        fcntl(fd, F_SETFD, 0);
+    }
 }
 
 int close_keeping_errno(int fd) {

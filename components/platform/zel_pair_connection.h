@@ -164,8 +164,8 @@ int32_t platform_wait_child(int32_t pid, int32_t *status);
  * pid below 1 is never signalled: 0. */
 int platform_kill_and_reap(int32_t pid);
 
-/* A shared descriptor on /dev/null, open for reading and writing; each open counts a reference. -1 when it cannot be
- * opened. */
+/* A shared descriptor on /dev/null, open for reading and writing; each open counts a reference. It stands above the
+ * standard descriptors, and programs do not inherit it. -1 when it cannot be opened there. */
 int platform_null_fd_open(void);
 
 /* Gives one reference back; the last one closes the descriptor. Any other descriptor is ignored. */

@@ -4,11 +4,13 @@
 
 #include <components/platform/environment.h>
 #include <components/platform/internal/descriptor.h>
+#include <msg/base/text.h>
 
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
 
@@ -20,6 +22,26 @@ struct State {
 };
 
 constinit State shared_null = {.references = 0, .fd = -1, .stream = nullptr};
+
+constexpr const char *kNullMode = "r+";
+
+// The same file as a stream above the standard descriptors. The given one is closed.
+FILE *move_above_standard(FILE *stream) {
+    const int fd = zel::dup_above_standard(fileno(stream));
+    FILE *moved = fd == -1 ? nullptr : fdopen(fd, kNullMode);
+    const zel::ErrnoKept kept;
+    if (moved == nullptr && fd != -1) {
+        close(fd);
+    }
+    fclose(stream);
+    return moved;
+}
+
+// On a standard descriptor, closed in this process, it would be taken for the program's own.
+FILE *open_null_device() {
+    FILE *stream = fopen("/dev/null", kNullMode);
+    return stream == nullptr || fileno(stream) > STDERR_FILENO ? stream : move_above_standard(stream);
+}
 
 } // namespace
 
@@ -78,10 +100,11 @@ int platform_null_fd_open() {
         ++shared_null.references;
         return shared_null.fd;
     }
-    FILE *stream = fopen("/dev/null", "r+");
+    FILE *stream = open_null_device();
     if (stream == nullptr) {
         return -1;
     }
+    zel::set_close_on_exec(fileno(stream));
     shared_null = {.references = 1, .fd = fileno(stream), .stream = stream};
     return shared_null.fd;
 }

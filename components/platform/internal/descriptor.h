@@ -11,6 +11,9 @@ int set_blocking(int fd, bool blocking);
 // Keeps programs that are executed from now on from inheriting the descriptor. errno is kept.
 void set_close_on_exec(int fd);
 
+// Takes back what set_close_on_exec did to a standard descriptor that still leads to the same file.
+void clear_own_close_on_exec(int fd);
+
 // Closes the descriptor and keeps errno. Returns -1, the number of no descriptor.
 int close_keeping_errno(int fd);
 

@@ -3,6 +3,7 @@
 #include <components/platform/file_control.h>
 
 #include "file_support.h"
+#include <components/platform/socket.h>
 #include <components/platform/zel_pair_connection.h>
 #include <malloc/zel_malloc.h>
 #include <msg/msg.h>
@@ -319,6 +320,28 @@ TEST_F(Spawn, AnEntryThatCannotBePutInItsPlaceEndsTheChild) {
     const Interposed failing(hook::dup2, fail_always(hook::dup2, EBADF, -1));
     EXPECT_EQ(run_with({-1, out, -1}, "exit 0"), 127);
     close(out);
+}
+
+TEST_F(Spawn, ASocketOfTheLibrarysThatStandsInItsPlaceIsInherited) {
+    const Outcome outcome = run_in_child([] {
+        close(0);
+        const int fd = platform_server_socket_open(20000, 30000, nullptr);
+        run_with({0, 1, 2}, "expr $(readlink /proc/$$/fd/0) : '\\(socket\\)'");
+        run_with({-1, 1, 2}, "expr $(readlink /proc/$$/fd/0) : '\\(socket\\)'");
+        dprintf(1, "%d %d\n", fd, fcntl(0, F_GETFD) == FD_CLOEXEC);
+    });
+    EXPECT_EQ(outcome.out, "socket\nsocket\n0 1\n") << "the parent's keeps its flag";
+}
+
+TEST_F(Spawn, WhatTheProgramItselfKeepsFromItsChildrenStaysSo) {
+    const Outcome outcome = run_in_child([] {
+        close(0);
+        const int fd = platform_server_socket_open(20000, 30000, nullptr);
+        platform_socket_close(fd);
+        open("/dev/zero", O_RDONLY | O_CLOEXEC);
+        run_with({0, 1, 2}, "readlink /proc/$$/fd/0 || echo closed");
+    });
+    EXPECT_EQ(outcome.out, "closed\n");
 }
 
 TEST_F(Spawn, AQuietChildHasTheNullDeviceThreeTimesAndNothingBeside) {

@@ -97,3 +97,38 @@ TEST(NullDescriptor, AFailedOpenCountsNoReference) {
     platform_null_fd_close(fd);
     EXPECT_FALSE(is_open(fd));
 }
+
+TEST(NullDescriptor, ProgramsDoNotInheritIt) {
+    const int fd = platform_null_fd_open();
+    EXPECT_EQ(fcntl(fd, F_GETFD), FD_CLOEXEC);
+    platform_null_fd_close(fd);
+}
+
+TEST(NullDescriptor, StaysAboveTheStandardOnes) {
+    const Outcome outcome = run_in_child([] {
+        for (int closed = 0; closed < 3; ++closed) {
+            close(closed);
+            const std::set<int> before = open_descriptors();
+            const int fd = platform_null_fd_open();
+            const bool good = fd > 2 && target_of(fd) == "/dev/null" && fcntl(fd, F_GETFD) == FD_CLOEXEC &&
+                              (fcntl(fd, F_GETFL) & O_ACCMODE) == O_RDWR && !is_open(closed);
+            platform_null_fd_close(fd);
+            if (!good || open_descriptors() != before) {
+                _exit(10 + closed);
+            }
+        }
+    });
+    EXPECT_EQ(outcome.status, 0);
+}
+
+TEST(NullDescriptor, WithoutRoomAboveTheStandardOnesItIsNotOpen) {
+    const Outcome outcome = run_in_child([] {
+        close(STDIN_FILENO);
+        const std::set<int> before = open_descriptors();
+        const Interposed failing(hook::fcntl, fail_always(hook::fcntl, EMFILE, -1));
+        errno = 0;
+        const int fd = platform_null_fd_open();
+        _exit(fd == -1 && errno == EMFILE && open_descriptors() == before ? 0 : 1);
+    });
+    EXPECT_EQ(outcome.status, 0);
+}
