@@ -6,6 +6,8 @@
 #include <msg/base/text.h>
 
 #include <algorithm>
+#include <csignal>
+#include <cstdio>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -63,6 +65,36 @@ bool duplicate_onto(FILE *stream, int place) {
     return stream != nullptr && dup2(fileno(stream), place) != -1;
 }
 
+bool is_pending(int signal) {
+    sigset_t pending;
+    sigemptyset(&pending);
+    sigpending(&pending);
+    return sigismember(&pending, signal) == 1;
+}
+
+void take_pending(const sigset_t &signals) {
+    const struct timespec at_once = {};
+    while (sigtimedwait(&signals, nullptr, &at_once) == -1 && errno == EINTR) {
+    }
+}
+
+// SIGPIPE is for a program that writes; here the library does. The child gets the mask and the disposition that the
+// program has: an ignored signal would stay ignored in the companion.
+void flush_output() {
+    const ErrnoKept kept;
+    sigset_t sigpipe;
+    sigset_t mask;
+    sigemptyset(&sigpipe);
+    sigaddset(&sigpipe, SIGPIPE);
+    const bool pending_before = is_pending(SIGPIPE);
+    sigprocmask(SIG_BLOCK, &sigpipe, &mask);
+    fflush(nullptr);
+    if (!pending_before) {
+        take_pending(sigpipe);
+    }
+    sigprocmask(SIG_SETMASK, &mask, nullptr);
+}
+
 } // namespace
 
 Standards choose_standards(const int descriptors[kStandardCount]) {
@@ -76,10 +108,7 @@ Standards choose_standards(const int descriptors[kStandardCount]) {
 }
 
 int32_t fork_flushed() {
-    {
-        const ErrnoKept kept;
-        fflush(nullptr);
-    }
+    flush_output();
     return fork();
 }
 

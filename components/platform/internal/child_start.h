@@ -15,8 +15,8 @@ using Standards = std::array<int, 3>;
 // parent's own. errno is kept.
 Standards choose_standards(const int descriptors[3]);
 
-// fork, with the output streams flushed first: a child that leaves by exit prints nothing twice. errno is kept but for
-// that of a fork that failed.
+// fork, with the output streams flushed first: a child that leaves by exit prints nothing twice. A stream that nobody
+// reads raises no SIGPIPE then. errno is kept but for that of a fork that failed.
 int32_t fork_flushed();
 
 // In the child: makes the three its standard input, output and error, each closed after its last use. Returns whether
