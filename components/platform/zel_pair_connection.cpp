@@ -91,6 +91,24 @@ int child_alive(PairHandle *ph) {
     return 0;
 }
 
+int kill_companion(const PairHandle *ph) {
+    if (zel::pair::has_known_end(ph)) {
+        return 0;
+    }
+    bool ended;
+    const int result = zel::pair::kill_and_reap(ph->companion_pid, &ended);
+    if (ended) {
+        zel::pair::remember_end(ph);
+    }
+    return result;
+}
+
+// A compiler leaves out a plain store to a record that is released next.
+void invalidate(PairHandle *ph) {
+    PairHandle *volatile *const self = &ph->self;
+    *self = nullptr;
+}
+
 } // namespace
 
 int platform_pair_valid(const PairHandle *ph) {
@@ -130,7 +148,7 @@ int platform_pair_companion_alive(PairHandle *ph) {
 
 int platform_pair_kill_child(PairHandle *ph) {
     ZEL_ASSERT(platform_pair_valid(ph));
-    return ph->parent != 0 ? platform_kill_and_reap(ph->companion_pid) : 0;
+    return ph->parent != 0 ? kill_companion(ph) : 0;
 }
 
 // DELIBERATE: both descriptor fields are closed, though they hold the same number and the second close fails unseen; a
@@ -144,6 +162,8 @@ int platform_pair_close(PairHandle *ph) {
         close(ph->rx_fd);
         zel::close_keeping_errno(ph->tx_fd);
     }
+    invalidate(ph);
+    zel::pair::forget_ends(ph);
     free(ph);
     return 1;
 }

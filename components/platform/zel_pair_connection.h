@@ -121,7 +121,9 @@ int32_t platform_pair_recv(PairHandle *ph, void *buffer, int32_t length);
  * until its number is gone. Kind 13: a companion always finds its parent alive. */
 int platform_pair_companion_alive(PairHandle *ph);
 
-/* Parent: platform_kill_and_reap of the companion; the handle's status fields stay as they are. Companion: 0. */
+/* Parent: platform_kill_and_reap of the companion; the handle's status fields stay as they are. When the fields already
+ * hold the companion's end, or an earlier call waited for it, nobody is signalled and the result is 0: the number may
+ * belong to another process by now. Companion: 0. */
 int platform_pair_kill_child(PairHandle *ph);
 
 /* Closes the descriptors and releases the handle, which must not be used again. Kind 13: the connection is shut down

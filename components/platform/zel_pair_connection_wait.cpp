@@ -4,6 +4,8 @@
 
 #include <components/platform/environment.h>
 #include <components/platform/internal/descriptor.h>
+#include <components/platform/internal/pair.h>
+#include <components/platform/process_info.h>
 #include <msg/base/text.h>
 
 #include <cerrno>
@@ -41,6 +43,15 @@ FILE *move_above_standard(FILE *stream) {
 FILE *open_null_device() {
     FILE *stream = fopen("/dev/null", kNullMode);
     return stream == nullptr || fileno(stream) > STDERR_FILENO ? stream : move_above_standard(stream);
+}
+
+// A parent that ignores SIGCHLD has no child left when its child has ended.
+bool wait_to_the_end(int32_t pid) {
+    if (platform_wait_child(pid, nullptr) == pid) {
+        return true;
+    }
+    const zel::ErrnoKept kept;
+    return kept.value == ECHILD && platform_process_exists(static_cast<unsigned long>(pid)) == 0;
 }
 
 } // namespace
@@ -83,7 +94,8 @@ int32_t platform_wait_child(int32_t pid, int32_t *status) {
 
 // DELIBERATE: no pause and no escalation. SIGKILL is for a SIGTERM that could not be sent; a companion that handles
 // SIGTERM is given the time it takes. Held by the test KillAndReap.ACompanionThatDelaysItsEndIsWaitedForAndNotKilled.
-int platform_kill_and_reap(int32_t pid) {
+int zel::pair::kill_and_reap(int32_t pid, bool *ended) {
+    *ended = false;
     // 0 and negative numbers are process groups, our own among them.
     if (pid < 1) {
         return 0;
@@ -91,8 +103,13 @@ int platform_kill_and_reap(int32_t pid) {
     if (kill(pid, SIGTERM) != 0 && kill(pid, SIGKILL) != 0) {
         return 0;
     }
-    platform_wait_child(pid, nullptr);
+    *ended = wait_to_the_end(pid);
     return 1;
+}
+
+int platform_kill_and_reap(int32_t pid) {
+    bool ended;
+    return zel::pair::kill_and_reap(pid, &ended);
 }
 
 int platform_null_fd_open() {

@@ -40,6 +40,9 @@ inline constexpr size_t kFramingSize = kSmall ? 8 : 8192;
 
 // Directories that a removal holds by descriptor. It reaches those above them again on its way back.
 inline constexpr size_t kHeldLevels = kSmall ? 2 : 32;
+// Handles of which it is known, beyond their fields, that their companion has ended. Each holds a descriptor of its
+// process, of which the customary limit is as high.
+inline constexpr size_t kKnownEnds = kSmall ? 2 : 1024;
 
 } // namespace zel
 

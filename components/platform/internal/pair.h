@@ -33,6 +33,19 @@ void set_descriptor(PairHandle *ph, int fd);
 // From now on the process ignores the signal.
 void ignore_signal(int signal);
 
+// Whether the companion of a parent's handle is known to have ended: its number may be somebody else's by now.
+bool has_known_end(const PairHandle *ph);
+
+// From now on has_known_end is true for this companion of the handle, whose fields stay as they are. Needs no memory.
+void remember_end(const PairHandle *ph);
+
+// Forgets what was remembered for the handle.
+void forget_ends(const PairHandle *ph);
+
+// platform_kill_and_reap, which also tells whether the process has ended. It may live on when somebody else is
+// its parent.
+int kill_and_reap(int32_t pid, bool *ended);
+
 } // namespace zel::pair
 
 #endif

@@ -2,6 +2,8 @@
 // Whether the other side still lives, stopping it, and closing the handle.
 #include "pair_support.h"
 
+#include <msg/base/limits.h>
+
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -230,6 +232,115 @@ TEST(PairKillChild, AFailedStartSignalsNobody) {
     platform_pair_close(ph);
 }
 
+TEST(PairKillChild, AnEndThatTheHandleHoldsSignalsNobody) {
+    for (const int32_t how : {3, 0, -SIGKILL}) {
+        PairHandle *ph = start_ended(how);
+        EXPECT_EQ(platform_pair_companion_alive(ph), 0);
+        const ProcessCalls calls;
+        EXPECT_EQ(platform_pair_kill_child(ph), 0);
+        EXPECT_EQ(calls.signals, std::vector<std::string>{}) << "the number may be somebody else's by now";
+        EXPECT_EQ(calls.waits, 0);
+        platform_pair_close(ph);
+    }
+}
+
+TEST(PairKillChild, ASecondTimeNobodyIsSignalled) {
+    PairHandle *ph = start();
+    EXPECT_EQ(platform_pair_kill_child(ph), 1);
+    const ProcessCalls calls;
+    for (int again = 0; again < 3; ++again) {
+        EXPECT_EQ(platform_pair_kill_child(ph), 0);
+        EXPECT_EQ(platform_pair_child_exit_status(ph), 256);
+        EXPECT_EQ(platform_pair_child_term_signal(ph), 0);
+    }
+    EXPECT_EQ(calls.signals, std::vector<std::string>{});
+    EXPECT_EQ(calls.waits, 0);
+    platform_pair_close(ph);
+}
+
+TEST(PairKillChild, WhichCompanionsHaveEndedIsKnownWithoutMemory) {
+    PairHandle *first = start();
+    PairHandle *second = start();
+    {
+        const Interposed failing(hook::malloc, fail_always(hook::malloc, ENOMEM, nullptr));
+        EXPECT_EQ(platform_pair_kill_child(second), 1);
+        EXPECT_EQ(platform_pair_kill_child(first), 1);
+    }
+    {
+        const ProcessCalls calls;
+        EXPECT_EQ(platform_pair_kill_child(second), 0);
+        EXPECT_EQ(platform_pair_kill_child(first), 0);
+        EXPECT_EQ(calls.signals, std::vector<std::string>{});
+    }
+    platform_pair_close(first);
+    platform_pair_close(second);
+}
+
+TEST(PairKillChild, AParentThatIgnoresItsChildrenKnowsItToo) {
+    const Outcome outcome = run_in_child([] {
+        signal(SIGCHLD, SIG_IGN);
+        PairHandle *ph = start();
+        const int first = platform_pair_kill_child(ph);
+        const ProcessCalls calls;
+        const int second = platform_pair_kill_child(ph);
+        printf("%d %d %zu", first, second, calls.signals.size());
+    });
+    EXPECT_EQ(outcome.out, "1 0 0");
+}
+
+TEST(PairKillChild, AWaitThatFailedIsNoEnd) {
+    PairHandle *ph = start();
+    {
+        const Interposed failing(hook::waitpid, fail_always(hook::waitpid, ECHILD, -1));
+        const Interposed letting(hook::kill, [](pid_t, int) { return 0; });
+        EXPECT_EQ(platform_pair_kill_child(ph), 1);
+    }
+    EXPECT_EQ(platform_pair_kill_child(ph), 1);
+    EXPECT_FALSE(has_children());
+    platform_pair_close(ph);
+}
+
+TEST(PairKillChild, AnotherCompanionOnAHandleOfTheSameAddressIsSignalled) {
+    const Interposed ending(hook::waitpid, [](pid_t pid, int *, int) { return pid; });
+    const Interposed letting(hook::kill, [](pid_t, int) { return 0; });
+    for (int round = 0; round < 3; ++round) {
+        PairHandle *ph = start_without_sockets();
+        ph->companion_pid = 4711;
+        EXPECT_EQ(platform_pair_kill_child(ph), 1) << round;
+        EXPECT_EQ(platform_pair_kill_child(ph), 0) << round;
+        ph->companion_pid = 4712;
+        EXPECT_EQ(platform_pair_kill_child(ph), 1) << round;
+        platform_pair_close(ph);
+    }
+}
+
+TEST(PairKillChild, AsManyEndsAreKnownAsAProcessHasDescriptors) {
+    const Outcome outcome = run_in_child([] {
+        const Interposed ending(hook::waitpid, [](pid_t pid, int *, int) { return pid; });
+        const Interposed letting(hook::kill, [](pid_t, int) { return 0; });
+        constexpr size_t kKnown = zel::kKnownEnds;
+        std::vector<PairHandle> handles(kKnown + 1, sample_record(1));
+        for (PairHandle &ph : handles) {
+            ph.self = &ph;
+        }
+        size_t killed = 0;
+        for (size_t index = 0; index < kKnown; ++index) {
+            killed += static_cast<size_t>(platform_pair_kill_child(&handles[index]));
+        }
+        for (size_t index = 0; index < kKnown; ++index) {
+            killed += 10000 * static_cast<size_t>(platform_pair_kill_child(&handles[index]));
+        }
+        printf("%d ", killed == kKnown);
+        // One more is known in place of the oldest.
+        killed = static_cast<size_t>(platform_pair_kill_child(&handles[kKnown]));
+        for (size_t index = 1; index <= kKnown; ++index) {
+            killed += 10000 * static_cast<size_t>(platform_pair_kill_child(&handles[index]));
+        }
+        printf("%zu", killed);
+    });
+    EXPECT_EQ(outcome.out, "1 1");
+}
+
 TEST(PairClose, BothFieldsAreClosedThoughTheyHoldOneNumber) {
     EXPECT_EQ(closings_of(open_with_descriptors("pid-rtx_fd_l", 4711, 4711)), "close 4711;close 4711;");
     EXPECT_EQ(closings_of(open_with_descriptors("pid-rtx_fd", 4711, 4711)), "close 4711;close 4711;");
@@ -253,6 +364,19 @@ TEST(PairClose, TheHandleIsReleased) {
     });
     EXPECT_EQ(platform_pair_close(ph), 1);
     EXPECT_EQ(released, std::vector<void *>{ph});
+}
+
+TEST(PairClose, AClosedHandleIsNoLongerValid) {
+    PairHandle *ph = open_with_descriptors("pid-rtx_fd", -1, -1);
+    int valid = -1;
+    {
+        const Interposed looking(hook::free, [&valid](void *block) {
+            valid = platform_pair_valid(static_cast<const PairHandle *>(block));
+            hook::free.real(block);
+        });
+        platform_pair_close(ph);
+    }
+    EXPECT_EQ(valid, 0);
 }
 
 TEST(PairClose, TheCompanionIsNeitherWaitedForNorSignalled) {
