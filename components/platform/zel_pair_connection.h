@@ -34,7 +34,9 @@
  *   "4711 20311 pid-rtx_fd_w"  kind 13, the tag of the hybrid arrangement
  *
  * Whatever the tag, the number is a TCP port on localhost when the variable NAME_HYBRID is set, not empty and begins
- * with none of 'f', 'F' and '0'; else a descriptor.
+ * with none of 'f', 'F' and '0'; else a descriptor. A companion inherits that variable like any other: a parent that
+ * was started with NAME_HYBRID set unsets it before it opens a local pair under NAME. Otherwise the companion takes its
+ * descriptor for a port.
  *
  * Invariant: a handle is valid precisely when it is not null and its field self points at the record itself. Every
  * operation that takes a handle, except platform_pair_valid and platform_pair_describe, asserts that and aborts the
@@ -118,7 +120,8 @@ int32_t platform_pair_recv(PairHandle *ph, void *buffer, int32_t length);
 
 /* 1 while the process at the other end lives. On the parent's side a companion that has ended is reaped, its exit
  * status and signal go into the handle, and the result is 0; a child that somebody else waited for counts as alive
- * until its number is gone. Kind 13: a companion always finds its parent alive. */
+ * until its number is gone. Kind 13: a companion always finds its parent alive. The process is looked for in /proc,
+ * which takes a free descriptor: without one, or without /proc, the result is 0, and nobody is reaped. */
 int platform_pair_companion_alive(PairHandle *ph);
 
 /* Parent: platform_kill_and_reap of the companion; the handle's status fields stay as they are. When the fields already

@@ -254,3 +254,8 @@ TEST(PairHybrid, ACompanionTakesTheNumberForADescriptorUnderEveryFalseValue) {
         EXPECT_EQ(reap(start_hybrid(value, false).pid), kTookDescriptor) << value;
     }
 }
+
+TEST(PairHybrid, AnInheritedVariableMakesALocalCompanionHybrid) {
+    const ScopedVariable arrangement(kHybridVariable, "1");
+    EXPECT_EQ(finish(start()), kNotOpen) << "it takes its descriptor for a port";
+}

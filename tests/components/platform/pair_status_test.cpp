@@ -7,6 +7,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <sys/resource.h>
 #include <unistd.h>
 
 using namespace zel::test;
@@ -173,6 +174,22 @@ TEST(PairCompanionAlive, AHybridCompanionAlwaysFindsItsParentAlive) {
     pair.ph->kind = 13;
     EXPECT_EQ(platform_pair_companion_alive(pair.ph), 1);
     pair.ph->kind = 10;
+}
+
+TEST(PairCompanionAlive, WithoutAFreeDescriptorNobodyIsFoundOrReaped) {
+    const Outcome outcome = run_in_child([] {
+        PairHandle *ph = start();
+        rlimit limit = {};
+        getrlimit(RLIMIT_NOFILE, &limit);
+        const rlimit none = {.rlim_cur = 3, .rlim_max = limit.rlim_max};
+        setrlimit(RLIMIT_NOFILE, &none);
+        const int without = platform_pair_companion_alive(ph);
+        setrlimit(RLIMIT_NOFILE, &limit);
+        printf("%d", without);
+        printf("%d", platform_pair_companion_alive(ph));
+        finish(ph);
+    });
+    EXPECT_EQ(outcome.out, "01");
 }
 
 TEST(PairKillChild, TheCompanionIsTerminatedAndReaped) {
