@@ -24,7 +24,7 @@ bool is_read_at_position(int fd) {
     return mode != -1 && (mode & O_ACCMODE) != O_WRONLY && lseek(fd, 0, SEEK_CUR) != -1;
 }
 
-// When every number is taken, the close gives the one number free at which the second open then stands.
+// When every number is taken, the first open fails. The close frees one number, and the second open gets it.
 void replace_by_null_device(int fd) {
     const int null_fd = open(kNullDevice, O_RDWR);
     if (null_fd == -1) {

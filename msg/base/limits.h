@@ -40,8 +40,9 @@ inline constexpr size_t kFramingSize = kSmall ? 8 : 8192;
 
 // Directories that a removal holds by descriptor. It reaches those above them again on its way back.
 inline constexpr size_t kHeldLevels = kSmall ? 2 : 32;
-// Handles of which it is known, beyond their fields, that their companion has ended. Each holds a descriptor of its
-// process, of which the customary limit is as high.
+
+// Killed companions that are remembered until their handle is closed. Each handle holds a descriptor, and the customary
+// limit of descriptors is 1024.
 inline constexpr size_t kKnownEnds = kSmall ? 2 : 1024;
 
 } // namespace zel
