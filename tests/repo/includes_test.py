@@ -13,7 +13,7 @@ LAYERS = (
     r"malloc/(internal/)?\w+",
     r"components/platform/(internal/)?(environment\w*|path|sleep|descriptor|allocation)",
     r"components/platform/(internal/)?(process_info|socket\w*|message_scan)",
-    r"components/platform/(internal/)?(zel_pair_connection\w*|pair|child_start)",
+    r"components/platform/(internal/)?(zel_pair_connection\w*|pair|child_start|child_exit)",
     r"components/platform/(internal/)?(debug_hooks\w*|file_control(\w*|/\w+)|relative_path)",
 )
 
