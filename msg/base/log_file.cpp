@@ -2,6 +2,7 @@
 // Opening a log file: what is under its name is looked at before it is changed.
 #include <msg/base/log_file.h>
 
+#include <array>
 #include <cerrno>
 #include <fcntl.h>
 #include <stdio_ext.h>
@@ -15,10 +16,15 @@ namespace {
 constexpr int kNoDescriptor = -1;
 constexpr mode_t kMode = 0666; // what the file mode creation mask leaves of it
 
-// The stream opened last. No other can hold text: each is written out when the next is opened.
-struct State {
+struct LogStream {
     FILE *stream; // or null
     pid_t owner;  // the process that opened it; a child made by fork inherits the stream, but its text is the parent's
+};
+
+// The streams opened last, the latest first. The start-up diagnostics file is opened once, and a diagnostic log takes
+// the place of those before it: so two can be written at a time. All of them are written out when the next is opened.
+struct State {
+    std::array<LogStream, 2> opened;
 };
 
 constinit State state = {};
@@ -56,13 +62,23 @@ int open_unchanged(const char *path) {
     return above_standard(fd == kNoDescriptor && errno == EEXIST ? open_existing(path) : fd);
 }
 
-void write_out_last_stream() {
-    if (state.stream == nullptr || state.owner != getpid()) {
+void write_out(const LogStream &log) {
+    if (log.stream == nullptr || log.owner != getpid()) {
         return;
     }
-    if (fflush(state.stream) != 0) {
-        __fpurge(state.stream);
+    if (fflush(log.stream) != 0) {
+        __fpurge(log.stream);
     }
+}
+
+void write_out_earlier_streams() {
+    for (const LogStream &log : state.opened) {
+        write_out(log);
+    }
+}
+
+void remember(FILE *stream) {
+    state.opened = {LogStream{.stream = stream, .owner = getpid()}, state.opened.front()};
 }
 
 } // namespace
@@ -78,12 +94,12 @@ FILE *open_log_file(const char *path) {
         close(fd);
         return nullptr;
     }
-    write_out_last_stream();
+    write_out_earlier_streams();
     if (ftruncate(fd, 0) != 0) {
         fclose(stream);
         return nullptr;
     }
-    state = {.stream = stream, .owner = getpid()};
+    remember(stream);
     return stream;
 }
 

@@ -11,7 +11,7 @@ namespace zel {
 // is taken only when it is a regular file of the effective user with one link: nothing that somebody planted under the
 // name is followed, waited for or changed.
 // The descriptor is above the standard ones and close-on-exec. The stream stays open until the process ends.
-// What the stream that this process opened before still holds is written out first, so that it cannot land in the file
+// What the streams that this process opened before still hold is written out first, so that it cannot land in the file
 // afterwards; what cannot be written is discarded.
 FILE *open_log_file(const char *path);
 

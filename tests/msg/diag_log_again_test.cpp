@@ -2,6 +2,7 @@
 // The diagnostic log opened more than once: what was written before, and what comes after.
 #include "diag_log_support.h"
 
+#include <components/platform/environment.h>
 #include <msg/diag_log.h>
 #include <msg/msg.h>
 #include <support/child.h>
@@ -9,6 +10,7 @@
 #include <support/interpose.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -32,6 +34,22 @@ void keep_log(const std::string &folder) {
 
 std::string kept_log(const std::string &folder) {
     return read_file(folder + "/kept");
+}
+
+// Opens the start-up diagnostics file in the folder, without its pause: each look at the clock is a minute later.
+void open_start_up_file(const std::string &folder) {
+    const Interposed hurrying(hook::clock_gettime, [minutes = 0](clockid_t, timespec *now) mutable {
+        *now = {.tv_sec = 60 * ++minutes, .tv_nsec = 0};
+        return 0;
+    });
+    setenv("ZEL_DIAGNOSTICS_PATH", folder.c_str(), 1);
+    platform_open_diagnostics(nullptr);
+}
+
+// What the only file of a folder holds.
+std::string only_file_in(const std::string &folder) {
+    const std::filesystem::directory_iterator entry(folder);
+    return entry == std::filesystem::directory_iterator() ? "no file" : read_file(entry->path());
 }
 
 } // namespace
@@ -75,6 +93,34 @@ TEST_F(DiagLogAgain, LogsInTwoDirectoriesInTurnKeepTheirOwnLines) {
     });
     EXPECT_EQ(kept_log(a.path), "new\n");
     EXPECT_EQ(kept_log(b.path), "elsewhere\n");
+}
+
+// Both are written until the log is opened again.
+TEST_F(DiagLogAgain, ALogOpenedBeforeTheStartUpFileKeepsToItself) {
+    run_in_child([this] {
+        msg_open_diag_log(a.path.c_str());
+        open_start_up_file(b.path);
+        msg_diag("an older and longer line\n");
+        msg_open_diag_log(a.path.c_str());
+        msg_diag("new\n");
+        keep_log(a.path);
+    });
+    EXPECT_EQ(kept_log(a.path), "new\n");
+    EXPECT_EQ(only_file_in(b.path), "an older and longer line\n");
+}
+
+TEST_F(DiagLogAgain, ALogOpenedAfterTheStartUpFileKeepsToItself) {
+    run_in_child([this] {
+        open_start_up_file(b.path);
+        msg_diag("at the start\n");
+        msg_open_diag_log(a.path.c_str());
+        msg_diag("an older and longer line\n");
+        msg_open_diag_log(a.path.c_str());
+        msg_diag("new\n");
+        keep_log(a.path);
+    });
+    EXPECT_EQ(kept_log(a.path), "new\n");
+    EXPECT_EQ(only_file_in(b.path), "at the start\n");
 }
 
 TEST_F(DiagLogAgain, AnOpenThatFailsLosesNoLine) {
