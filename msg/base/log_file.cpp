@@ -44,24 +44,6 @@ bool is_own_file(int fd) {
     return fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == geteuid() && status.st_nlink == 1;
 }
 
-// Without waiting: a FIFO under the name may have no reader.
-int open_existing(const char *path) {
-    const int fd = open(path, O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, kMode);
-    if (fd == kNoDescriptor) {
-        return kNoDescriptor;
-    }
-    if (!is_own_file(fd) || fcntl(fd, F_SETFL, 0) != 0) { // 0: O_NONBLOCK off
-        close(fd);
-        return kNoDescriptor;
-    }
-    return fd;
-}
-
-int open_unchanged(const char *path) {
-    const int fd = open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kMode);
-    return above_standard(fd == kNoDescriptor && errno == EEXIST ? open_existing(path) : fd);
-}
-
 void write_out(const LogStream &log) {
     if (log.stream == nullptr || log.owner != getpid()) {
         return;
@@ -77,29 +59,46 @@ void write_out_earlier_streams() {
     }
 }
 
+// An older log, emptied. It is opened without waiting: a FIFO under the name may have no reader.
+int open_older(const char *path) {
+    const int fd = above_standard(open(path, O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
+    if (fd == kNoDescriptor) {
+        return kNoDescriptor;
+    }
+    fcntl(fd, F_SETFD, FD_CLOEXEC);
+    if (!is_own_file(fd)) {
+        close(fd);
+        return kNoDescriptor;
+    }
+    write_out_earlier_streams();
+    if (ftruncate(fd, 0) != 0 || fcntl(fd, F_SETFL, 0) != 0) { // 0: O_NONBLOCK off
+        close(fd);
+        return kNoDescriptor;
+    }
+    return fd;
+}
+
+int open_empty(const char *path) {
+    const int fd = open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kMode);
+    return fd == kNoDescriptor && errno == EEXIST ? open_older(path) : above_standard(fd);
+}
+
+// A stream that is forgotten holds no text.
 void remember(FILE *stream) {
+    write_out_earlier_streams();
     state.opened = {LogStream{.stream = stream, .owner = getpid()}, state.opened.front()};
 }
 
 } // namespace
 
-// The stream is made before the file is emptied: an open that fails for lack of memory loses nothing.
 FILE *open_log_file(const char *path) {
-    const int fd = open_unchanged(path);
-    if (fd == kNoDescriptor) {
-        return nullptr;
-    }
-    FILE *stream = fdopen(fd, "w");
-    if (stream == nullptr) {
+    const int fd = open_empty(path);
+    FILE *stream = fd == kNoDescriptor ? nullptr : fdopen(fd, "w");
+    if (stream != nullptr) {
+        remember(stream);
+    } else if (fd != kNoDescriptor) {
         close(fd);
-        return nullptr;
     }
-    write_out_earlier_streams();
-    if (ftruncate(fd, 0) != 0) {
-        fclose(stream);
-        return nullptr;
-    }
-    remember(stream);
     return stream;
 }
 

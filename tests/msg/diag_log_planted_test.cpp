@@ -125,7 +125,7 @@ TEST_F(DiagLogPlanted, OnlyAFreeNameOrAFileThatWasLookedAtIsTaken) {
     const Outcome outcome = run_in_child([this] {
         const Interposed opening(hook::open, [](const char *path, int flags, mode_t mode) {
             constexpr int kCreate = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
-            constexpr int kExisting = O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+            constexpr int kExisting = O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
             const bool create = flags == kCreate && mode == 0666;
             printf("%s ", create ? "create" : flags == kExisting ? "existing" : "?");
             return hook::open.real(path, flags, mode);
@@ -138,22 +138,34 @@ TEST_F(DiagLogPlanted, OnlyAFreeNameOrAFileThatWasLookedAtIsTaken) {
             printf("empty ");
             return hook::ftruncate.real(fd, length);
         });
+        const Interposed setting(hook::fcntl, [](int fd, int command, long argument) {
+            printf("%s", command == F_SETFL ? "wait " : "");
+            return hook::fcntl.real(fd, command, argument);
+        });
+        const Interposed making(hook::fdopen, [](int fd, const char *mode) {
+            printf("make %s ", mode);
+            return hook::fdopen.real(fd, mode);
+        });
         msg_open_diag_log(a.path.c_str());
         printf("| ");
         msg_open_diag_log(a.path.c_str());
         printf("%s", (fcntl(first_descriptor(), F_GETFL) & O_NONBLOCK) == 0 ? "blocking" : "?");
     });
-    EXPECT_EQ(outcome.out, "create empty | create existing look empty blocking");
+    EXPECT_EQ(outcome.out, "create make w | create existing look empty wait make w blocking");
 }
 
-TEST_F(DiagLogPlanted, AStepThatFailsLeavesNothingOpenAndLosesNothing) {
+TEST_F(DiagLogPlanted, AStepThatFailsBeforeTheFileIsEmptiedLosesNothing) {
     const std::string refused = "0 streams, nothing open, older";
     EXPECT_EQ(open_older_with(hook::open, fail_nth(hook::open, 0, EACCES, -1)), refused);
     EXPECT_EQ(open_older_with(hook::open, fail_nth(hook::open, 1, ENOENT, -1)), refused);
     EXPECT_EQ(open_older_with(hook::fstat, fail_always(hook::fstat, EIO, -1)), refused);
+    EXPECT_EQ(open_older_with(hook::ftruncate, fail_always(hook::ftruncate, EIO, -1)), refused);
+}
+
+TEST_F(DiagLogPlanted, AStepThatFailsAfterwardsLeavesNothingOpen) {
+    const std::string refused = "0 streams, nothing open, ";
     EXPECT_EQ(open_older_with(hook::fcntl, fail_always(hook::fcntl, EINVAL, -1)), refused);
     EXPECT_EQ(open_older_with(hook::fdopen, fail_always(hook::fdopen, ENOMEM, nullptr)), refused);
-    EXPECT_EQ(open_older_with(hook::ftruncate, fail_always(hook::ftruncate, EIO, -1)), refused);
 }
 
 TEST_F(DiagLogPlanted, ItStandsAboveTheStandardDescriptors) {
@@ -171,6 +183,19 @@ TEST_F(DiagLogPlanted, ItStandsAboveTheStandardDescriptors) {
             dprintf(STDERR_FILENO, "%d%d%d", fd > STDERR_FILENO ? 1 : 0, inherited ? 1 : 0, closed ? 1 : 0);
         });
         EXPECT_EQ(outcome.err, "101");
+    }
+}
+
+TEST_F(DiagLogPlanted, ProgramsInheritNeitherANewLogNorAnOlderOne) {
+    for (const bool older : {false, true}) {
+        const Outcome outcome = run_in_child([this, older] {
+            if (older) {
+                write_file(log_in(a.path), "older");
+            }
+            msg_open_diag_log(a.path.c_str());
+            printf("%s", (fcntl(first_descriptor(), F_GETFD) & FD_CLOEXEC) != 0 ? "close-on-exec" : "inherited");
+        });
+        EXPECT_EQ(outcome.out, "close-on-exec");
     }
 }
 
