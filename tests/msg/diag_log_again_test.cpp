@@ -23,6 +23,7 @@ namespace {
 struct DiagLogAgain : testing::Test {
     ScratchFolder a;
     ScratchFolder b;
+    ScratchFolder c;
 };
 
 // In a child: gives the log a name that the parent knows. What is still buffered reaches it at exit.
@@ -80,19 +81,23 @@ TEST_F(DiagLogAgain, OlderLinesAreWrittenOutBeforeTheFileIsEmptied) {
     EXPECT_EQ(outcome.out, "6 bytes");
 }
 
-TEST_F(DiagLogAgain, LogsInTwoDirectoriesInTurnKeepTheirOwnLines) {
+TEST_F(DiagLogAgain, LogsInDirectoriesInTurnKeepTheirOwnLines) {
     run_in_child([this] {
         msg_open_diag_log(a.path.c_str());
         msg_diag("an older and longer line\n");
-        msg_open_diag_log(b.path.c_str());
-        msg_diag("elsewhere\n");
+        for (const std::string &folder : {b.path, c.path}) {
+            msg_open_diag_log(folder.c_str());
+            msg_diag("elsewhere\n");
+        }
         msg_open_diag_log(a.path.c_str());
         msg_diag("new\n");
-        keep_log(a.path);
-        keep_log(b.path);
+        for (const std::string &folder : {a.path, b.path, c.path}) {
+            keep_log(folder);
+        }
     });
     EXPECT_EQ(kept_log(a.path), "new\n");
     EXPECT_EQ(kept_log(b.path), "elsewhere\n");
+    EXPECT_EQ(kept_log(c.path), "elsewhere\n");
 }
 
 // Both are written until the log is opened again.
