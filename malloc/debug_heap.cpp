@@ -4,6 +4,7 @@
 
 #include <malloc/internal/core.h>
 #include <malloc/internal/debug_heap.h>
+#include <msg/base/memory_report.h>
 #include <msg/msg.h>
 
 using zel::memory::debug_heap;
@@ -97,6 +98,7 @@ void print_totals(const Totals &totals) {
 // DELIBERATE: only the first switch is guarded; between its modes the heap may be switched at any time, because every
 // block already carries what both need. Held by the test DebugHeapMode.TheModesMayBeSwitchedAtAnyTime.
 void zel_enable_malloc_debug(int mode) {
+    const zel::MemoryReport under_way; // an error may be the program's first message
     if (mode == 0) {
         if (zel::memory::debug_heap_on()) {
             msg_fatal("zel_enable_malloc_debug: Once enabled, malloc debugging cannot be disabled.");
@@ -123,18 +125,21 @@ int zel_malloc_debug_mode() {
 }
 
 void zel_malloc_debug_report(int verbose) {
+    const zel::MemoryReport under_way;
     if (!warn_while_off("zel_malloc_debug_report")) {
         print_totals(walk_records(verbose != 0));
     }
 }
 
 void zel_malloc_describe_ptr(const void *pointer) {
+    const zel::MemoryReport under_way;
     if (!warn_while_off("zel_malloc_describe_ptr")) {
         msg_print("%s", zel::memory::diagnose(pointer, nullptr, false));
     }
 }
 
 unsigned long zel_malloc_mem_used() {
+    const zel::MemoryReport under_way;
     warn_while_off("zel_malloc_mem_used");
     return debug_heap.bytes_in_use;
 }

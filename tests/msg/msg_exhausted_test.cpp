@@ -115,6 +115,78 @@ TEST(NoMemoryLeftDebugHeap, ACorruptedHeapIsReportedWithItsFinding) {
     EXPECT_EQ(outcome.status, 1);
 }
 
+TEST(NoMemoryLeftDebugHeap, ItsReportMayBeTheFirstMessage) {
+    const Outcome outcome = run_messages([] {
+        msg_set_width_limit(0);
+        zel_enable_malloc_debug(ZEL_MALLOC_CHECK_PTR);
+        zel_malloc(16, "F", "p");
+        const NothingLeft nothing_left;
+        zel_malloc_debug_report(1);
+        zel_malloc_describe_ptr(nullptr);
+    });
+    EXPECT_NE(outcome.out.find(" zel_malloc           F                    p\n"
+                               "zel_malloc_debug_report: 16 bytes allocated, 1 pointers\nThe pointer 0x00"),
+              std::string::npos)
+        << outcome.out;
+    EXPECT_EQ(outcome.err, "");
+    EXPECT_EQ(outcome.status, 0);
+}
+
+TEST(NoMemoryLeftDebugHeap, APointerMayBeDescribedInTheFirstMessage) {
+    const Outcome outcome = run_messages([] {
+        zel_enable_malloc_debug(ZEL_MALLOC_CHECK_PTR);
+        const NothingLeft nothing_left;
+        zel_malloc_describe_ptr(reinterpret_cast<void *>(12));
+    });
+    EXPECT_EQ(outcome.out.substr(0, 16), "The pointer 0x00");
+    EXPECT_EQ(outcome.err, "");
+    EXPECT_EQ(outcome.status, 0);
+}
+
+TEST(NoMemoryLeftDebugHeap, AQuestionWhileItIsOffIsAWarning) {
+    struct Question {
+        const char *name;
+        void (*ask)();
+    };
+    for (const Question &question : {Question{"zel_malloc_debug_report", [] { zel_malloc_debug_report(0); }},
+                                     Question{"zel_malloc_describe_ptr", [] { zel_malloc_describe_ptr(nullptr); }},
+                                     Question{"zel_malloc_mem_used", [] { zel_malloc_mem_used(); }}}) {
+        const Outcome outcome = run_messages([&question] {
+            msg_set_width_limit(0);
+            const NothingLeft nothing_left;
+            question.ask();
+        });
+        EXPECT_EQ(outcome.err, std::string("Warning: ") + question.name +
+                                   " should only be called when the malloc debug mode is enabled.\n");
+        EXPECT_EQ(outcome.status, 0);
+    }
+}
+
+TEST(NoMemoryLeftDebugHeap, ASwitchThatIsRefusedIsReported) {
+    const auto error = [](void (*refused)()) {
+        return run_messages([refused] {
+                   msg_set_width_limit(0);
+                   const NothingLeft nothing_left;
+                   refused();
+               })
+            .err;
+    };
+    EXPECT_EQ(error([] { zel_enable_malloc_debug(3); }),
+              "Error: zel_enable_malloc_debug: Bad mode.  Should be either ZEL_MALLOC_CHECK_PTR or "
+              "ZEL_MALLOC_VERIFY_HEAP.\n");
+    EXPECT_EQ(error([] {
+                  zel_enable_malloc_debug(ZEL_MALLOC_CHECK_PTR);
+                  zel_enable_malloc_debug(0);
+              }),
+              "Error: zel_enable_malloc_debug: Once enabled, malloc debugging cannot be disabled.\n");
+    EXPECT_EQ(error([] {
+                  zel_malloc_if_room(1);
+                  zel_enable_malloc_debug(ZEL_MALLOC_CHECK_PTR);
+              }),
+              "Error: zel_enable_malloc_debug cannot be called once one of the Zel MALLOC library allocation "
+              "functions have been called.\n");
+}
+
 TEST(NoMemoryLeftInAMessage, TheReportOfARequestOfAStreamIsWritten) {
     const Outcome outcome = run_messages([] {
         on_first_piece(MSG_INFO, [] {
@@ -247,12 +319,12 @@ void take_all_memory() {
     }
 }
 
-// Memory ends while the program allocates. With the debug heap on nearly all of it is gone before: the blocks that are
-// left fit into the first table of records, which is there.
+// Memory ends while the program allocates, for a block or for the table of records. Where each request verifies all
+// blocks, nearly all of it is gone before: the number of blocks counts twice.
 void exhaust(const Situation &situation) {
     limit_address_space();
     bring_about(situation);
-    if (situation.mode != 0) {
+    if (situation.mode == ZEL_MALLOC_VERIFY_HEAP) {
         zel_malloc(16, "first", "f");
         take_all_memory();
     }
