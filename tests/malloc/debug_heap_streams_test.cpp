@@ -121,6 +121,26 @@ TEST(DebugHeapStreams, VerificationGoesOnInTheTableThatAFindingMadeMove) {
     EXPECT_EQ(outcome.status, 1);
 }
 
+TEST(DebugHeapStreams, AFindingsStreamMayTakeTheEndOfTheHeapAway) {
+    const Outcome outcome = run_heap(ZEL_MALLOC_CHECK_PTR, [] {
+        const intptr_t page = sysconf(_SC_PAGESIZE);
+        set_word_at(named('P', zel_malloc(kSize, "F", "p")), kSize, 0);
+        sbrk(-reinterpret_cast<intptr_t>(sbrk(0)) & (page - 1)); // the next page is one by itself
+        hook::malloc.replacement = [page](size_t /*size*/) { return sbrk(page); };
+        named('Q', zel_malloc(kSize, "F", "q"));
+        hook::malloc.replacement = nullptr;
+        write_through_stream(MSG_WARNING, STDERR_FILENO, [page] { sbrk(-page); });
+        zel_enable_malloc_debug(ZEL_MALLOC_VERIFY_HEAP);
+        zel_malloc(1, "G", nullptr);
+    });
+    EXPECT_EQ(outcome.err, finding('P', "F", "p") +
+                               "Warning: The pointer <Q> referenced data that was corrupted at the beginning.  The "
+                               "pointer was allocated by zel_malloc with a length of 4.  The storage was allocated in "
+                               "the function F for q.  \n"
+                               "Error: zel_malloc: The heap was corrupted. (Currently inside of G)\n");
+    EXPECT_EQ(outcome.status, 1) << "signal " << outcome.signal;
+}
+
 TEST(DebugHeapStreams, AFindingIsWrittenOnceThoughItsStreamAllocatesAtEveryWrite) {
     const Outcome outcome = run_heap(ZEL_MALLOC_VERIFY_HEAP, [] {
         set_word_at(named('P', zel_malloc(kSize, "F", "p")), kSize, 0);

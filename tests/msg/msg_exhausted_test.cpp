@@ -143,6 +143,19 @@ TEST(NoMemoryLeftDebugHeap, APointerMayBeDescribedInTheFirstMessage) {
     EXPECT_EQ(outcome.status, 0);
 }
 
+TEST(NoMemoryLeftDebugHeap, TheNoteOfAReleaseMayBeTheFirstMessage) {
+    const Outcome outcome = run_messages([] {
+        msg_set_width_limit(0);
+        zel_enable_malloc_debug(ZEL_MALLOC_CHECK_PTR);
+        zel_malloc_set_free_report_threshold(16);
+        void *pointer = zel_malloc(16, "F", "p");
+        const NothingLeft nothing_left;
+        zel_free(pointer);
+    });
+    EXPECT_EQ(outcome.err.substr(0, 44), "Warning: (zel_free): Freeing a pointer (0x00");
+    EXPECT_EQ(outcome.status, 0);
+}
+
 TEST(NoMemoryLeftDebugHeap, AQuestionWhileItIsOffIsAWarning) {
     struct Question {
         const char *name;
@@ -199,6 +212,25 @@ TEST(NoMemoryLeftInAMessage, TheReportOfARequestOfAStreamIsWritten) {
     EXPECT_EQ(outcome.status, 1);
 }
 
+TEST(NoMemoryLeftInAMessage, AnErrorBehindTheNoteOfAReleaseIsWritten) {
+    const Outcome outcome = run_messages([] {
+        msg_set_width_limit(0);
+        zel_enable_malloc_debug(ZEL_MALLOC_CHECK_PTR);
+        zel_malloc_set_free_report_threshold(16);
+        static int32_t *pointer;
+        pointer = static_cast<int32_t *>(zel_malloc(16, "F", "p"));
+        on_first_piece(MSG_WARNING, [] { pointer[-2] = 5000; }); // the index in its header
+        on_first_piece(MSG_INFO, [] {
+            const NothingLeft nothing_left;
+            zel_free(pointer);
+        });
+        msg_print("text");
+    });
+    EXPECT_EQ(outcome.err, "Error: Zel MALLOC library internal error: free_debug_info index out of range (index = "
+                           "5000, limit = 1024).\n");
+    EXPECT_EQ(outcome.status, 1);
+}
+
 TEST(NoMemoryLeftInAMessage, AReportInAReportIsReplacedByTheFixedText) {
     const Outcome outcome = run_messages([] {
         msg_set_width_limit(0);
@@ -233,6 +265,20 @@ TEST(NoMemoryLeftHandler, ItsFirstMessageIsWritten) {
     });
     EXPECT_EQ(outcome.err, "Warning: 16: F (via zel_malloc): Not enough memory to allocate 16 bytes for p.\n");
     EXPECT_EQ(outcome.out, "on\n");
+    EXPECT_EQ(outcome.status, 0);
+}
+
+TEST(NoMemoryLeftHandler, ItsMessageIsWrittenBehindACallThatMightHaveReported) {
+    const Outcome outcome = run_messages([] {
+        zel_malloc_set_failure_handler([](unsigned long /*size*/, const char * /*text*/) -> void * {
+            zel_enable_malloc_debug(0); // does nothing
+            msg_warn("no memory");
+            return nullptr;
+        });
+        const NothingLeft nothing_left;
+        zel_malloc(16, "F", "p");
+    });
+    EXPECT_EQ(outcome.err, "Warning: no memory\n");
     EXPECT_EQ(outcome.status, 0);
 }
 
