@@ -169,8 +169,7 @@ TEST(DebugHeapBlock, FailedAttemptsAreCountedAsTheirBlocks) {
     EXPECT_EQ(outcome.out, "36 60");
 }
 
-// ---- Release
-// ---------------------------------------------------------------------------------------------------------
+// ---- Release --------------------------------------------------------------------------------------------------------
 
 TEST(DebugHeapBlock, AReleasedBlockGoesBackMarkedAndFilled) {
     for (const int mode : {1, 2}) {
@@ -203,8 +202,7 @@ TEST(DebugHeapBlock, APaddingWrittenToGoesUnnoticed) {
     }
 }
 
-// ---- Resize
-// ----------------------------------------------------------------------------------------------------------
+// ---- Resize ---------------------------------------------------------------------------------------------------------
 
 namespace {
 
@@ -254,8 +252,7 @@ TEST(DebugHeapBlock, AResizeOfANullPointerFillsLikeAnAllocation) {
               "00 00 00 00 6A E5 39 57 AB AB AB AB 41 B6 A7 35\n1\n");
 }
 
-// ---- Requests too large for a block
-// ----------------------------------------------------------------------------------
+// ---- Requests too large for a block ---------------------------------------------------------------------------------
 
 namespace {
 

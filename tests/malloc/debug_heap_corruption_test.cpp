@@ -123,8 +123,7 @@ void allocate(void * /*pointer*/) {
 
 } // namespace
 
-// ---- A live block
-// ----------------------------------------------------------------------------------------------------
+// ---- A live block ---------------------------------------------------------------------------------------------------
 
 TEST(DebugHeapDamagedLiveBlock, IsDiagnosedWhenItIsReleased) {
     for (const Damage &damage : kLiveDamages) {
@@ -175,8 +174,7 @@ TEST(DebugHeapDamagedLiveBlock, AReleaseDiagnosesItBeforeTheHeapIsVerified) {
     }
 }
 
-// ---- A released block
-// ------------------------------------------------------------------------------------------------
+// ---- A released block -----------------------------------------------------------------------------------------------
 
 TEST(DebugHeapDamagedReleasedBlock, IsDiagnosedWhenItIsReleasedAgain) {
     for (const Damage &damage : kReleasedDamages) {
@@ -215,8 +213,7 @@ TEST(DebugHeapDamagedReleasedBlock, IsNothingToAVerification) {
     }
 }
 
-// ---- Two fields at a time
-// --------------------------------------------------------------------------------------------
+// ---- Two fields at a time -------------------------------------------------------------------------------------------
 
 namespace {
 
@@ -250,8 +247,7 @@ TEST(DebugHeapDamagedLiveBlock, TheMagicOfAReleaseSaysMoreThanATrailer) {
     EXPECT_EQ(finding(damage, 0), "Warning: " + diagnosis(kFreedData, true));
 }
 
-// ---- An index equal to the capacity
-// ----------------------------------------------------------------------------------
+// ---- An index equal to the capacity ---------------------------------------------------------------------------------
 
 namespace {
 

@@ -49,8 +49,7 @@ const std::string kAtTheBeginning = "The pointer <P> referenced data that was co
 
 } // namespace
 
-// ---- Whose it was
-// ----------------------------------------------------------------------------------------------------
+// ---- Whose it was ---------------------------------------------------------------------------------------------------
 
 TEST(DebugHeapDiagnosis, AnOwnerIsNamedByFunctionAndPurpose) {
     EXPECT_EQ(description_of([] { return zel_malloc(36, "F", "glob_t"); }),
@@ -109,8 +108,7 @@ TEST(DebugHeapDiagnosis, AReleasedOwnerWhoseRecordIsReusedIsNotKnown) {
               "The pointer <P> referenced free'd data.\n");
 }
 
-// ---- Pointers that are none of the heap's
-// ----------------------------------------------------------------------------
+// ---- Pointers that are none of the heap's ---------------------------------------------------------------------------
 
 TEST(DebugHeapDiagnosis, APointerThatIsNoMultipleOfEightIsNotRead) {
     for (const uintptr_t address : {1U, 4U, 12U, 15U, 0xFFFFFFFFU}) {
@@ -241,8 +239,7 @@ TEST(DebugHeapDiagnosis, LookingAtAPointerDoesNotDisturbTheErrorNumber) {
     EXPECT_EQ(outcome.out, "1 1\n");
 }
 
-// ---- Long texts
-// ------------------------------------------------------------------------------------------------------
+// ---- Long texts -----------------------------------------------------------------------------------------------------
 
 namespace {
 
@@ -313,8 +310,7 @@ TEST(DebugHeapDiagnosis, AnErrorAtAReleaseHasTheCutDiagnosisAndTheWholeContext) 
     EXPECT_EQ(outcome.status, 1);
 }
 
-// ---- Long contexts
-// ---------------------------------------------------------------------------------------------------
+// ---- Long contexts --------------------------------------------------------------------------------------------------
 
 namespace {
 

@@ -200,8 +200,7 @@ TEST(DebugHeapMode, SwitchingToTheSameModeChangesNothing) {
     EXPECT_EQ(switch_from_to(2, 2).out, "mode 2\n");
 }
 
-// ---- While it is off
-// -------------------------------------------------------------------------------------------------
+// ---- While it is off ------------------------------------------------------------------------------------------------
 
 TEST(DebugHeapOff, TheReportIsAWarning) {
     for (const int verbose : {0, 1}) {

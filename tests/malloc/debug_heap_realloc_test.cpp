@@ -126,8 +126,7 @@ TEST(DebugHeapRealloc, APointerThatIsNoMultipleOfEightIsNotRead) {
     EXPECT_EQ(outcome.status, 1);
 }
 
-// ---- What a failure handler provides for a formatted text
-// -------------------------------------------------------------
+// ---- What a failure handler provides for a formatted text -----------------------------------------------------------
 
 namespace {
 

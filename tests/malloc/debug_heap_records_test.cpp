@@ -151,8 +151,7 @@ TEST(DebugHeapRecords, TheTableIsNotRequestedThroughTheLibrary) {
     EXPECT_EQ(outcome.out, "1 16 1");
 }
 
-// ---- No memory for the table
-// -----------------------------------------------------------------------------------------
+// ---- No memory for the table ----------------------------------------------------------------------------------------
 
 namespace {
 

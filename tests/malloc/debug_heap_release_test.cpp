@@ -32,8 +32,7 @@ std::string release_at(int32_t threshold) {
 
 } // namespace
 
-// ---- The note
-// --------------------------------------------------------------------------------------------------------
+// ---- The note -------------------------------------------------------------------------------------------------------
 
 TEST(DebugHeapNote, AtFirstNoReleaseIsNoted) {
     const Outcome outcome = run_heap(1, [] { zel_free(zel_malloc(1000000, "F", "p")); });
@@ -128,8 +127,7 @@ TEST(DebugHeapNote, TheBytesAreNoLongerInUseWhenItIsWritten) {
     EXPECT_EQ(outcome.out, "3");
 }
 
-// ---- A pointer released twice
-// ----------------------------------------------------------------------------------------
+// ---- A pointer released twice ---------------------------------------------------------------------------------------
 
 namespace {
 
@@ -213,8 +211,7 @@ TEST(DebugHeapDoubleRelease, AtTheUsualWidthTheErrorIsWrapped) {
 #endif
 }
 
-// ---- A header that changes while the note is written
-// -----------------------------------------------------------------
+// ---- A header that changes while the note is written ----------------------------------------------------------------
 
 namespace {
 

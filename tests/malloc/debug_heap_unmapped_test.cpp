@@ -95,8 +95,7 @@ const std::string kAtTheEnd = "The pointer <P> referenced data that was corrupte
 
 } // namespace
 
-// ---- Handed back
-// -----------------------------------------------------------------------------------------------------
+// ---- Handed back ----------------------------------------------------------------------------------------------------
 
 TEST(DebugHeapUnmapped, AMappedBlockReleasedTwiceIsASentence) {
     expect_a_sentence([] {
@@ -180,8 +179,7 @@ TEST(DebugHeapUnmapped, WithoutAnAnswerWhereTheHeapStartsItIsTheSame) {
     EXPECT_EQ(outcome.status, 1) << "signal " << outcome.signal;
 }
 
-// ---- Taken away by the program while the block is live
-// ----------------------------------------------------------------
+// ---- Taken away by the program while the block is live --------------------------------------------------------------
 
 TEST(DebugHeapUnmapped, ALiveBlockThatIsGoneIsASentenceAtItsRelease) {
     const Outcome outcome = run_heap(ZEL_MALLOC_CHECK_PTR, [] { zel_free(named('P', allocate_and_unmap())); });
@@ -226,8 +224,7 @@ TEST(DebugHeapUnmapped, TheReportMarksALiveBlockThatIsGone) {
     EXPECT_EQ(outcome.status, 0) << "signal " << outcome.signal;
 }
 
-// ---- What is there is not asked about
-// --------------------------------------------------------------------------------
+// ---- What is there is not asked about -------------------------------------------------------------------------------
 
 namespace {
 

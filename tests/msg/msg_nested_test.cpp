@@ -180,8 +180,7 @@ TEST(MsgNested, TheErrorNumberIsClearAtEachAttempt) {
     EXPECT_EQ(outcome.err, "0 0 ");
 }
 
-// ---- Lists and texts of the system that a stream changes meanwhile
-// ----------------------------------------------------
+// ---- Lists and texts of the system that a stream changes meanwhile --------------------------------------------------
 
 TEST(MsgNested, AStreamMayAddStreamsWhileTheSyncModeForcesItToDisk) {
     const Outcome outcome = run_messages([] {
