@@ -152,7 +152,7 @@ TEST(NoMemoryLeftDebugHeap, TheNoteOfAReleaseMayBeTheFirstMessage) {
         const NothingLeft nothing_left;
         zel_free(pointer);
     });
-    EXPECT_EQ(outcome.err.substr(0, 44), "Warning: (zel_free): Freeing a pointer (0x00");
+    EXPECT_EQ(outcome.err.substr(0, 42), "Warning: (zel_free): Freeing a pointer (0x");
     EXPECT_EQ(outcome.status, 0);
 }
 
