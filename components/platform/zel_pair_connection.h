@@ -126,7 +126,9 @@ int platform_pair_companion_alive(PairHandle *ph);
 
 /* Parent: platform_kill_and_reap of the companion; the handle's status fields stay as they are. When the fields already
  * hold the companion's end, or an earlier call waited for it, nobody is signalled and the result is 0: the number may
- * belong to another process by now. Companion: 0. */
+ * belong to another process by now. Until its program runs, a companion has the signal handlers of its parent: a parent
+ * that handles SIGTERM hears from its companion first, or the signal is used up there and the wait has no end.
+ * Companion: 0. */
 int platform_pair_kill_child(PairHandle *ph);
 
 /* Closes the descriptors and releases the handle, which must not be used again. Kind 13: the connection is shut down

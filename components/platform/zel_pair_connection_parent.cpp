@@ -14,6 +14,7 @@
 #include <csignal>
 #include <cstdarg>
 #include <cstdlib>
+#include <cstring>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -91,10 +92,16 @@ PairHandle *fail(PairHandle *ph, const char *step) {
 
 // ---- Between fork and exec ------------------------------------------------------------------------------------------
 
+// Without memory the variable is not set. What it held before may name the end of another pair, which the companion
+// would take for its own.
 void put_end_into_environment(const Start &start, int child_end) {
     std::array<char, 64> value;
     zel::format_text(value, "%d %d pid-rtx_fd_l", start.parent_pid, child_end);
     platform_setenv(start.env_name, value.data());
+    const char *held = platform_getenv(start.env_name);
+    if (held != nullptr && strcmp(held, value.data()) != 0) {
+        unsetenv(start.env_name);
+    }
 }
 
 bool redirect(const Start &start) {

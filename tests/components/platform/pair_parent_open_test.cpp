@@ -280,6 +280,21 @@ TEST(PairParentOpen, TheFirstCompanionDoesNotInheritTheIgnoredSignal) {
     EXPECT_EQ(outcome.status, 0);
 }
 
+TEST(PairParentOpen, UntilTheProgramRunsASignalFindsTheParentsHandler) {
+    const Outcome outcome = run_in_child([] {
+        signal(SIGTERM, [](int) { dprintf(STDERR_FILENO, "handled "); });
+        const int as_they_are[] = {0, 1, 2};
+        const Interposed signalled(hook::execvp, [](const char *file, char *const *argv) {
+            raise(SIGTERM);
+            return hook::execvp.real(file, argv);
+        });
+        PairHandle *ph = start({.stdio_fds = as_they_are});
+        dprintf(STDERR_FILENO, echoes(ph, 1) ? "and served" : "and ended");
+        finish(ph);
+    });
+    EXPECT_EQ(outcome.err, "handled and served");
+}
+
 TEST(PairParentOpen, TheParentsStepsComeInTheirOrder) {
     const Outcome outcome = run_in_child([] {
         const int as_they_are[] = {0, 1, 2};

@@ -190,3 +190,16 @@ TEST(PairParentOpen, NoMemoryForTheHandleEndsTheProcessWithAnError) {
     EXPECT_EQ(outcome.err, "Error: platform_pair_parent_open_vp: Not enough memory to allocate " +
                                std::to_string(sizeof(PairHandle)) + " bytes.\n");
 }
+
+TEST(PairParentOpen, WithoutMemoryTheVariableHoldsNoOlderPairsEnd) {
+    const ScopedVariable older(kPairVariable, "4711 7 pid-rtx_fd_l");
+    const std::string command = std::string("exit ${") + kPairVariable + "+5}";
+    PairHandle *ph = nullptr;
+    {
+        const Interposed failing(hook::malloc, fail_nth(hook::malloc, 1, ENOMEM, nullptr)); // behind the handle
+        ph = platform_pair_parent_open_lp(kPairVariable, 0, 1, "sh", nullptr, "sh", "-c", command.c_str(),
+                                          static_cast<char *>(nullptr));
+    }
+    EXPECT_EQ(finish(ph), 0);
+    EXPECT_STREQ(getenv(kPairVariable), "4711 7 pid-rtx_fd_l") << "the parent's own stays";
+}
