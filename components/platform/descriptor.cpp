@@ -55,8 +55,8 @@ Readiness wait_with_select(int fd, long seconds, long microseconds) {
     return readiness_of(select(fd + 1, &readable, nullptr, nullptr, &timeout));
 }
 
-// A descriptor set ends at FD_SETSIZE; a descriptor beyond it is waited for by the call that has no set. Of the two
-// that have none it is the one whose time-out has the range of select's, so that no time means for ever.
+// A descriptor set ends at FD_SETSIZE, and these calls have none. poll's time-out is an int of milliseconds; ppoll
+// takes select's whole range.
 Readiness wait_with_poll(int fd, long seconds, long microseconds) {
     struct pollfd entry = {.fd = fd, .events = POLLIN, .revents = 0};
     const struct timespec timeout = {.tv_sec = seconds, .tv_nsec = microseconds * 1000};

@@ -37,8 +37,8 @@ void describe_intact(Description text, const PairHandle *ph) {
 
 } // namespace
 
-// DELIBERATE: an error text replaces the whole description. A handle that never opened has nothing else to tell, and
-// scripts look for the line that begins with it. Held by the test PairDescribe.AnErrorTextReplacesEverythingElse.
+// DELIBERATE: an error text replaces the whole description. Held by the test
+// PairDescribe.AnErrorTextReplacesEverythingElse.
 char *platform_pair_describe(const PairHandle *ph, char *buffer) {
     const Description text(buffer == nullptr ? description.data() : buffer, kDescriptionSize);
     if (platform_pair_valid(ph) == 0) {

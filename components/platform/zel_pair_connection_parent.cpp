@@ -163,8 +163,8 @@ PairHandle *platform_pair_parent_open_vp(const char *env_name, int ignore_sigpip
     }
     const int32_t pid = fork_with_retries();
     if (pid == -1) {
-        // DELIBERATE: the two socket ends stay open in the parent, whose descriptor census then shows the failed start.
-        // Held by the test PairParentOpen.AFailedForkLeavesBothSocketEndsOpen.
+        // DELIBERATE: the two socket ends stay open in the parent. Held by the test
+        // PairParentOpen.AFailedForkLeavesBothSocketEndsOpen.
         return fail(ph, "fork failed");
     }
     if (pid == 0) {

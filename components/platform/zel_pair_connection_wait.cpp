@@ -65,7 +65,7 @@ int32_t platform_wait_nohang(int32_t pid, int32_t *exit_code, int32_t *signal) {
     term_signal = 0;
     int status;
     const int32_t result = waitpid(pid, &status, WNOHANG);
-    // 0 and -1 are answers, even to a question about the process groups of these numbers: no status comes with them.
+    // A result of 0 or -1 comes without a status.
     if (result != pid || result < 1) {
         return result;
     }
