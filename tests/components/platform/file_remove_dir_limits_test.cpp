@@ -6,9 +6,11 @@
 #include <malloc/zel_malloc.h>
 #include <support/census.h>
 #include <support/child.h>
+#include <support/files.h>
 #include <support/interpose.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
@@ -66,6 +68,21 @@ struct RemoveDirLimits : Trees {
 };
 
 } // namespace
+
+TEST_F(RemoveDirLimits, ARemovalOutsideTheTestsFolderWouldEndTheTest) {
+    const ScratchFolder other;
+    write_file(other.path + "/precious", "");
+    const Outcome outcome = run_in_child([&other] {
+        const int fd = open(other.path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+        const Interposed forwarding(hook::unlinkat, [](int directory, const char *name, int flags) {
+            return hook::unlinkat.real(directory, name, flags);
+        });
+        unlinkat(fd, "precious", 0);
+    });
+    EXPECT_EQ(outcome.signal, SIGABRT);
+    EXPECT_EQ(outcome.err, "precious would be removed outside " + folder.path + "\n");
+    EXPECT_EQ(platform_exists((other.path + "/precious").c_str()), 1);
+}
 
 TEST_F(RemoveDirLimits, FiveThousandLevelsAreRemovedOnASmallStack) {
     make_folder("tree");

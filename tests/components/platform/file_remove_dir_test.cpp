@@ -55,18 +55,19 @@ TEST_F(RemoveDir, ATreeUnderEachTreacherousNameIsRemovedAndItsNeighboursStay) {
     const std::vector<std::string> names = {"*",  "?",   "[a-z]", "a",  "a*b", "axb",
                                             "\\", "\\*", "-rf",   ".*", ".a",  "new\nline"};
     for (const std::string &name : names) {
-        const ScratchFolder scratch;
+        make_folder("names");
         for (const std::string &neighbour : names) {
-            fs::create_directory(scratch.path + "/" + neighbour);
-            write_file(scratch.path + "/" + neighbour + "/inside", "mine");
-            write_file(scratch.path + "/" + neighbour + "/.inside", "mine");
+            make_folder("names/" + neighbour);
+            make_file("names/" + neighbour + "/inside");
+            make_file("names/" + neighbour + "/.inside");
         }
-        auto expected = contents_of(scratch.path);
+        auto expected = contents_of(path("names"));
         expected.erase("/" + name);
         expected.erase("/" + name + "/inside");
         expected.erase("/" + name + "/.inside");
-        EXPECT_EQ(platform_remove_dir((scratch.path + "/" + name).c_str()), 1) << name;
-        EXPECT_EQ(contents_of(scratch.path), expected) << name;
+        EXPECT_EQ(platform_remove_dir(path("names/" + name).c_str()), 1) << name;
+        EXPECT_EQ(contents_of(path("names")), expected) << name;
+        fs::remove_all(path("names"));
     }
 }
 
@@ -231,6 +232,23 @@ TEST_F(RemoveDir, ADirectoryInTheWorkingDirectoryIsRemovedByItsBareName) {
     EXPECT_FALSE(exists("-rf"));
 }
 
+TEST_F(RemoveDir, ADirectoryIsReachedByARelativePathFromWhereverItStands) {
+    const Outcome outcome = run_in_child([this] {
+        for (const std::string name : {"b", "./b/", "../a/b", ".././a//b//", "../a/c/../b"}) {
+            make_folder("a");
+            make_folder("a/b");
+            make_folder("a/b/b");
+            make_folder("a/c");
+            make_file("a/b/file");
+            const InFolder inside(path("a"));
+            const int result = platform_remove_dir(name.c_str());
+            printf("%d%d%d ", result, exists("a/b"), exists("a/c"));
+            fs::remove_all(path("a"));
+        }
+    });
+    EXPECT_EQ(outcome.out, "101 101 101 101 101 ");
+}
+
 TEST_F(RemoveDir, BothListsAreReleasedAlsoWhenAnEntryStopsTheWalk) {
     make_folder("tree");
     make_file("tree/a");
@@ -260,6 +278,22 @@ TEST_F(RemoveDir, ADirectoryThatMayNotBeReadIsRemovedWhenItIsEmptyAndElseLeft) {
     EXPECT_FALSE(exists("empty"));
     EXPECT_TRUE(exists("full/file"));
     ASSERT_EQ(chmod(path("full").c_str(), 0755), 0);
+}
+
+TEST_F(RemoveDir, DirectoriesAreHeldWithoutBeingReadFollowedOrInherited) {
+    make_folder("tree");
+    make_folder("tree/below");
+    std::vector<std::string> names;
+    const Interposed holding(hook::openat, [&names](int fd, const char *name, int flags, mode_t mode) {
+        const int hold = O_PATH | O_DIRECTORY | O_CLOEXEC;
+        EXPECT_EQ(flags, names.empty() ? hold : hold | O_NOFOLLOW) << name;
+        names.emplace_back(name);
+        return hook::openat.real(fd, name, flags, mode);
+    });
+    EXPECT_EQ(platform_remove_dir(path("tree").c_str()), 1);
+    EXPECT_EQ(names[0], folder.path);
+    EXPECT_EQ(names[1], "tree");
+    EXPECT_EQ(names[2], "below");
 }
 
 TEST_F(RemoveDir, AnEntryThatIsGoneMeanwhileIsNoFailure) {

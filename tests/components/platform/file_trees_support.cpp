@@ -2,6 +2,10 @@
 // What the tests of trees share.
 #include "file_trees_support.h"
 
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
 #include <gtest/gtest.h>
@@ -22,7 +26,49 @@ const std::vector<std::string> kTreacherousNames = {
     ";",     ".hidden",     "..twodots", "...",       "~",         "\xFF\xFE", "\xC3\xA9t", "tab\tx", "a*b",
     "{a,b}", "name.tar.gz", "#",         "%s%n",      "&&",        "|",        "!",         "=",      "\x01"};
 
+// The folder in which a test may remove entries.
+struct Confines {
+    std::string path;
+    struct stat status;
+    int (*unguarded)(int, const char *, int); // unlinkat itself
+};
+Confines confines;
+
+// Whether a directory stands in the folder, or is it. After chroot nothing else can be reached.
+bool is_inside(int directory) {
+    struct stat root;
+    if (stat("/", &root) == 0 && root.st_dev == confines.status.st_dev && root.st_ino == confines.status.st_ino) {
+        return true;
+    }
+    char target[PATH_MAX] = {};
+    const std::string link = "/proc/self/fd/" + std::to_string(directory);
+    if (readlink(link.c_str(), target, sizeof target - 1) == -1) {
+        return errno == ENAMETOOLONG; // nothing that a test does not make is so deep
+    }
+    return (std::string(target) + "/").starts_with(confines.path + "/");
+}
+
+int remove_inside(int directory, const char *name, int flags) {
+    if (std::string(name).find('/') != std::string::npos || !is_inside(directory)) {
+        fprintf(stderr, "%s would be removed outside %s\n", name, confines.path.c_str());
+        abort();
+    }
+    return confines.unguarded(directory, name, flags);
+}
+
 } // namespace
+
+Trees::Trees() : guard_(hook::unlinkat, remove_inside) {
+    confines = {.path = folder.path, .status = {}, .unguarded = hook::unlinkat.real};
+    if (stat(folder.path.c_str(), &confines.status) != 0) {
+        abort();
+    }
+    hook::unlinkat.real = remove_inside;
+}
+
+Trees::~Trees() {
+    hook::unlinkat.real = confines.unguarded;
+}
 
 void Trees::make_folder(const std::string &name) const {
     ASSERT_EQ(mkdir(path(name).c_str(), 0755), 0) << name;

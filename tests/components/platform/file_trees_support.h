@@ -5,13 +5,21 @@
 
 #include "file_support.h"
 
+#include <support/interpose.h>
+
 #include <map>
 #include <string>
 
 namespace zel::test {
 
-// Tests that make trees in a folder of their own. Names are those in the folder.
+// Tests that make trees in a folder of their own. Names are those in the folder. A removal outside the folder ends the
+// program before it happens, also in a child, and also under a replacement that calls the real function: a walk that is
+// broken may be on its way to anywhere.
 struct Trees : Files {
+    Trees();
+    ~Trees() override;
+    Trees(const Trees &) = delete;
+    Trees &operator=(const Trees &) = delete;
     void make_folder(const std::string &name) const;
     void make_file(const std::string &name, const std::string &text = "text") const;
     void make_link(const std::string &target, const std::string &name) const;
@@ -21,6 +29,9 @@ struct Trees : Files {
     void make_chain(const std::string &name, int levels) const;
     // A link that points nowhere exists too.
     bool exists(const std::string &name) const;
+
+private:
+    const Interposed<int(int, const char *, int)> guard_;
 };
 
 // What a tree holds: each entry's name, and its text, its target or its kind.
