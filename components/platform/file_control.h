@@ -79,7 +79,8 @@ int platform_move_tree(const char *from, const char *to);
  * A link is removed and never followed. The path is left alone, 0, when it is itself a link, is "" or "/", or its last
  * component is "." or ".."; each "/" at its end is passed over first.
  * Nothing outside the tree is removed, also while another process exchanges a directory of it for a link. A directory
- * that is moved out of the tree while it is being emptied is emptied all the same.
+ * that is moved out of the tree while it is being emptied is emptied all the same. What is mounted in the tree is
+ * emptied too; its directory is in use and cannot be removed, 0.
  * Takes up to 33 descriptors and needs /proc; without them it returns 0. The depth of the tree has no limit. */
 int platform_remove_dir(const char *path);
 

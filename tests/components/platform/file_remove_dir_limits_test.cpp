@@ -16,7 +16,9 @@
 #include <filesystem>
 #include <glob.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <string>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -128,6 +130,27 @@ TEST_F(RemoveDirLimits, ALevelThatIsAnotherOneOnTheWayBackEndsTheWalk) {
     EXPECT_TRUE(exists("outside/later"));
     EXPECT_TRUE(exists("outside/d")) << "it has been emptied, and is not removed from where it does not belong";
     EXPECT_TRUE(exists("tree/d/d/d/later")) << "the walk went no further";
+}
+
+TEST_F(RemoveDirLimits, WhatIsMountedInTheTreeIsEmptiedAndStopsTheWalk) {
+    make_folder("tree");
+    make_folder("tree/m");
+    make_file("tree/z");
+    const Outcome outcome = run_in_child([this] {
+        // A user without root's rights cannot mount, and is told instead that the directory is in use.
+        const bool mounted = unshare(CLONE_NEWNS) == 0 &&
+                             mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+                             mount("none", path("tree/m").c_str(), "tmpfs", 0, nullptr) == 0;
+        const Interposed busy(hook::unlinkat, [mounted](int fd, const char *name, int flags) {
+            return !mounted && std::string(name) == "m" ? -1 : hook::unlinkat.real(fd, name, flags);
+        });
+        make_chain("tree/m", 40);
+        const int result = remove("tree");
+        printf("%d %d", result, exists("tree/m/d"));
+    });
+    EXPECT_EQ(outcome.out, "0 0");
+    EXPECT_TRUE(exists("tree/m"));
+    EXPECT_TRUE(exists("tree/z"));
 }
 
 TEST_F(RemoveDirLimits, WithoutDescriptorsTheResultIs0AndNothingIsLost) {
