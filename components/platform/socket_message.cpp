@@ -38,9 +38,10 @@ int32_t unparsed_length() {
     return static_cast<int32_t>(gMsgBuf->p2 - gMsgBuf->p1);
 }
 
-// The condition is tested in lengths: a sum of pointers beyond the storage would not be defined.
+// The condition is tested in lengths: a sum of pointers beyond the storage would not be defined. Nothing is added: in
+// the largest buffer the sum would not fit into 32 bits.
 bool has_room(int32_t len) {
-    return gMsgBuf != nullptr && gMsgBuf->p2 - gMsgBuf->pBuf + len < gMsgBuf->len;
+    return gMsgBuf != nullptr && len < gMsgBuf->len - (gMsgBuf->p2 - gMsgBuf->pBuf);
 }
 
 void assert_room_for(int32_t len, const char *function) {

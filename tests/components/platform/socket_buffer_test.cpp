@@ -180,6 +180,21 @@ TEST(RecvMessages, TheRoomIsAskedForBeforeTheCountIsLookedAt) {
     EXPECT_EQ(outcome.err, assertion_text("platform_recv_messages", kRoomCondition));
 }
 
+// Its length and what is added to it do not fit into 32 bits.
+TEST(RecvMessages, DataThatWouldFillTheLargestBufferAborts) {
+    const SocketPair pair;
+    const Outcome outcome = run_in_child([&pair] {
+        char *const start = reinterpret_cast<char *>(4096); // no storage is there: nothing may be written
+        char *const end = start + (INT32_MAX - 2);
+        MsgBuf buffer = {.pBuf = start, .len = INT32_MAX, .p1 = end, .p2 = end};
+        platform_msgbuf_set(&buffer);
+        send_text(pair.theirs.fd, "abc");
+        platform_recv_messages(pair.ours.fd);
+    });
+    EXPECT_EQ(outcome.signal, SIGABRT);
+    EXPECT_EQ(outcome.err, assertion_text("platform_recv_messages", kRoomCondition));
+}
+
 TEST(RecvMessages, WithoutACurrentBufferAborts) {
     const Outcome outcome = run_in_child([] { platform_recv_messages(-1); });
     EXPECT_EQ(outcome.signal, SIGABRT);
