@@ -1,7 +1,7 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // A small server of framed messages over TCP on localhost: one client at a time, until one of them says "stop".
 //
-//   message_server [MILLISECONDS]      drops a client from which no message comes for so long (30000)
+//   message_server [MILLISECONDS]      drops a client that sends no message, or does not read, for so long (30000)
 //
 //   request          answer                what it does
 //   sum N...         sum, TOTAL            adds the numbers, one a line behind the first
@@ -11,7 +11,8 @@
 //   anything else    unknown, REQUEST      an empty request is answered by "unknown" alone
 //
 // Each word stands on a line of its own: "sum" CR LF "2" CR LF "3" CR LF CR LF is answered by
-// "sum" CR LF "5" CR LF CR LF.
+// "sum" CR LF "5" CR LF CR LF. A request that fills the buffer of 65536 bytes ends the server by an assertion: its
+// clients are trusted that far.
 //
 // Exit status: 0 after "stop", 1 when the server could not be opened or can accept nobody any more.
 #include <components/platform/debug_hooks.h>
@@ -20,6 +21,7 @@
 
 #include <stdlib.h>
 #include <string.h>
+#include <sys/time.h>
 #include <time.h>
 
 enum { FIRST_PORT = 20300, END_PORT = 21300, MESSAGE_ROOM = 65536, TEXT_ROOM = 32 };
@@ -27,7 +29,7 @@ enum { FIRST_PORT = 20300, END_PORT = 21300, MESSAGE_ROOM = 65536, TEXT_ROOM = 3
 // Neither the handler nor the idle function has an argument of ours: what they share is process-wide.
 static struct {
     int client;             // the socket that is served
-    long long quiet_limit;  // milliseconds without a message after which the client is dropped
+    long long quiet_limit;  // milliseconds without a message, or with an answer unread: then the client is dropped
     long long last_message; // when the last one came, or the client
     int served;             // messages so far
     int stop;               // a client has said "stop"
@@ -88,9 +90,16 @@ static int on_idle(void) {
     return 0;
 }
 
+// A client that asks and does not read would keep the server waiting in a send, where no idle function is called.
+static void limit_sends(int client) {
+    struct timeval limit = {.tv_sec = server.quiet_limit / 1000, .tv_usec = server.quiet_limit % 1000 * 1000};
+    setsockopt(client, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+}
+
 static void serve(int client) {
     server.client = client;
     server.last_message = now();
+    limit_sends(client);
     platform_msgbuf_reset(gMsgBuf); // what the client before left half said
     platform_message_loop(client, on_message, on_idle, 0);
     platform_socket_close(client);

@@ -47,6 +47,7 @@ Outcome run_with(const std::vector<std::string> &settings, const std::vector<std
 void give_up_in_time(int socket) {
     const timeval limit = {.tv_sec = 20, .tv_usec = 0};
     setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
 }
 
 } // namespace zel::test

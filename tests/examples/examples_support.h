@@ -23,7 +23,7 @@ void adopt_orphans();
 // stand first.
 Outcome run_with(const std::vector<std::string> &settings, const std::vector<std::string> &command);
 
-// A receive from this socket that brings nothing for 20 seconds fails: a test then says what it waited for.
+// A receive or a send on this socket that moves nothing for 20 seconds fails: a test then says what it waited for.
 void give_up_in_time(int socket);
 
 } // namespace zel::test

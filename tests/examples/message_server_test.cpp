@@ -173,6 +173,19 @@ TEST_F(MessageServer, AClientThatStaysQuietIsDropped) {
     expect_hung_up();
 }
 
+// It asks and asks, until its answers fill the way back and the server waits to send the next.
+TEST_F(MessageServer, AClientThatDoesNotReadIsDropped) {
+    start("200");
+    const std::string request = std::string(8000, 'x') + "\r\n\r\n";
+    const auto size = static_cast<int32_t>(request.size());
+    while (platform_send_all(client, request.data(), size) == size) {
+    }
+    EXPECT_TRUE(errno == ECONNRESET || errno == EPIPE) << errno;
+    next_client();
+    say("sum\r\n\r\n");
+    expect_heard("sum\r\n0\r\n\r\n");
+}
+
 // Talks for longer than a client may be quiet: each message counts anew.
 TEST_F(MessageServer, AClientThatTalksIsNotDropped) {
     start("2000");
