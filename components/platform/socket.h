@@ -14,7 +14,8 @@
  * hold CR LF and, as a further line, must not be empty. What follows would else be taken for the next message.
  *
  *   1. Create a receive buffer and make it current: platform_msgbuf_set(platform_msgbuf_create(65536)). It must be
- *      larger than the largest message and what may have arrived behind it (up to 8192 bytes).
+ *      larger than the largest message and what may have arrived behind it (up to 8192 bytes): a peer that sends more
+ *      ends the process by an assertion.
  *   2. Serve: platform_message_loop(fd, handler, NULL, 0), until the handler returns 0 or the peer closes; or take one
  *      message at a time with platform_get_one_message.
  *   3. Answer from inside the handler or outside: platform_send_message(fd, "done", "12", NULL).
