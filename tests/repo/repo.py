@@ -21,7 +21,8 @@ def files(*suffixes):
     found = []
     for folder, folders, names in os.walk(ROOT):
         folders[:] = [name for name in folders if name not in (".git", "build", "__pycache__", ".cache")]
-        found += [(Path(folder) / name).relative_to(ROOT) for name in names]
+        # .git is a file in a linked working tree, and holds a path of the machine.
+        found += [(Path(folder) / name).relative_to(ROOT) for name in names if name != ".git"]
     return sorted(path for path in found if not suffixes or path.suffix in suffixes)
 
 
