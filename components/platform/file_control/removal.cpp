@@ -79,8 +79,7 @@ Walk::~Walk() {
     }
 }
 
-// Makes the directory behind the descriptor the innermost level, which owns the descriptor from now on. A level that
-// has the place of the new one is let go.
+// Makes the directory behind the descriptor the innermost level, which owns the descriptor from now on.
 bool enter_level(Walk &walk, int fd, const char *name) {
     struct stat status;
     if (fd == -1 || fstat(fd, &status) != 0) {
@@ -97,7 +96,6 @@ bool enter_level(Walk &walk, int fd, const char *name) {
               .entry = 0};
     walk.level = level;
     ++walk.depth;
-    let_go(descriptor(walk, walk.depth));
     descriptor(walk, walk.depth) = fd;
     return true;
 }
@@ -115,7 +113,9 @@ bool list_level(Level &level, int fd) {
     return true;
 }
 
+// The level that has the place of the new one is let go first.
 bool enter_directory(Walk &walk, const char *name) {
+    let_go(descriptor(walk, walk.depth + 1));
     const int fd = openat(descriptor(walk, walk.depth), name, kHold | O_NOFOLLOW);
     return enter_level(walk, fd, name) && list_level(*walk.level, fd);
 }

@@ -103,9 +103,10 @@ TEST_F(RemoveDirLimits, AtMost32DirectoriesAreHeldByDescriptor) {
     make_chain("tree", 100);
     const size_t before = open_descriptors().size();
     size_t most = 0;
-    const Interposed counting(hook::unlinkat, [&most](int fd, const char *name, int flags) {
+    const Interposed counting(hook::openat, [&most](int fd, const char *name, int flags, mode_t mode) {
+        const int opened = hook::openat.real(fd, name, flags, mode);
         most = std::max(most, open_descriptors().size());
-        return hook::unlinkat.real(fd, name, flags);
+        return opened;
     });
     EXPECT_EQ(remove("tree"), 1);
     EXPECT_GT(most, before);
