@@ -2,10 +2,10 @@
 // The working directory, resolved and relative paths, and the parts of a path.
 #include <components/platform/file_control.h>
 
+#include <components/platform/base/path.h>
 #include <components/platform/environment.h>
-#include <components/platform/internal/file_control_unit.h>
-#include <components/platform/internal/path.h>
-#include <components/platform/internal/relative_path.h>
+#include <components/platform/file_control/caller_storage.h>
+#include <components/platform/file_control/relative_path.h>
 
 #include <algorithm>
 #include <climits>

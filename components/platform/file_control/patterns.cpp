@@ -2,7 +2,7 @@
 // Expanding and matching shell patterns.
 #include <components/platform/file_control.h>
 
-#include <components/platform/internal/allocation.h>
+#include <components/platform/base/allocation.h>
 #include <malloc/zel_malloc.h>
 #include <msg/base/text.h>
 

@@ -1,6 +1,6 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // The way from one absolute path to another.
-#include <components/platform/internal/relative_path.h>
+#include <components/platform/file_control/relative_path.h>
 
 #include <msg/base/text.h>
 

@@ -5,10 +5,10 @@
 // somebody exchanges for a link meanwhile leads nowhere.
 #include <components/platform/file_control.h>
 
+#include <components/platform/base/allocation.h>
+#include <components/platform/base/descriptor.h>
+#include <components/platform/base/path.h>
 #include <components/platform/environment.h>
-#include <components/platform/internal/allocation.h>
-#include <components/platform/internal/descriptor.h>
-#include <components/platform/internal/path.h>
 #include <msg/base/limits.h>
 
 #include <cstdlib>

@@ -2,8 +2,8 @@
 // Starting a child for a command.
 #include <components/platform/file_control.h>
 
-#include <components/platform/internal/allocation.h>
-#include <components/platform/internal/child_start.h>
+#include <components/platform/base/allocation.h>
+#include <components/platform/base/child_start.h>
 #include <components/platform/zel_pair_connection.h>
 
 #include <array>

@@ -2,8 +2,8 @@
 // Trees: removed, copied and moved by the system's tools.
 #include <components/platform/file_control.h>
 
+#include <components/platform/base/allocation.h>
 #include <components/platform/environment.h>
-#include <components/platform/internal/allocation.h>
 #include <components/platform/zel_pair_connection.h>
 #include <msg/base/text.h>
 #include <msg/base/variables.h>

@@ -2,7 +2,7 @@
 // The idioms of descriptors that the units share, where no public call reaches their every rule.
 #include "socket_support.h"
 
-#include <components/platform/internal/descriptor.h>
+#include <components/platform/base/descriptor.h>
 #include <support/interpose.h>
 
 #include <fcntl.h>

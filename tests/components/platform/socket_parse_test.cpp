@@ -2,7 +2,7 @@
 // Finding a message in data: every edge of the framing, a second parser to compare with, the limit of lines.
 #include "socket_support.h"
 
-#include <components/platform/internal/message_scan.h>
+#include <components/platform/socket/message_scan.h>
 
 #include <algorithm>
 #include <memory>

@@ -1,8 +1,8 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // What happens around fork and between fork and exec.
-#include <components/platform/internal/child_start.h>
+#include <components/platform/base/child_start.h>
 
-#include <components/platform/internal/descriptor.h>
+#include <components/platform/base/descriptor.h>
 #include <msg/base/text.h>
 
 #include <algorithm>

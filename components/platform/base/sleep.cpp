@@ -1,6 +1,6 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // Sleeping a whole time.
-#include <components/platform/internal/sleep.h>
+#include <components/platform/base/sleep.h>
 
 #include <cstdint>
 #include <ctime>

@@ -2,10 +2,10 @@
 // The start-up hook: the marker, the variable, and what a request does.
 #include <components/platform/debug_hooks.h>
 
+#include <components/platform/base/allocation.h>
+#include <components/platform/base/path.h>
+#include <components/platform/base/sleep.h>
 #include <components/platform/environment.h>
-#include <components/platform/internal/allocation.h>
-#include <components/platform/internal/path.h>
-#include <components/platform/internal/sleep.h>
 #include <msg/base/variables.h>
 
 #include <algorithm>

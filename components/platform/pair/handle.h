@@ -1,7 +1,7 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // What the files of the pair unit share.
-#ifndef ZEL_COMPONENTS_PLATFORM_INTERNAL_PAIR_H
-#define ZEL_COMPONENTS_PLATFORM_INTERNAL_PAIR_H
+#ifndef ZEL_COMPONENTS_PLATFORM_PAIR_HANDLE_H
+#define ZEL_COMPONENTS_PLATFORM_PAIR_HANDLE_H
 
 #include <components/platform/zel_pair_connection.h>
 

@@ -3,7 +3,7 @@
 #include <components/platform/zel_pair_connection.h>
 
 #include <components/platform/environment.h>
-#include <components/platform/internal/pair.h>
+#include <components/platform/pair/handle.h>
 #include <components/platform/socket.h>
 #include <malloc/zel_malloc.h>
 #include <msg/base/text.h>

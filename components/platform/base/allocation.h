@@ -1,7 +1,7 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // Storage of the C library's for the records that a caller never tests for null.
-#ifndef ZEL_COMPONENTS_PLATFORM_INTERNAL_ALLOCATION_H
-#define ZEL_COMPONENTS_PLATFORM_INTERNAL_ALLOCATION_H
+#ifndef ZEL_COMPONENTS_PLATFORM_BASE_ALLOCATION_H
+#define ZEL_COMPONENTS_PLATFORM_BASE_ALLOCATION_H
 
 #include <msg/msg.h>
 

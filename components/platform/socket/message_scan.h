@@ -1,7 +1,7 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // Finding the end of a message in data that arrives in pieces: pure text work, no socket.
-#ifndef ZEL_COMPONENTS_PLATFORM_INTERNAL_MESSAGE_SCAN_H
-#define ZEL_COMPONENTS_PLATFORM_INTERNAL_MESSAGE_SCAN_H
+#ifndef ZEL_COMPONENTS_PLATFORM_SOCKET_MESSAGE_SCAN_H
+#define ZEL_COMPONENTS_PLATFORM_SOCKET_MESSAGE_SCAN_H
 
 #include <cstdint>
 

@@ -2,8 +2,8 @@
 // The start-up diagnostics: where they go, and the echo of the arguments.
 #include <components/platform/environment.h>
 
-#include <components/platform/internal/path.h>
-#include <components/platform/internal/sleep.h>
+#include <components/platform/base/path.h>
+#include <components/platform/base/sleep.h>
 #include <msg/base/log_file.h>
 #include <msg/base/text.h>
 #include <msg/base/variables.h>

@@ -2,10 +2,10 @@
 // The receive buffer, the message loop, and sending a message.
 #include <components/platform/socket.h>
 
-#include <components/platform/internal/allocation.h>
-#include <components/platform/internal/message_scan.h>
-#include <components/platform/internal/socket_receive.h>
-#include <components/platform/internal/socket_unit.h>
+#include <components/platform/base/allocation.h>
+#include <components/platform/socket/message_scan.h>
+#include <components/platform/socket/transfer.h>
+#include <components/platform/socket/unit.h>
 #include <msg/base/assertion.h>
 #include <msg/base/limits.h>
 #include <msg/base/text.h>

@@ -1,7 +1,7 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // What happens around fork and between fork and exec: one small step each.
-#ifndef ZEL_COMPONENTS_PLATFORM_INTERNAL_CHILD_START_H
-#define ZEL_COMPONENTS_PLATFORM_INTERNAL_CHILD_START_H
+#ifndef ZEL_COMPONENTS_PLATFORM_BASE_CHILD_START_H
+#define ZEL_COMPONENTS_PLATFORM_BASE_CHILD_START_H
 
 #include <array>
 #include <cstdint>

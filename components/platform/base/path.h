@@ -1,7 +1,7 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // Paths as every unit of this folder holds them.
-#ifndef ZEL_COMPONENTS_PLATFORM_INTERNAL_PATH_H
-#define ZEL_COMPONENTS_PLATFORM_INTERNAL_PATH_H
+#ifndef ZEL_COMPONENTS_PLATFORM_BASE_PATH_H
+#define ZEL_COMPONENTS_PLATFORM_BASE_PATH_H
 
 #include <msg/base/text.h>
 

@@ -1,7 +1,7 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // The way from one absolute path to another: pure text work.
-#ifndef ZEL_COMPONENTS_PLATFORM_INTERNAL_RELATIVE_PATH_H
-#define ZEL_COMPONENTS_PLATFORM_INTERNAL_RELATIVE_PATH_H
+#ifndef ZEL_COMPONENTS_PLATFORM_FILE_CONTROL_RELATIVE_PATH_H
+#define ZEL_COMPONENTS_PLATFORM_FILE_CONTROL_RELATIVE_PATH_H
 
 #include <span>
 #include <string_view>

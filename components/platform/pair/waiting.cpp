@@ -2,9 +2,9 @@
 // Waiting for processes, ending them, and the shared descriptor on /dev/null.
 #include <components/platform/zel_pair_connection.h>
 
+#include <components/platform/base/descriptor.h>
 #include <components/platform/environment.h>
-#include <components/platform/internal/descriptor.h>
-#include <components/platform/internal/pair.h>
+#include <components/platform/pair/handle.h>
 #include <components/platform/process_info.h>
 #include <msg/base/text.h>
 

@@ -1,8 +1,8 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // The two steps of platform_select_recv. Between them the message loop has no receive area on the stack: the idle
 // function that runs in the first may hand over messages itself.
-#ifndef ZEL_COMPONENTS_PLATFORM_INTERNAL_SOCKET_RECEIVE_H
-#define ZEL_COMPONENTS_PLATFORM_INTERNAL_SOCKET_RECEIVE_H
+#ifndef ZEL_COMPONENTS_PLATFORM_SOCKET_TRANSFER_H
+#define ZEL_COMPONENTS_PLATFORM_SOCKET_TRANSFER_H
 
 #include <components/platform/socket.h>
 

@@ -2,9 +2,9 @@
 // The pair handle: its life, its transfers, its fields.
 #include <components/platform/zel_pair_connection.h>
 
-#include <components/platform/internal/allocation.h>
-#include <components/platform/internal/descriptor.h>
-#include <components/platform/internal/pair.h>
+#include <components/platform/base/allocation.h>
+#include <components/platform/base/descriptor.h>
+#include <components/platform/pair/handle.h>
 #include <components/platform/process_info.h>
 #include <components/platform/socket.h>
 #include <msg/base/assertion.h>

@@ -1,7 +1,7 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // What the files of the file-control unit share: its name, and storage for its callers under that name.
-#ifndef ZEL_COMPONENTS_PLATFORM_INTERNAL_FILE_CONTROL_UNIT_H
-#define ZEL_COMPONENTS_PLATFORM_INTERNAL_FILE_CONTROL_UNIT_H
+#ifndef ZEL_COMPONENTS_PLATFORM_FILE_CONTROL_CALLER_STORAGE_H
+#define ZEL_COMPONENTS_PLATFORM_FILE_CONTROL_CALLER_STORAGE_H
 
 #include <malloc/zel_malloc.h>
 

@@ -1,6 +1,6 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // How a forked child leaves by exit without harm to the files that it shares with its parent.
-#include <components/platform/internal/child_start.h>
+#include <components/platform/base/child_start.h>
 
 #include <array>
 #include <cerrno>

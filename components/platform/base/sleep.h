@@ -1,7 +1,7 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // Sleeping a whole time, whatever signals arrive meanwhile.
-#ifndef ZEL_COMPONENTS_PLATFORM_INTERNAL_SLEEP_H
-#define ZEL_COMPONENTS_PLATFORM_INTERNAL_SLEEP_H
+#ifndef ZEL_COMPONENTS_PLATFORM_BASE_SLEEP_H
+#define ZEL_COMPONENTS_PLATFORM_BASE_SLEEP_H
 
 namespace zel {
 

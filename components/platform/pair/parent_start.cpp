@@ -2,10 +2,10 @@
 // The parent's side of start-up: the pair is created, the companion forked and executed.
 #include <components/platform/zel_pair_connection.h>
 
+#include <components/platform/base/child_start.h>
+#include <components/platform/base/descriptor.h>
 #include <components/platform/environment.h>
-#include <components/platform/internal/child_start.h>
-#include <components/platform/internal/descriptor.h>
-#include <components/platform/internal/pair.h>
+#include <components/platform/pair/handle.h>
 #include <components/platform/process_info.h>
 #include <msg/base/assertion.h>
 #include <msg/base/text.h>

@@ -2,9 +2,9 @@
 // Transfers over a connected socket, and its blocking mode.
 #include <components/platform/socket.h>
 
+#include <components/platform/base/descriptor.h>
 #include <components/platform/environment.h>
-#include <components/platform/internal/descriptor.h>
-#include <components/platform/internal/socket_receive.h>
+#include <components/platform/socket/transfer.h>
 
 #include <cerrno>
 #include <fcntl.h>

@@ -2,8 +2,8 @@
 // Environment variables, reports of failed system calls, the distribution name.
 #include <components/platform/environment.h>
 
-#include <components/platform/internal/descriptor.h>
-#include <components/platform/internal/path.h>
+#include <components/platform/base/descriptor.h>
+#include <components/platform/base/path.h>
 #include <msg/base/text.h>
 #include <msg/base/variables.h>
 #include <msg/msg.h>

@@ -2,8 +2,8 @@
 // Making connections: listen, accept, connect, close.
 #include <components/platform/socket.h>
 
+#include <components/platform/base/descriptor.h>
 #include <components/platform/environment.h>
-#include <components/platform/internal/descriptor.h>
 #include <msg/base/text.h>
 
 #include <array>

@@ -1,7 +1,7 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // The idioms of descriptors, written once.
-#ifndef ZEL_COMPONENTS_PLATFORM_INTERNAL_DESCRIPTOR_H
-#define ZEL_COMPONENTS_PLATFORM_INTERNAL_DESCRIPTOR_H
+#ifndef ZEL_COMPONENTS_PLATFORM_BASE_DESCRIPTOR_H
+#define ZEL_COMPONENTS_PLATFORM_BASE_DESCRIPTOR_H
 
 namespace zel {
 

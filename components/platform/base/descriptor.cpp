@@ -1,6 +1,6 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // The idioms of descriptors.
-#include <components/platform/internal/descriptor.h>
+#include <components/platform/base/descriptor.h>
 
 #include <msg/base/text.h>
 

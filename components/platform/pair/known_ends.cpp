@@ -1,6 +1,6 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // Which companions have ended, beyond what the fields of their handles say.
-#include <components/platform/internal/pair.h>
+#include <components/platform/pair/handle.h>
 
 #include <msg/base/limits.h>
 

@@ -2,8 +2,8 @@
 // Finding a message: lines ended by CR LF, and an empty line behind them.
 #include <components/platform/socket.h>
 
-#include <components/platform/internal/message_scan.h>
-#include <components/platform/internal/socket_unit.h>
+#include <components/platform/socket/message_scan.h>
+#include <components/platform/socket/unit.h>
 #include <msg/base/assertion.h>
 
 namespace zel {
