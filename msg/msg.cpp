@@ -5,9 +5,9 @@
 #include <msg/base/text.h>
 #include <msg/internal/cut.h>
 #include <msg/internal/format.h>
-#include <msg/internal/settings.h>
+#include <msg/internal/prefix.h>
 #include <msg/internal/state.h>
-#include <msg/internal/streams.h>
+#include <msg/internal/write.h>
 
 #include <algorithm>
 #include <cstdlib>

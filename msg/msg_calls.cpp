@@ -1,6 +1,6 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // The output calls by name: each is the core writer with some arguments filled in.
-#include <msg/internal/settings.h>
+#include <msg/internal/prefix.h>
 #include <msg/msg.h>
 
 #include <cerrno>

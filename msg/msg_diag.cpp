@@ -2,7 +2,7 @@
 // Diagnostic lines.
 #include <msg/base/text.h>
 #include <msg/internal/state.h>
-#include <msg/internal/streams.h>
+#include <msg/internal/write.h>
 #include <msg/msg.h>
 
 #include <array>

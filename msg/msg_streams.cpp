@@ -1,15 +1,13 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// The stream lists of the message types, and writing to them.
+// The stream lists of the message types.
 #include <msg/base/limits.h>
 #include <msg/base/memory_report.h>
 #include <msg/internal/state.h>
-#include <msg/internal/streams.h>
+#include <msg/internal/write.h>
 #include <msg/msg.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdlib>
-#include <unistd.h>
 
 using zel::msg::state;
 
@@ -135,52 +133,7 @@ bool has_stream(int type) {
     return _msg_get_stream_desc(type)->count > 0;
 }
 
-// Drops a stream that failed, and says so in the middle of the failing message, like any warning.
-void drop_stream(const zel::msg::Channel &channel, FILE *stream, const char *operation) {
-    msg_remove_stream(channel.type, stream);
-    fflush(stream);
-    const int error = errno;
-    const auto warn = channel.primary_only ? msg_primary_warn : msg_warn;
-    const char *name = msg_type_name(channel.type);
-    if (error == 0) {
-        warn("EOF error during %s of %s message.  This stream will no longer be used.", operation, name);
-        return;
-    }
-    warn("Error during %s of %s message.  This stream will no longer be used.", operation, name);
-    MSG_CONT("Stream error was: %s", strerror(error));
-}
-
-// DELIBERATE: when a stream is dropped the list closes up and the walk goes on with the next index, so the stream that
-// moved into the gap misses this one piece. Whoever reads a log relies on each piece standing there at most once.
-// Held by the test MsgStreams.TheStreamBehindAFailedOneMissesThatOnePiece.
-template <typename Operation>
-void for_each_stream(const zel::msg::Channel &channel, const char *word, Operation succeeds) {
-    for (int32_t index = 0; index < channel.streams->count; ++index) {
-        FILE *stream = channel.streams->streams[index];
-        if (!succeeds(stream)) {
-            drop_stream(channel, stream, word);
-        }
-    }
-}
-
 } // namespace
-
-namespace zel::msg {
-
-void write_streams(const Channel &channel, const char *text) {
-    for_each_stream(channel, "output", [text](FILE *stream) { return fputs(text, stream) >= 0; });
-}
-
-void flush_streams(const Channel &channel) {
-    for_each_stream(channel, "flush", [](FILE *stream) { return fflush(stream) == 0; });
-}
-
-void force_to_disk(FILE *stream) {
-    fflush(stream);
-    fsync(fileno(stream));
-}
-
-} // namespace zel::msg
 
 void msg_add_stream(int type_mask, FILE *stream) {
     if (stream == nullptr) {

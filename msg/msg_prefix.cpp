@@ -1,7 +1,6 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// Prefixes, the width limit and the primary flag.
-#include <msg/base/text.h>
-#include <msg/internal/settings.h>
+// The five prefixes.
+#include <msg/internal/prefix.h>
 #include <msg/msg.h>
 
 #include <algorithm>
@@ -49,26 +48,6 @@ zel::msg::Prefix *prefix_around(const char *text) {
         return prefix.owned != nullptr && is_part_of(text, prefix.owned);
     });
     return found == state.prefixes.end() ? nullptr : found;
-}
-
-constexpr long kWidestFromEnvironment = 32766;
-
-// DELIBERATE: a number can widen the limit but not narrow it, so that a user's terminal setting never breaks texts that
-// were laid out for the default. Held by the test MsgWidth.TheVariableWidensTheDefaultButNeverNarrowsIt.
-void settle_width() {
-    const zel::ErrnoKept kept;
-    state.width_settled = true;
-    const char *text = getenv("ZEL_MSGERR_WRAP");
-    if (text == nullptr) {
-        return;
-    }
-    char *end = nullptr;
-    const long number = strtol(text, &end, 10);
-    if (end == text) {
-        return;
-    }
-    const bool usable = number >= 1 && number <= kWidestFromEnvironment;
-    state.width = usable ? std::max(state.width, static_cast<int32_t>(number)) : 0;
 }
 
 } // namespace
@@ -135,27 +114,4 @@ const char *msg_get_error_prefix() {
 
 const char *msg_get_internal_error_prefix() {
     return prefix_text(PrefixKind::internal_error);
-}
-
-void msg_set_width_limit(int32_t width) {
-    if (width < 0) {
-        msg_fatal("msg_set_width_limit: Width cannot be less than 0!");
-    }
-    state.width = width;
-    state.width_settled = true;
-}
-
-int32_t msg_get_width_limit() {
-    if (!state.width_settled) {
-        settle_width();
-    }
-    return state.width;
-}
-
-void msg_set_primary(int flag) {
-    state.primary = flag;
-}
-
-int msg_is_primary() {
-    return state.primary;
 }

@@ -1,7 +1,7 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // The prefixes as the output calls read them, and how long a text that a message reads stays there.
-#ifndef ZEL_MSG_INTERNAL_SETTINGS_H
-#define ZEL_MSG_INTERNAL_SETTINGS_H
+#ifndef ZEL_MSG_INTERNAL_PREFIX_H
+#define ZEL_MSG_INTERNAL_PREFIX_H
 
 #include <msg/internal/state.h>
 

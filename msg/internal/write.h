@@ -1,7 +1,7 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // Writing to the streams of a type, with the failures that drop a stream.
-#ifndef ZEL_MSG_INTERNAL_STREAMS_H
-#define ZEL_MSG_INTERNAL_STREAMS_H
+#ifndef ZEL_MSG_INTERNAL_WRITE_H
+#define ZEL_MSG_INTERNAL_WRITE_H
 
 #include <msg/msg.h>
 

@@ -1,0 +1,49 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// The width limit.
+#include <msg/base/text.h>
+#include <msg/internal/state.h>
+#include <msg/msg.h>
+
+#include <algorithm>
+#include <cstdlib>
+
+using zel::msg::state;
+
+namespace {
+
+constexpr long kWidestFromEnvironment = 32766;
+
+// DELIBERATE: a number can widen the limit but not narrow it, so that a user's terminal setting never breaks texts that
+// were laid out for the default. Held by the test MsgWidth.TheVariableWidensTheDefaultButNeverNarrowsIt.
+void settle_width() {
+    const zel::ErrnoKept kept;
+    state.width_settled = true;
+    const char *text = getenv("ZEL_MSGERR_WRAP");
+    if (text == nullptr) {
+        return;
+    }
+    char *end = nullptr;
+    const long number = strtol(text, &end, 10);
+    if (end == text) {
+        return;
+    }
+    const bool usable = number >= 1 && number <= kWidestFromEnvironment;
+    state.width = usable ? std::max(state.width, static_cast<int32_t>(number)) : 0;
+}
+
+} // namespace
+
+void msg_set_width_limit(int32_t width) {
+    if (width < 0) {
+        msg_fatal("msg_set_width_limit: Width cannot be less than 0!");
+    }
+    state.width = width;
+    state.width_settled = true;
+}
+
+int32_t msg_get_width_limit() {
+    if (!state.width_settled) {
+        settle_width();
+    }
+    return state.width;
+}
