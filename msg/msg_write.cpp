@@ -26,7 +26,7 @@ void drop_stream(const zel::msg::Channel &channel, FILE *stream, const char *ope
 
 // DELIBERATE: when a stream is dropped the list closes up and the walk goes on with the next index, so the stream that
 // moved into the gap misses this one piece. Whoever reads a log relies on each piece standing there at most once.
-// Held by the test MsgStreams.TheStreamBehindAFailedOneMissesThatOnePiece.
+// Held by the test MsgFailingStream.TheStreamBehindAFailedOneMissesThatOnePiece.
 template <typename Operation>
 void for_each_stream(const zel::msg::Channel &channel, const char *word, Operation succeeds) {
     for (int32_t index = 0; index < channel.streams->count; ++index) {

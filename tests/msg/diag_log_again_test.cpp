@@ -142,7 +142,7 @@ TEST_F(DiagLogAgain, AnOpenThatFailsLosesNoLine) {
     EXPECT_EQ(kept_log(a.path), "a line\n");
 }
 
-TEST_F(DiagLogAgain, WhatCannotBeWrittenOutIsDiscarded) {
+TEST_F(DiagLogAgain, LinesThatCannotBeWrittenOutAreDiscarded) {
     run_in_child([this] {
         msg_open_diag_log(a.path.c_str());
         msg_diag("an older and longer line\n");

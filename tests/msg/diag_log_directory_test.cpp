@@ -33,7 +33,7 @@ std::string directory_in_effect(const Value &first, const Value &second, const V
 
 } // namespace
 
-TEST_F(DiagLogDirectory, InEffectIsTheFirstVariableThatIsSetEvenWhenEmpty) {
+TEST_F(DiagLogDirectory, TheFirstVariableThatIsSetIsInEffectEvenWhenEmpty) {
     const Value kinds[] = {{}, "", "/one", "/another"};
     for (const Value &first : kinds) {
         for (const Value &second : kinds) {
@@ -45,7 +45,7 @@ TEST_F(DiagLogDirectory, InEffectIsTheFirstVariableThatIsSetEvenWhenEmpty) {
     }
 }
 
-TEST_F(DiagLogDirectory, AskingForItStoresNothing) {
+TEST_F(DiagLogDirectory, AskingForTheDirectoryStoresNothing) {
     const Outcome outcome = run_in_child([] {
         set_variables("/first", {}, {});
         printf("%s ", msg_get_diag_dir());
@@ -55,7 +55,7 @@ TEST_F(DiagLogDirectory, AskingForItStoresNothing) {
     EXPECT_EQ(outcome.out, "/first /later");
 }
 
-TEST_F(DiagLogDirectory, AnExplicitOneThatIsOfNoUseIsNotReplacedByTheVariables) {
+TEST_F(DiagLogDirectory, TheVariablesDoNotReplaceAnUnusableExplicitDirectory) {
     const Outcome outcome = run_in_child([this] {
         set_variables(a.path, a.path, a.path);
         const std::string missing = b.path + "/missing";
@@ -66,7 +66,7 @@ TEST_F(DiagLogDirectory, AnExplicitOneThatIsOfNoUseIsNotReplacedByTheVariables) 
     EXPECT_EQ(outcome.out, "1 1 0 0");
 }
 
-TEST_F(DiagLogDirectory, AVariableThatIsOfNoUseIsNotReplacedByTheNext) {
+TEST_F(DiagLogDirectory, AVariableOfAnUnusableDirectoryIsNotReplacedByTheNext) {
     const Outcome outcome = run_in_child([this] {
         const std::string missing = b.path + "/missing";
         set_variables(missing, a.path, a.path);
@@ -77,7 +77,7 @@ TEST_F(DiagLogDirectory, AVariableThatIsOfNoUseIsNotReplacedByTheNext) {
     EXPECT_EQ(outcome.out, "1 1 0 0");
 }
 
-TEST_F(DiagLogDirectory, WhatIsStoredOutlivesTheVariableThatItCameFrom) {
+TEST_F(DiagLogDirectory, TheStoredTextOutlivesTheVariableThatItCameFrom) {
     const Outcome outcome = run_in_child([this] {
         set_variables(a.path, {}, {});
         msg_open_diag_log(nullptr);
@@ -98,7 +98,7 @@ TEST_F(DiagLogDirectory, TheVariablesAreReadAgainAtEachCallThatNamesNone) {
     EXPECT_EQ(outcome.out, "11");
 }
 
-TEST_F(DiagLogDirectory, AnEmptyChoiceTakesThePlaceOfTheStoredOne) {
+TEST_F(DiagLogDirectory, AnEmptyChoiceReplacesTheStoredDirectory) {
     const Outcome outcome = run_in_child([this] {
         msg_open_diag_log(a.path.c_str());
         set_variables("", b.path, b.path);
@@ -110,7 +110,7 @@ TEST_F(DiagLogDirectory, AnEmptyChoiceTakesThePlaceOfTheStoredOne) {
     EXPECT_EQ(outcome.out, "<><></from the environment>");
 }
 
-TEST_F(DiagLogDirectory, ATooLongOneTakesThePlaceOfTheStoredOneToo) {
+TEST_F(DiagLogDirectory, ATooLongDirectoryReplacesTheStoredOneToo) {
     const Outcome outcome = run_in_child([this] {
         set_variables({}, {}, "/from the environment");
         msg_open_diag_log(a.path.c_str());
@@ -159,7 +159,7 @@ TEST_F(DiagLogDirectory, TheWordsOfTheStartUpDestinationAreNamesOfDirectories) {
     }
 }
 
-TEST_F(DiagLogDirectory, ARelativeOneIsOneOfTheWorkingDirectory) {
+TEST_F(DiagLogDirectory, ARelativeDirectoryIsLookedForInTheWorkingDirectory) {
     const Outcome outcome = run_in_child([this] {
         if (chdir(a.path.c_str()) != 0) {
             exit(2);
@@ -192,7 +192,7 @@ TEST_F(DiagLogDirectory, EachWayToFailDetachesAllStreamsOfDiagnosticsAndNoOthers
     }
 }
 
-TEST_F(DiagLogDirectory, TheTemporaryOneIsOfNoOtherVariable) {
+TEST_F(DiagLogDirectory, TheTemporaryDirectoryComesFromNoOtherVariable) {
     const Outcome outcome = run_in_child([this] {
         set_variables(a.path, a.path, {});
         for (const char *name : {"TMPDIR", "TMP", "TEMP"}) {

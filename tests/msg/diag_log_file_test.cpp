@@ -59,7 +59,7 @@ std::string folder_for_path_of(const std::string &folder, size_t length) {
 
 } // namespace
 
-TEST_F(DiagLogFile, ItIsOpenedForWritingAloneUnderDirectoryNumberAndLogin) {
+TEST_F(DiagLogFile, TheLogIsOpenedForWritingUnderDirectoryNumberAndLogin) {
     const Outcome outcome = run_in_child([this] {
         const ToldFiles told;
         const Logins logins({"guest"});
@@ -109,7 +109,7 @@ TEST_F(DiagLogFile, ALoginNameOf256CharactersIsWhole) {
     EXPECT_EQ(outcome.out, "open " + a.path + "/zelN" + std::string(255, 'n') + "m.log\n");
 }
 
-TEST_F(DiagLogFile, TheNumberIsThatOfTheProcessThatOpensIt) {
+TEST_F(DiagLogFile, TheNumberInTheNameIsThatOfTheOpeningProcess) {
     const Outcome outcome = run_in_child([this] {
         const Logins logins({"guest"});
         msg_open_diag_log(a.path.c_str());
@@ -136,7 +136,7 @@ TEST_F(DiagLogFile, APathOf4095CharactersIsOpened) {
 }
 
 // A path that was cut would name another file.
-TEST_F(DiagLogFile, ALongerPathIsNotOpenedAtAll) {
+TEST_F(DiagLogFile, APathOfOver4095CharactersIsNotOpened) {
     for (const size_t length : {4096U, 4097U, 4098U, 4099U, 4100U}) {
         const Outcome outcome = run_in_child([this, length] {
             const std::string folder = folder_for_path_of(a.path, length);
@@ -151,7 +151,7 @@ TEST_F(DiagLogFile, ALongerPathIsNotOpenedAtAll) {
     }
 }
 
-TEST_F(DiagLogFile, ItsStreamIsAddedToDiagnosticsAlone) {
+TEST_F(DiagLogFile, TheStreamOfTheLogIsAddedToDiagnosticsAlone) {
     const Outcome outcome = run_in_child([this] {
         msg_open_diag_log(a.path.c_str());
         for (const int type : {MSG_INFO, MSG_DEBUG, MSG_WARNING, MSG_ERROR, MSG_DIAG}) {

@@ -162,13 +162,13 @@ TEST_F(DiagLogPlanted, AStepThatFailsBeforeTheFileIsEmptiedLosesNothing) {
     EXPECT_EQ(open_older_with(hook::ftruncate, fail_always(hook::ftruncate, EIO, -1)), refused);
 }
 
-TEST_F(DiagLogPlanted, AStepThatFailsAfterwardsLeavesNothingOpen) {
+TEST_F(DiagLogPlanted, AStepThatFailsAfterTheOpeningLeavesNothingOpen) {
     const std::string refused = "0 streams, nothing open, ";
     EXPECT_EQ(open_older_with(hook::fcntl, fail_always(hook::fcntl, EINVAL, -1)), refused);
     EXPECT_EQ(open_older_with(hook::fdopen, fail_always(hook::fdopen, ENOMEM, nullptr)), refused);
 }
 
-TEST_F(DiagLogPlanted, ItStandsAboveTheStandardDescriptors) {
+TEST_F(DiagLogPlanted, TheLogStandsAboveTheStandardDescriptors) {
     for (const bool older : {false, true}) {
         const Outcome outcome = run_in_child([this, older] {
             if (older) {

@@ -106,7 +106,7 @@ TEST_F(DiagLog, AFileInsteadOfADirectoryLeavesDiagnosticsOffWithoutAWord) {
     EXPECT_EQ(read_file(file), "mine");
 }
 
-TEST_F(DiagLog, ADirectoryWithoutWritePermissionLeavesDiagnosticsOffWithoutAWord) {
+TEST_F(DiagLog, AnUnwritableDirectoryLeavesDiagnosticsOffWithoutAWord) {
     ASSERT_EQ(chmod(a.path.c_str(), 0555), 0);
     const Outcome outcome = run_in_child([this] {
         give_up_root();
@@ -314,7 +314,7 @@ TEST_F(DiagLog, TheStoredDirectoryMayBePassedBackIn) {
     EXPECT_EQ(outcome.out, "1\n");
 }
 
-TEST_F(DiagLog, TheDirectoryInEffectIsTheStoredOneOrTheEnvironmentsAtEachCall) {
+TEST_F(DiagLog, TheDirectoryInEffectIsTheStoredOneElseTheEnvironments) {
     const Outcome outcome = run_in_child([this] {
         for (const char *name : kVariables) {
             unsetenv(name);

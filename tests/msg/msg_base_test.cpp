@@ -25,7 +25,7 @@ void require_small(int number) {
 
 } // namespace
 
-TEST(BaseAssertion, OneThatHoldsSaysNothing) {
+TEST(BaseAssertion, AnAssertionThatHoldsSaysNothing) {
     const Outcome outcome = run_in_child([] {
         require_positive(1);
         require_small(1);
@@ -34,13 +34,13 @@ TEST(BaseAssertion, OneThatHoldsSaysNothing) {
     EXPECT_EQ(outcome.status, 0);
 }
 
-TEST(BaseAssertion, OneThatFailsNamesConditionUnitAndFunctionAndAborts) {
+TEST(BaseAssertion, AFailedAssertionNamesConditionUnitAndFunctionAndAborts) {
     const Outcome outcome = run_in_child([] { require_positive(0); });
     EXPECT_EQ(outcome.err, "folder/unit: require_positive: Assertion `number > 0' failed.\n");
     EXPECT_EQ(outcome.signal, SIGABRT);
 }
 
-TEST(BaseAssertion, OneMayBeReportedUnderAnotherText) {
+TEST(BaseAssertion, AConditionMayBeReportedUnderAnotherText) {
     const Outcome outcome = run_in_child([] { require_small(10); });
     EXPECT_EQ(outcome.err, "folder/unit: require_small: Assertion `small(number)' failed.\n");
     EXPECT_EQ(outcome.signal, SIGABRT);
@@ -54,14 +54,14 @@ TEST(BaseText, FormattingIsCutToTheBufferAndSaysSo) {
     EXPECT_STREQ(buffer.data(), "12345");
 }
 
-TEST(BaseText, WhatStandsBeforeAConversionThatFailsIsKept) {
+TEST(BaseText, TheTextBeforeAFailedConversionIsKept) {
     std::array<char, 12> buffer;
     buffer.fill('?');
     EXPECT_FALSE(zel::format_text(buffer, "%d %ls after", 12, L"\u20ac"));
     EXPECT_STREQ(buffer.data(), "12 ");
 }
 
-TEST(BaseText, AFailureLeavesATextThatEndsInItsBuffer) {
+TEST(BaseText, AFailedConversionLeavesATextThatEndsInItsBuffer) {
     std::array<char, 6> buffer;
     const Interposed failing(hook::vsnprintf, [](char *target, size_t size, const char *, va_list) {
         std::fill_n(target, size, 'x');
@@ -71,7 +71,7 @@ TEST(BaseText, AFailureLeavesATextThatEndsInItsBuffer) {
     EXPECT_STREQ(buffer.data(), "xxxxx");
 }
 
-TEST(BaseText, WhatFailsAtOnceIsEmpty) {
+TEST(BaseText, ATextWhoseFirstConversionFailsIsEmpty) {
     std::array<char, 6> buffer = {'o', 'l', 'd', '\0'};
     const Interposed failing(hook::vsnprintf, fail_nth(hook::vsnprintf, 0, EILSEQ, -1));
     EXPECT_FALSE(zel::format_text(buffer, "text"));

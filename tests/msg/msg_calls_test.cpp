@@ -70,16 +70,16 @@ void PrintTo(const Call &call, std::ostream *out) {
 // What the call makes of "one two three four five six" at width 20.
 std::string expected_text(const Call &call) {
     const std::string mp = call.primary_only ? "" : "m ";
-    const std::string opening = mp + call.prefix;
+    const std::string lead = mp + call.prefix;
     if (call.fmt_type == kRaw) {
-        return opening + "one two three four five six";
+        return lead + "one two three four five six";
     }
     const std::string end = call.fmt_type == kLine ? "\n" : "";
     const std::string later = mp + std::string(std::string(call.prefix).size(), ' ');
     if (call.prefix[0] == '\0') {
-        return opening + "one two three four\n" + later + "five six" + end;
+        return lead + "one two three four\n" + later + "five six" + end;
     }
-    return opening + "one two three\n" + later + "four five six" + end;
+    return lead + "one two three\n" + later + "four five six" + end;
 }
 
 void set_all_prefixes() {
@@ -110,7 +110,7 @@ protected:
 
 } // namespace
 
-TEST_P(MsgCalls, WritesWithItsOwnTypePrefixAndLayout) {
+TEST_P(MsgCalls, ACallWritesWithItsOwnTypePrefixAndLayout) {
     const Call &call = GetParam();
     const Outcome outcome = run_apart(errors_, [&call] { call.write("one two three four five six"); });
     const std::string expected = expected_text(call);
@@ -120,7 +120,7 @@ TEST_P(MsgCalls, WritesWithItsOwnTypePrefixAndLayout) {
     EXPECT_EQ(outcome.status, 0);
 }
 
-TEST_P(MsgCalls, IsSilentWithoutThePrimaryFlagExactlyWhenPrimaryOnly) {
+TEST_P(MsgCalls, WithoutThePrimaryFlagOnlyAPrimaryOnlyCallIsSilent) {
     const Call &call = GetParam();
     const Outcome outcome = run_apart(errors_, [&call] {
         msg_set_primary(0);
@@ -131,7 +131,7 @@ TEST_P(MsgCalls, IsSilentWithoutThePrimaryFlagExactlyWhenPrimaryOnly) {
     EXPECT_EQ(outcome.status, 0);
 }
 
-TEST_P(MsgCalls, IsContinuedInItsOwnTypeAndLayout) {
+TEST_P(MsgCalls, AContinuationOfACallHasItsTypeAndLayout) {
     const Call &call = GetParam();
     const Outcome outcome = run_apart(errors_, [&call] {
         call.write("a");
@@ -146,7 +146,7 @@ TEST_P(MsgCalls, IsContinuedInItsOwnTypeAndLayout) {
     EXPECT_EQ(contents(errors_), call.type == MSG_ERROR ? expected : "");
 }
 
-TEST_P(MsgCalls, LeavesErrnoClear) {
+TEST_P(MsgCalls, ACallLeavesErrnoClear) {
     const Call &call = GetParam();
     const Outcome outcome = run_apart(errors_, [&call] {
         errno = ENOENT;

@@ -22,7 +22,7 @@ const std::string kTooEarly = "Error: MSG_CONT called before any other message f
 
 } // namespace
 
-TEST(MsgCont, BeforeAnyMessageItEndsTheProcess) {
+TEST(MsgCont, AContinuationBeforeAnyMessageEndsTheProcess) {
     for (void (*write)() : {+[] { MSG_CONT("text"); }, +[] { vcont("text"); }}) {
         const Outcome outcome = run_messages(write);
         EXPECT_EQ(outcome.out, "");
@@ -41,7 +41,7 @@ TEST(MsgCont, AnUnwrittenMessageIsNoMessage) {
     EXPECT_EQ(outcome.err, kTooEarly);
 }
 
-TEST(MsgCont, AfterAnOpenLineItGoesOnThere) {
+TEST(MsgCont, AfterAnOpenLineAContinuationGoesOnThere) {
     const Outcome outcome = run_messages([] {
         msg_print_wrap("Loading");
         MSG_CONT(" %d", 1);
@@ -52,7 +52,7 @@ TEST(MsgCont, AfterAnOpenLineItGoesOnThere) {
     EXPECT_EQ(outcome.out, "Loading 1 2\nnext");
 }
 
-TEST(MsgCont, AfterALineItStandsIndentedOnALineOfItsOwn) {
+TEST(MsgCont, AfterALineAContinuationStandsIndentedOnItsOwnLine) {
     const Outcome outcome = run_messages([] {
         msg_set_print_prefix("ab: ");
         msg_print("Loading");
@@ -64,7 +64,7 @@ TEST(MsgCont, AfterALineItStandsIndentedOnALineOfItsOwn) {
     EXPECT_EQ(outcome.out, "ab: Loading\n    one\n    two\n    three\n    \n    four\n");
 }
 
-TEST(MsgCont, UnderAnEmptyPrefixThereIsNoIndentation) {
+TEST(MsgCont, AContinuationUnderAnEmptyPrefixIsNotIndented) {
     const Outcome outcome = run_messages([] {
         msg_print("Loading");
         MSG_CONT("one");
@@ -72,7 +72,7 @@ TEST(MsgCont, UnderAnEmptyPrefixThereIsNoIndentation) {
     EXPECT_EQ(outcome.out, "Loading\none\n");
 }
 
-TEST(MsgCont, AfterARawTextItGoesOnRaw) {
+TEST(MsgCont, AfterARawTextAContinuationIsRaw) {
     const Outcome outcome = run_messages([] {
         msg_set_width_limit(10);
         msg_warn_raw("one two three");
@@ -81,7 +81,7 @@ TEST(MsgCont, AfterARawTextItGoesOnRaw) {
     EXPECT_EQ(outcome.err, "Warning: one two three four five\n         six seven eight");
 }
 
-TEST(MsgCont, ItBeginsWithoutNewlineOrFlushAndEndsALineWithBoth) {
+TEST(MsgCont, AContinuationHasNewlineAndFlushAtItsEndAndNotAtItsStart) {
     const Outcome outcome = run_messages([] {
         int flushes = 0;
         msg_print_wrap("open");
@@ -105,7 +105,7 @@ TEST(MsgCont, ItBeginsWithoutNewlineOrFlushAndEndsALineWithBoth) {
     EXPECT_EQ(outcome.err, "1");
 }
 
-TEST(MsgCont, ItContinuesTheLastMessageOfAnyTypeWhateverLineIsOpen) {
+TEST(MsgCont, AContinuationFollowsTheLastMessageWhateverLineIsOpen) {
     const Outcome outcome = run_messages([] {
         msg_print_wrap("open");
         msg_warn_wrap("text");
@@ -168,7 +168,7 @@ TEST(MsgCont, ALeadTextIsKeptEvenIfThePrefixIsSetAnew) {
     EXPECT_EQ(outcome.out, "abcdef: one\n        two\nx: three\n");
 }
 
-TEST(MsgCont, OfAPrimaryMessageItIsWrittenOnlyWithThePrimaryFlag) {
+TEST(MsgCont, AContinuedPrimaryMessageNeedsThePrimaryFlag) {
     const Outcome outcome = run_messages([] {
         msg_primary_print("one");
         msg_set_primary(0);
@@ -179,7 +179,7 @@ TEST(MsgCont, OfAPrimaryMessageItIsWrittenOnlyWithThePrimaryFlag) {
     EXPECT_EQ(outcome.out, "one\nthree\n");
 }
 
-TEST(MsgCont, TheDollarSignRuleHoldsInItToo) {
+TEST(MsgCont, TheDollarSignRuleHoldsInAContinuation) {
     const Outcome outcome = run_messages([] {
         msg_print("one");
         MSG_CONT("$$2");
@@ -190,7 +190,7 @@ TEST(MsgCont, TheDollarSignRuleHoldsInItToo) {
     EXPECT_EQ(outcome.status, 1);
 }
 
-TEST(MsgCont, AfterAnUnknownLayoutWithoutAWidthItGoesOn) {
+TEST(MsgCont, AnUnknownLayoutIsContinuedWithoutAWidth) {
     const Outcome outcome = run_messages([] {
         msg_set_width_limit(0);
         output(MSG_INFO, 9, 0, 0, "", "one");

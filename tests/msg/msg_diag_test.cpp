@@ -51,7 +51,7 @@ TEST(MsgDiag, WithoutAStreamNothingIsFormattedOrWritten) {
     EXPECT_EQ(outcome.err, "");
 }
 
-TEST(MsgDiag, AheadOfAllOtherCallsItAsksForNothingAndKeepsErrno) {
+TEST(MsgDiag, ADiagnosticAsTheFirstCallAllocatesNothingAndKeepsErrno) {
     const Outcome outcome = run_messages([] {
         int requests = 0;
         bool kept = false;
@@ -83,7 +83,7 @@ TEST(MsgDiag, TheTextIsWrittenAsItStandsToEachStreamInOrder) {
     EXPECT_EQ(outcome.err, "text 7;line\n");
 }
 
-TEST(MsgDiag, ItKnowsNoPrefixAndNoWidth) {
+TEST(MsgDiag, ADiagnosticHasNoPrefixAndNoWidth) {
     const std::string text = repeated("word ", 40) + "\n";
     const Outcome outcome = run_messages([&text] {
         msg_set_mp_prefix("[3] ");
@@ -95,7 +95,7 @@ TEST(MsgDiag, ItKnowsNoPrefixAndNoWidth) {
     EXPECT_EQ(outcome.out, text);
 }
 
-TEST(MsgDiag, ItLeavesTheColumnAndTheLastMessageAlone) {
+TEST(MsgDiag, ADiagnosticLeavesTheColumnAndTheLastMessageAlone) {
     const Outcome outcome = run_messages([] {
         msg_add_stream(MSG_DIAG, stderr);
         msg_print_wrap("open");
@@ -172,7 +172,7 @@ TEST(MsgDiag, ATextThatTheSecondPassMakesLongerIsWhole) {
     EXPECT_EQ(diagnosed(std::string(16370, 'x') + "%m\n"), std::string(16370, 'x') + "No such file or directory\n");
 }
 
-TEST(MsgDiag, WhatStandsBeforeAConversionThatFailsIsWritten) {
+TEST(MsgDiag, TheTextBeforeAFailedConversionIsWritten) {
     const Outcome outcome = run_messages([] {
         msg_add_stream(MSG_DIAG, stdout);
         // A character that the C locale has none for.
@@ -192,7 +192,7 @@ TEST(MsgDiag, ATextWhoseFirstConversionFailsIsEmpty) {
     EXPECT_EQ(outcome.out, "more");
 }
 
-TEST(MsgDiag, ItNeedsNoMemory) {
+TEST(MsgDiag, ADiagnosticNeedsNoMemory) {
     const Outcome outcome = run_messages([] {
         setvbuf(stdout, nullptr, _IONBF, 0);
         msg_add_stream(MSG_DIAG, stdout);
@@ -267,7 +267,7 @@ TEST(MsgDiag, AFailingStreamIsNeitherReportedNorRemoved) {
     EXPECT_EQ(outcome.status, 0);
 }
 
-TEST(MsgDiag, ErrnoIsKept) {
+TEST(MsgDiag, ADiagnosticKeepsErrno) {
     const Outcome outcome = run_messages([] {
         errno = EACCES;
         msg_diag("no stream yet");

@@ -72,7 +72,7 @@ TEST_P(NoMemoryLeft, TheReportSaysWhoAskedForWhatAndHowMuch) {
     EXPECT_EQ(outcome.status, 1);
 }
 
-TEST_P(NoMemoryLeft, APointerThatIsNoneIsReported) {
+TEST_P(NoMemoryLeft, AStrayPointerIsReported) {
     const Outcome outcome = run_messages([] {
         bring_about(GetParam());
         const NothingLeft nothing_left;
@@ -115,7 +115,7 @@ TEST(NoMemoryLeftDebugHeap, ACorruptedHeapIsReportedWithItsFinding) {
     EXPECT_EQ(outcome.status, 1);
 }
 
-TEST(NoMemoryLeftDebugHeap, ItsReportMayBeTheFirstMessage) {
+TEST(NoMemoryLeftDebugHeap, TheReportOfTheHeapMayBeTheFirstMessage) {
     const Outcome outcome = run_messages([] {
         msg_set_width_limit(0);
         zel_enable_malloc_debug(ZEL_MALLOC_CHECK_PTR);
@@ -156,7 +156,7 @@ TEST(NoMemoryLeftDebugHeap, TheNoteOfAReleaseMayBeTheFirstMessage) {
     EXPECT_EQ(outcome.status, 0);
 }
 
-TEST(NoMemoryLeftDebugHeap, AQuestionWhileItIsOffIsAWarning) {
+TEST(NoMemoryLeftDebugHeap, AQuestionToAHeapThatIsOffIsAWarning) {
     struct Question {
         const char *name;
         void (*ask)();
@@ -212,7 +212,7 @@ TEST(NoMemoryLeftInAMessage, TheReportOfARequestOfAStreamIsWritten) {
     EXPECT_EQ(outcome.status, 1);
 }
 
-TEST(NoMemoryLeftInAMessage, AnErrorBehindTheNoteOfAReleaseIsWritten) {
+TEST(NoMemoryLeftInAMessage, AnErrorAfterTheNoteOfAReleaseIsWritten) {
     const Outcome outcome = run_messages([] {
         msg_set_width_limit(0);
         zel_enable_malloc_debug(ZEL_MALLOC_CHECK_PTR);
@@ -256,7 +256,7 @@ void *write_failure(unsigned long size, const char *text) {
 
 } // namespace
 
-TEST(NoMemoryLeftHandler, ItsFirstMessageIsWritten) {
+TEST(NoMemoryLeftHandler, TheFirstMessageOfAHandlerIsWritten) {
     const Outcome outcome = run_messages([] {
         zel_malloc_set_failure_handler(write_failure);
         const NothingLeft nothing_left;
@@ -268,7 +268,7 @@ TEST(NoMemoryLeftHandler, ItsFirstMessageIsWritten) {
     EXPECT_EQ(outcome.status, 0);
 }
 
-TEST(NoMemoryLeftHandler, ItsMessageIsWrittenBehindACallThatMightHaveReported) {
+TEST(NoMemoryLeftHandler, AHandlerWritesAfterACallThatMightHaveReported) {
     const Outcome outcome = run_messages([] {
         zel_malloc_set_failure_handler([](unsigned long /*size*/, const char * /*text*/) -> void * {
             zel_enable_malloc_debug(0); // does nothing
@@ -327,7 +327,7 @@ TEST(NoMemoryLeftHandler, AListOfSpareSlotsThatCannotGrowKeepsItsStreams) {
     EXPECT_EQ(outcome.err.substr(outcome.err.size() - refused.size()), refused);
 }
 
-TEST(NoMemoryLeftHandler, BehindAReportAListWithoutMemoryEndsTheProcess) {
+TEST(NoMemoryLeftHandler, AfterAReportAListWithoutMemoryEndsTheProcess) {
     const Outcome outcome = run_messages([] {
         zel_malloc_set_failure_handler(write_failure);
         const NothingLeft nothing_left;

@@ -30,7 +30,7 @@ void use_streams(int type, std::initializer_list<FILE *> streams) {
 
 } // namespace
 
-TEST(MsgStreams, TheStreamBehindAFailedOneMissesThatOnePiece) {
+TEST(MsgFailingStream, TheStreamBehindAFailedOneMissesThatOnePiece) {
     FILE *b = open_scratch_stream();
     FILE *c = open_scratch_stream();
     const Outcome outcome = run_messages([&] {
@@ -46,7 +46,7 @@ TEST(MsgStreams, TheStreamBehindAFailedOneMissesThatOnePiece) {
     fclose(c);
 }
 
-TEST(MsgFailingStream, AheadOfItAndTwoBehindItNothingIsMissed) {
+TEST(MsgFailingStream, StreamsAheadAndTwoBehindAFailedOneMissNothing) {
     FILE *a = open_scratch_stream();
     FILE *d = open_scratch_stream();
     run_messages([&] {
@@ -286,7 +286,7 @@ TEST(MsgFailingStream, AClosedStandardOutputWithABufferFailsWhereItIsFlushed) {
     EXPECT_EQ(outcome.status, 0);
 }
 
-TEST(MsgFailingStream, WithBothStandardStreamsClosedAFatalCallStillEndsWithStatusOne) {
+TEST(MsgFailingStream, AFatalCallWithBothStandardStreamsClosedExitsWithOne) {
     const Outcome outcome = run_messages([] {
         close(STDOUT_FILENO);
         close(STDERR_FILENO);
@@ -317,7 +317,7 @@ std::string without_newline_ahead(const std::string &text) {
 
 } // namespace
 
-TEST(MsgFailingStream, WhicheverWriteFailsStandardOutputHasWhatCameBeforeAndOneReportFollows) {
+TEST(MsgFailingStream, WhicheverWriteFailsTheTextBeforeItStandsAndOneReportFollows) {
     std::string out;
     int nth = 0;
     for (; out != kSomeMessages; ++nth) {
@@ -336,7 +336,7 @@ TEST(MsgFailingStream, WhicheverWriteFailsStandardOutputHasWhatCameBeforeAndOneR
     EXPECT_GT(nth, 20);
 }
 
-TEST(MsgFailingStream, WhicheverFlushFailsStandardOutputHasWhatCameBeforeAndOneReportFollows) {
+TEST(MsgFailingStream, WhicheverFlushFailsTheTextBeforeItStandsAndOneReportFollows) {
     const std::string whole = "one\nopen\ntwo\n";
     int flushes = 0;
     for (std::string err = "?"; !err.empty(); ++flushes) {

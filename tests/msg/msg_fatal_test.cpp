@@ -44,7 +44,7 @@ class MsgFatalCalls : public testing::TestWithParam<FatalCall> {};
 
 } // namespace
 
-TEST_P(MsgFatalCalls, WritesAnErrorAndEndsWithStatusOne) {
+TEST_P(MsgFatalCalls, AFatalCallWritesAnErrorAndEndsWithStatusOne) {
     const FatalCall &call = GetParam();
     const Outcome outcome = run_messages([&call] {
         msg_set_mp_prefix("[3] ");
@@ -56,7 +56,7 @@ TEST_P(MsgFatalCalls, WritesAnErrorAndEndsWithStatusOne) {
     EXPECT_EQ(outcome.status, 1);
 }
 
-TEST_P(MsgFatalCalls, EndsWithStatusOneWithoutThePrimaryFlagAndIsThenSilentWhenPrimaryOnly) {
+TEST_P(MsgFatalCalls, AFatalCallWithoutThePrimaryFlagIsSilentIfPrimaryOnly) {
     const FatalCall &call = GetParam();
     const Outcome outcome = run_messages([&call] {
         msg_set_mp_prefix("[3] ");
@@ -69,7 +69,7 @@ TEST_P(MsgFatalCalls, EndsWithStatusOneWithoutThePrimaryFlagAndIsThenSilentWhenP
     EXPECT_EQ(outcome.status, 1);
 }
 
-TEST_P(MsgFatalCalls, EndsWithStatusOneWithoutMemory) {
+TEST_P(MsgFatalCalls, AFatalCallWithoutMemoryEndsWithStatusOne) {
     const FatalCall &call = GetParam();
     const Outcome outcome = run_messages([&call] {
         // In a message, which has the fixed area.
@@ -87,7 +87,7 @@ TEST_P(MsgFatalCalls, EndsWithStatusOneWithoutMemory) {
 
 #ifndef ZEL_SMALL_CONSTANTS
 // The fixed area holds the text.
-TEST_P(MsgFatalCalls, NeedsNoMemory) {
+TEST_P(MsgFatalCalls, AFatalCallNeedsNoMemory) {
     const FatalCall &call = GetParam();
     const Outcome outcome = run_messages([&call] {
         msg_set_mp_prefix("[3] ");
@@ -101,7 +101,7 @@ TEST_P(MsgFatalCalls, NeedsNoMemory) {
 }
 #endif
 
-TEST_P(MsgFatalCalls, LeavesByTheNormalExitSoThatStreamsAreFlushed) {
+TEST_P(MsgFatalCalls, AFatalCallLeavesByExitSoThatStreamsAreFlushed) {
     const FatalCall &call = GetParam();
     const Outcome outcome = run_messages([&call] {
         atexit([] { fputs("handler ran, ", stdout); });
@@ -131,7 +131,7 @@ TEST(MsgFatal, TheSystemErrorIsTheOneOnEntry) {
     EXPECT_EQ(outcome.status, 1);
 }
 
-TEST(MsgFatal, AnUnwrittenPrimaryMessageAddsNoSystemErrorToSomebodyElsesLine) {
+TEST(MsgFatal, AnUnwrittenPrimaryMessageAddsNoSystemErrorText) {
     const Outcome outcome = run_messages([] {
         msg_warn_wrap("counting");
         msg_set_primary(0);

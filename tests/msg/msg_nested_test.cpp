@@ -75,7 +75,7 @@ TEST(MsgNested, AMessageByItselfAsksForNoMemory) {
     EXPECT_EQ(outcome.err, "Warning: 3\n");
 }
 
-TEST(MsgNested, AMessageInAMessageThatFindsNoMemoryIsReplacedAndTheOuterOneGoesOn) {
+TEST(MsgNested, AMessageInAMessageWithoutMemoryIsReplacedByTheFixedText) {
     const Outcome outcome = run_messages([] {
         on_first_piece(MSG_INFO, [] {
             const Interposed failing(hook::malloc, fail_always(hook::malloc, ENOMEM, nullptr));
@@ -118,7 +118,7 @@ TEST(MsgNested, ARefusedFormatLeavesNoTraceInTheHandlersOfTheExit) {
     EXPECT_EQ(outcome.status, 1);
 }
 
-TEST(MsgNested, MessagesBehindOneThatWasLeftByLongjmpAreWhole) {
+TEST(MsgNested, MessagesAfterOneThatWasLeftByLongjmpAreWhole) {
     const Outcome outcome = run_messages([] {
         leave_a_message();
         msg_print("%s", "one");
@@ -145,7 +145,7 @@ TEST(MsgNested, AMessageThatWasLeftByLongjmpKeepsTheFixedArea) {
     EXPECT_EQ(outcome.err, "allocated" + kLost);
 }
 
-TEST(MsgNested, TheAreaIsFreeAgainBehindAMessageThatCouldNotBeConverted) {
+TEST(MsgNested, TheAreaIsFreeAgainAfterAMessageThatCouldNotBeConverted) {
     const Outcome outcome = run_messages([] {
         _msg_get_stream_desc(MSG_INFO);
         std::string sizes;

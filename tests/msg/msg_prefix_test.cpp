@@ -41,11 +41,11 @@ class MsgEachPrefix : public testing::TestWithParam<PrefixCalls> {};
 
 } // namespace
 
-TEST_P(MsgEachPrefix, HasItsDefault) {
+TEST_P(MsgEachPrefix, APrefixHasItsDefault) {
     EXPECT_EQ(run_messages([] { fputs(GetParam().get(), stdout); }).out, GetParam().initial);
 }
 
-TEST_P(MsgEachPrefix, IsACopyOfTheTextSet) {
+TEST_P(MsgEachPrefix, APrefixIsACopyOfTheTextSet) {
     const Outcome outcome = run_messages([] {
         char text[] = "first: ";
         GetParam().set(text);
@@ -57,7 +57,7 @@ TEST_P(MsgEachPrefix, IsACopyOfTheTextSet) {
     EXPECT_EQ(outcome.out, "first: second: ");
 }
 
-TEST_P(MsgEachPrefix, IsSetAloneOfAll) {
+TEST_P(MsgEachPrefix, ASetterLeavesTheOtherPrefixesAlone) {
     const Outcome outcome = run_messages([] {
         GetParam().set("set");
         print_all_prefixes();
@@ -69,7 +69,7 @@ TEST_P(MsgEachPrefix, IsSetAloneOfAll) {
     EXPECT_EQ(outcome.out, expected);
 }
 
-TEST_P(MsgEachPrefix, IsEmptyWhenSetToNull) {
+TEST_P(MsgEachPrefix, APrefixIsEmptyWhenSetToNull) {
     const Outcome outcome = run_messages([] {
         GetParam().set("text");
         GetParam().set(nullptr);
@@ -78,7 +78,7 @@ TEST_P(MsgEachPrefix, IsEmptyWhenSetToNull) {
     EXPECT_EQ(outcome.out, "[]");
 }
 
-TEST_P(MsgEachPrefix, MayBeSetToItsOwnText) {
+TEST_P(MsgEachPrefix, APrefixMayBeSetToItsOwnText) {
     const Outcome outcome = run_messages([] {
         GetParam().set(GetParam().get());
         GetParam().set("own text");
@@ -89,7 +89,7 @@ TEST_P(MsgEachPrefix, MayBeSetToItsOwnText) {
     EXPECT_EQ(outcome.out, "text");
 }
 
-TEST_P(MsgEachPrefix, TakesAsMuchMemoryAsTheTextAndOne) {
+TEST_P(MsgEachPrefix, APrefixTakesAsMuchMemoryAsTheTextAndOne) {
     const Outcome outcome = run_messages([] {
         size_t asked = 0;
         const Interposed watching(hook::malloc, [&asked](size_t size) {

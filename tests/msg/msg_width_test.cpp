@@ -27,7 +27,7 @@ const std::string kTwoLines = std::string(70, 'x') + "\n" + std::string(9, 'y') 
 
 } // namespace
 
-TEST(MsgWidth, ItIsSeventyEightByDefault) {
+TEST(MsgWidth, TheWidthIsSeventyEightByDefault) {
     EXPECT_EQ(width_under(nullptr), "78");
     const Outcome outcome = run_messages([] {
         msg_print("%s", std::string(78, 'x').c_str());
@@ -53,13 +53,13 @@ TEST(MsgWidth, ANumberOutOfRangeTurnsWrappingOff) {
     }
 }
 
-TEST(MsgWidth, WhatIsNoNumberChangesNothing) {
+TEST(MsgWidth, AVariableWithoutANumberChangesNothing) {
     for (const char *value : {"", "abc", " ", "-", "x200", "+"}) {
         EXPECT_EQ(width_under(value), "78") << value;
     }
 }
 
-TEST(MsgWidth, WhatFollowsTheNumberIsIgnored) {
+TEST(MsgWidth, TextAfterTheNumberInTheVariableIsIgnored) {
     EXPECT_EQ(width_under("200abc"), "200");
     EXPECT_EQ(width_under("100.9"), "100");
     EXPECT_EQ(width_under("0200"), "200");
@@ -85,7 +85,7 @@ TEST(MsgWidth, TheVariableIsReadOnceOnly) {
     EXPECT_EQ(outcome.out, kTwoLines + kTwoLines + "78");
 }
 
-TEST(MsgWidth, AVariableThatSaysNothingSettlesItToo) {
+TEST(MsgWidth, AVariableThatSaysNothingSettlesTheWidth) {
     const Outcome outcome = run_messages([] {
         setenv("ZEL_MSGERR_WRAP", "abc", 1);
         msg_get_width_limit();
@@ -95,7 +95,7 @@ TEST(MsgWidth, AVariableThatSaysNothingSettlesItToo) {
     EXPECT_EQ(outcome.out, "78");
 }
 
-TEST(MsgWidth, AMessageThatIsNotWrittenDoesNotSettleIt) {
+TEST(MsgWidth, AnUnwrittenMessageDoesNotSettleTheWidth) {
     const Outcome outcome = run_messages([] {
         msg_set_primary(0);
         msg_primary_print("text");
@@ -106,7 +106,7 @@ TEST(MsgWidth, AMessageThatIsNotWrittenDoesNotSettleIt) {
     EXPECT_EQ(outcome.out, "100");
 }
 
-TEST(MsgWidth, ARawMessageSettlesItToo) {
+TEST(MsgWidth, ARawMessageSettlesTheWidth) {
     const Outcome outcome = run_messages([] {
         msg_print_raw("raw\n");
         setenv("ZEL_MSGERR_WRAP", "100", 1);
@@ -127,7 +127,7 @@ TEST(MsgWidth, AWidthThatWasSetIsKeptWhateverTheVariableSays) {
     }
 }
 
-TEST(MsgWidth, ItCanBeSetAgainAndAgain) {
+TEST(MsgWidth, TheWidthCanBeSetAgainAndAgain) {
     const Outcome outcome = run_messages([] {
         for (const int32_t width : {0, 75, 0, 100}) {
             msg_set_width_limit(width);
