@@ -1,5 +1,6 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // Diagnostic lines.
+#include <msg/base/errno_kept.h>
 #include <msg/base/text.h>
 #include <msg/internal/state.h>
 #include <msg/internal/write.h>

@@ -1,6 +1,6 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // The width limit.
-#include <msg/base/text.h>
+#include <msg/base/errno_kept.h>
 #include <msg/internal/state.h>
 #include <msg/msg.h>
 

@@ -1,9 +1,10 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// Bounded text, and the error number kept across work that may change it.
+// Bounded text.
 #ifndef ZEL_MSG_BASE_TEXT_H
 #define ZEL_MSG_BASE_TEXT_H
 
-#include <cerrno>
+#include <msg/base/errno_kept.h>
+
 #include <cstdarg>
 #include <span>
 #include <string_view>
@@ -28,15 +29,6 @@ size_t copy_part(std::span<char> target, std::string_view text);
 // whether the whole text is there.
 bool format_text(std::span<char> buffer, const char *format, ...) __attribute__((format(printf, 2, 3)));
 bool vformat_text(std::span<char> buffer, const char *format, va_list args) __attribute__((format(printf, 2, 0)));
-
-// Restores errno where its scope ends, so that what is done on the side does not show.
-struct ErrnoKept {
-    const int value = errno;
-    ErrnoKept() = default;
-    ErrnoKept(const ErrnoKept &) = delete;
-    ErrnoKept &operator=(const ErrnoKept &) = delete;
-    ~ErrnoKept() { errno = value; }
-};
 
 } // namespace zel
 

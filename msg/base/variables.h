@@ -3,7 +3,7 @@
 #ifndef ZEL_MSG_BASE_VARIABLES_H
 #define ZEL_MSG_BASE_VARIABLES_H
 
-#include <msg/base/text.h>
+#include <msg/base/errno_kept.h>
 
 #include <cstdlib>
 #include <initializer_list>

@@ -1,6 +1,7 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // What every folder of the library builds on: assertions and bounded text.
 #include <msg/base/assertion.h>
+#include <msg/base/errno_kept.h>
 #include <msg/base/text.h>
 #include <support/child.h>
 

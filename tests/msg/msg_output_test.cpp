@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// The core writer: types, layouts, the primary flag, the dollar-sign rule, and the order of its writes.
+// The core writer: types, layouts, the dollar-sign rule, and the order of its writes.
 #include "msg_support.h"
 
 #include <support/interpose.h>
@@ -124,47 +124,6 @@ TEST(MsgOutput, ALineLeftOpenByAPrefixAloneIsEndedToo) {
         msg_warn("text");
     });
     EXPECT_EQ(outcome.err, "Warning: \nWarning: text\n");
-}
-
-// ---- The primary flag ----------------------------------------------------------------------------------------------
-
-TEST(MsgPrimary, TheFlagIsSetAtFirstAndReadsAsWritten) {
-    const Outcome outcome = run_messages([] {
-        printf("%d ", msg_is_primary());
-        for (const int flag : {0, 1, -3, 7}) {
-            msg_set_primary(flag);
-            printf("%d ", msg_is_primary());
-        }
-    });
-    EXPECT_EQ(outcome.out, "1 0 1 -3 7 ");
-}
-
-TEST(MsgPrimary, AnyFlagButZeroLetsPrimaryMessagesThrough) {
-    const Outcome outcome = run_messages([] {
-        msg_set_primary(-3);
-        msg_primary_print("text");
-    });
-    EXPECT_EQ(outcome.out, "text\n");
-}
-
-TEST(MsgPrimary, AnUnwrittenMessageLeavesOpenLinesAlone) {
-    const Outcome outcome = run_messages([] {
-        msg_print_wrap("open");
-        msg_set_primary(0);
-        msg_primary_print("unwritten");
-        MSG_CONT(" still");
-    });
-    EXPECT_EQ(outcome.out, "open still");
-}
-
-TEST(MsgPrimary, AnUnwrittenMessageIsNotEvenLookedAt) {
-    const Outcome outcome = run_messages([] {
-        msg_set_primary(0);
-        msg_primary_print("$5");
-        output(3, MSG_FMT_LINE, 1, 0, "", "unknown type");
-    });
-    EXPECT_EQ(outcome.err, "");
-    EXPECT_EQ(outcome.status, 0);
 }
 
 // ---- The dollar-sign rule ------------------------------------------------------------------------------------------
