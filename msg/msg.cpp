@@ -36,8 +36,8 @@ using Indentation = std::array<char, kIndentationSize>;
 struct Message {
     Channel channel;
     int fmt_type;
-    const char *lead;   // opens the next line: the prefix, then the indentation
-    size_t lead_length; // columns that a line's opening takes, the mp prefix included
+    const char *lead_text; // of the next line: the prefix, then the indentation
+    size_t lead_length;    // of the prefix, with the mp prefix
     Indentation indentation;
 };
 
@@ -47,14 +47,14 @@ Indentation indentation_under(std::string_view prefix) {
     return spaces;
 }
 
-const char *lead_text(const Lead &lead) {
+const char *chars_of(const LeadText &lead) {
     return lead.longer == nullptr ? lead.fixed.data() : lead.longer;
 }
 
 // A copy of our own: the text at hand lives in a prefix that may be set, or in a message that is about to end. A long
 // one that finds no memory is cut.
-Lead copy_lead(std::string_view text) {
-    Lead lead = {};
+LeadText copy_lead_text(std::string_view text) {
+    LeadText lead = {};
     if (text.size() >= lead.fixed.size()) {
         lead.longer = static_cast<char *>(malloc(text.size() + 1));
     }
@@ -67,12 +67,12 @@ Lead copy_lead(std::string_view text) {
 }
 
 void record(const Message &message) {
-    Lead lead = copy_lead(message.lead);
-    free(state.last.lead.longer);
+    const LeadText copy = copy_lead_text(message.lead_text);
+    free(state.last.lead_text.longer);
     state.last = {.type = message.channel.type,
                   .fmt_type = message.fmt_type,
                   .primary_only = message.channel.primary_only ? 1 : 0,
-                  .lead = lead};
+                  .lead_text = copy};
 }
 
 void end_line(const Channel &channel) {
@@ -95,17 +95,17 @@ void open_line(Message &message) {
         const PrefixInUse in_use(mp);
         write_streams(message.channel, mp);
     }
-    write_streams(message.channel, message.lead);
+    write_streams(message.channel, message.lead_text);
     advance_column(message.lead_length);
-    message.lead = message.indentation.data();
+    message.lead_text = message.indentation.data();
 }
 
 // Writes the first characters of the text. The streams take whole strings, so the text is ended there meanwhile.
 void write_piece(const Channel &channel, char *text, size_t length) {
-    const char behind = text[length];
+    const char kept = text[length];
     text[length] = '\0';
     write_streams(channel, text);
-    text[length] = behind;
+    text[length] = kept;
 }
 
 char *write_raw(const Channel &channel, char *text) {
@@ -235,14 +235,14 @@ void _msg_output(int type, int fmt_type, int primary_only, int continuation, con
     if (primary_only != 0 && state.primary == 0) {
         return;
     }
-    const char *opening = prefix == nullptr ? "" : prefix;
-    const PrefixInUse in_use(opening); // until the message has been written and recorded
+    const char *given = prefix == nullptr ? "" : prefix;
+    const PrefixInUse in_use(given); // until the message has been written and recorded
     const Channel channel = {.type = type, .primary_only = primary_only != 0, .streams = _msg_get_stream_desc(type)};
     Message message = {.channel = channel,
                        .fmt_type = fmt_type,
-                       .lead = opening,
-                       .lead_length = lead_length_of(channel, opening),
-                       .indentation = indentation_under(opening)};
+                       .lead_text = given,
+                       .lead_length = lead_length_of(channel, given),
+                       .indentation = indentation_under(given)};
     char *text = format_message(checked_format(channel, format), args);
     if (text == nullptr) {
         report_lost_message();
@@ -264,7 +264,7 @@ void msg_vcont(const char *format, va_list args) {
     }
     // A copy: a report in the middle of this message replaces the record, and a message that is not written keeps it.
     const LastMessage last = state.last;
-    const Lead lead = copy_lead(lead_text(last.lead));
-    _msg_output(last.type, last.fmt_type, last.primary_only, 1, lead_text(lead), format, args);
+    const LeadText lead = copy_lead_text(chars_of(last.lead_text));
+    _msg_output(last.type, last.fmt_type, last.primary_only, 1, chars_of(lead), format, args);
     free(lead.longer);
 }

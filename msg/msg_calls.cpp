@@ -11,19 +11,22 @@ using zel::msg::PrefixKind;
 using zel::msg::state;
 
 // The body of an output call: only the function that has the variable arguments can open them.
-#define OUTPUT(type, fmt_type, primary_only, prefix)                                                                   \
+#define OUTPUT(type, fmt_type, primary_only, prefix, format)                                                           \
     do {                                                                                                               \
         va_list args;                                                                                                  \
         va_start(args, format);                                                                                        \
-        _msg_output((type), (fmt_type), (primary_only), 0, (prefix), format, args);                                    \
+        _msg_output((type), (fmt_type), (primary_only), 0, (prefix), (format), args);                                  \
         va_end(args);                                                                                                  \
     } while (false)
 
-#define INFO(fmt_type, primary_only) OUTPUT(MSG_INFO, (fmt_type), (primary_only), prefix_text(PrefixKind::print))
-#define WARNING(fmt_type, primary_only) OUTPUT(MSG_WARNING, (fmt_type), (primary_only), prefix_text(PrefixKind::warn))
-#define ERROR(fmt_type, primary_only) OUTPUT(MSG_ERROR, (fmt_type), (primary_only), prefix_text(PrefixKind::error))
-#define INTERNAL_ERROR(fmt_type, primary_only)                                                                         \
-    OUTPUT(MSG_ERROR, (fmt_type), (primary_only), prefix_text(PrefixKind::internal_error))
+#define INFO(fmt_type, primary_only, format)                                                                           \
+    OUTPUT(MSG_INFO, (fmt_type), (primary_only), prefix_text(PrefixKind::print), format)
+#define WARNING(fmt_type, primary_only, format)                                                                        \
+    OUTPUT(MSG_WARNING, (fmt_type), (primary_only), prefix_text(PrefixKind::warn), format)
+#define ERROR(fmt_type, primary_only, format)                                                                          \
+    OUTPUT(MSG_ERROR, (fmt_type), (primary_only), prefix_text(PrefixKind::error), format)
+#define INTERNAL_ERROR(fmt_type, primary_only, format)                                                                 \
+    OUTPUT(MSG_ERROR, (fmt_type), (primary_only), prefix_text(PrefixKind::internal_error), format)
 
 namespace {
 
@@ -39,118 +42,118 @@ namespace {
 } // namespace
 
 void msg_print(const char *format, ...) {
-    INFO(MSG_FMT_LINE, 0);
+    INFO(MSG_FMT_LINE, 0, format);
 }
 
 void msg_print_no_prefix(const char *format, ...) {
-    OUTPUT(MSG_INFO, MSG_FMT_LINE, 0, "");
+    OUTPUT(MSG_INFO, MSG_FMT_LINE, 0, "", format);
 }
 
 void msg_print_with_prefix(const char *prefix, const char *format, ...) {
-    OUTPUT(MSG_INFO, MSG_FMT_LINE, 0, prefix);
+    OUTPUT(MSG_INFO, MSG_FMT_LINE, 0, prefix, format);
 }
 
 void msg_print_wrap(const char *format, ...) {
-    INFO(MSG_FMT_WRAP, 0);
+    INFO(MSG_FMT_WRAP, 0, format);
 }
 
 void msg_print_raw(const char *format, ...) {
-    INFO(MSG_FMT_RAW, 0);
+    INFO(MSG_FMT_RAW, 0, format);
 }
 
 void msg_warn(const char *format, ...) {
-    WARNING(MSG_FMT_LINE, 0);
+    WARNING(MSG_FMT_LINE, 0, format);
 }
 
 void msg_warn_wrap(const char *format, ...) {
-    WARNING(MSG_FMT_WRAP, 0);
+    WARNING(MSG_FMT_WRAP, 0, format);
 }
 
 void msg_warn_raw(const char *format, ...) {
-    WARNING(MSG_FMT_RAW, 0);
+    WARNING(MSG_FMT_RAW, 0, format);
 }
 
 void msg_primary_print(const char *format, ...) {
-    INFO(MSG_FMT_LINE, 1);
+    INFO(MSG_FMT_LINE, 1, format);
 }
 
 void msg_primary_print_wrap(const char *format, ...) {
-    INFO(MSG_FMT_WRAP, 1);
+    INFO(MSG_FMT_WRAP, 1, format);
 }
 
 void msg_primary_print_raw(const char *format, ...) {
-    INFO(MSG_FMT_RAW, 1);
+    INFO(MSG_FMT_RAW, 1, format);
 }
 
 void msg_primary_warn(const char *format, ...) {
-    WARNING(MSG_FMT_LINE, 1);
+    WARNING(MSG_FMT_LINE, 1, format);
 }
 
 void msg_primary_warn_wrap(const char *format, ...) {
-    WARNING(MSG_FMT_WRAP, 1);
+    WARNING(MSG_FMT_WRAP, 1, format);
 }
 
 void msg_primary_warn_raw(const char *format, ...) {
-    WARNING(MSG_FMT_RAW, 1);
+    WARNING(MSG_FMT_RAW, 1, format);
 }
 
 void msg_error_ex(int primary_only, const char *format, ...) {
-    ERROR(MSG_FMT_LINE, primary_only);
+    ERROR(MSG_FMT_LINE, primary_only, format);
 }
 
 void msg_error_ex_wrap(int primary_only, const char *format, ...) {
-    ERROR(MSG_FMT_WRAP, primary_only);
+    ERROR(MSG_FMT_WRAP, primary_only, format);
 }
 
 void msg_error_ex_raw(int primary_only, const char *format, ...) {
-    ERROR(MSG_FMT_RAW, primary_only);
+    ERROR(MSG_FMT_RAW, primary_only, format);
 }
 
 void msg_internal_error_ex(int primary_only, const char *format, ...) {
-    INTERNAL_ERROR(MSG_FMT_LINE, primary_only);
+    INTERNAL_ERROR(MSG_FMT_LINE, primary_only, format);
 }
 
 void msg_internal_error_ex_wrap(int primary_only, const char *format, ...) {
-    INTERNAL_ERROR(MSG_FMT_WRAP, primary_only);
+    INTERNAL_ERROR(MSG_FMT_WRAP, primary_only, format);
 }
 
 void msg_internal_error_ex_raw(int primary_only, const char *format, ...) {
-    INTERNAL_ERROR(MSG_FMT_RAW, primary_only);
+    INTERNAL_ERROR(MSG_FMT_RAW, primary_only, format);
 }
 
 void msg_error(const char *format, ...) {
-    ERROR(MSG_FMT_LINE, 0);
+    ERROR(MSG_FMT_LINE, 0, format);
 }
 
 void msg_fatal(const char *format, ...) {
-    ERROR(MSG_FMT_LINE, 0);
+    ERROR(MSG_FMT_LINE, 0, format);
     exit(1);
 }
 
 void msg_internal_error(const char *format, ...) {
-    INTERNAL_ERROR(MSG_FMT_LINE, 0);
+    INTERNAL_ERROR(MSG_FMT_LINE, 0, format);
     exit(1);
 }
 
 void msg_fatal_syserr(const char *format, ...) {
     const int error = errno;
-    ERROR(MSG_FMT_LINE, 0);
+    ERROR(MSG_FMT_LINE, 0, format);
     add_system_error_and_exit(error, false);
 }
 
 void msg_primary_fatal(const char *format, ...) {
-    ERROR(MSG_FMT_LINE, 1);
+    ERROR(MSG_FMT_LINE, 1, format);
     exit(1);
 }
 
 void msg_primary_internal_error(const char *format, ...) {
-    INTERNAL_ERROR(MSG_FMT_LINE, 1);
+    INTERNAL_ERROR(MSG_FMT_LINE, 1, format);
     exit(1);
 }
 
 void msg_primary_fatal_syserr(const char *format, ...) {
     const int error = errno;
-    ERROR(MSG_FMT_LINE, 1);
+    ERROR(MSG_FMT_LINE, 1, format);
     add_system_error_and_exit(error, true);
 }
 

@@ -26,7 +26,7 @@ inline constexpr size_t kIndentationSize = 50;
 
 // A lead text of our own: it fits its array unless a message consisted of nothing but a continuation under a long
 // prefix of the caller's.
-struct Lead {
+struct LeadText {
     std::array<char, kIndentationSize> fixed;
     char *longer; // used instead of fixed when not null; from malloc
 };
@@ -36,7 +36,7 @@ struct LastMessage {
     int type;
     int fmt_type;
     int primary_only;
-    Lead lead;
+    LeadText lead_text;
 };
 
 inline constexpr size_t kTypeCount = 5;
