@@ -1,6 +1,6 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// The diagnostic log file. It stands on the environment services, which themselves report through the message library;
-// so it is built apart from the rest of this folder.
+// The diagnostic log file. It uses the environment services, which report through the
+// message library. So it is built apart from the rest of this folder.
 #include <msg/diag_log.h>
 
 #include <components/platform/environment.h>
@@ -19,20 +19,21 @@ constexpr size_t kLoginSize = 257;
 
 struct State {
     std::array<char, kDirectorySize> directory; // of the last call; empty at first
-    std::array<char, kLoginSize> login;         // set once a login name is known; asked for again until then
+    std::array<char, kLoginSize> login;         // set once, when a login name is known
 };
 
 constinit State state = {};
 
 using LogPath = std::array<char, kDirectorySize>;
 
-// A variable that is set but empty wins over those behind it: so a user switches diagnostics off.
+// DELIBERATE: a variable that is set but empty wins over the later ones: no log is
+// opened. Test: DiagLog.EveryCombinationOfTheVariablesIsDecidedByTheFirstThatIsSet.
 const char *directory_from_environment() {
     return zel::first_set({"ZEL_DIAG_DIR", "ZEL_DIAGNOSTICS_PATH", "ZEL_TMPDIR"}, "/tmp");
 }
 
-// The text may be the stored one itself. A longer one than there is room for is refused whole: what is left of a path
-// that was cut could name some other directory.
+// The text may be the stored one. A text that does not fit is refused whole: a path that
+// was cut could name another directory.
 void store_directory(const char *directory) {
     const size_t size = strlen(directory) + 1;
     if (size > state.directory.size()) {

@@ -1,5 +1,6 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// The core writer: one message, formatted, cut into lines and written to the streams of its type.
+// The core writer: formats one message, cuts it into lines and writes them to the
+// streams.
 #include <msg/msg.h>
 
 #include <msg/base/text.h>
@@ -51,8 +52,8 @@ const char *chars_of(const LeadText &lead) {
     return lead.longer == nullptr ? lead.fixed.data() : lead.longer;
 }
 
-// A copy of our own: the text at hand lives in a prefix that may be set, or in a message that is about to end. A long
-// one that finds no memory is cut.
+// Copies a lead text: a setter may release the prefix, and the indentation ends with its
+// message. A long text that finds no memory is cut.
 LeadText copy_lead_text(std::string_view text) {
     LeadText lead = {};
     if (text.size() >= lead.fixed.size()) {
@@ -80,14 +81,14 @@ void end_line(const Channel &channel) {
     state.column = 0;
 }
 
-// Columns of an endless line are counted up to the largest number and no further.
+// The count stops at the largest number, so that an endless line does not overflow it.
 void advance_column(size_t length) {
     const auto space = static_cast<size_t>(INT32_MAX - state.column);
     state.column += static_cast<int32_t>(std::min(length, space));
 }
 
-// DELIBERATE: the column counts the whole prefix under the later lines too, where the indentation is shorter than a
-// long prefix: the first line and the later ones have room for the same amount of text. Held by the test
+// DELIBERATE: the column counts the whole prefix on later lines too, although their
+// indentation has at most 49 spaces. Test:
 // MsgWrap.UnderALongPrefixTheLaterLinesBreakEarly.
 void open_line(Message &message) {
     if (!message.channel.primary_only) {
@@ -100,7 +101,8 @@ void open_line(Message &message) {
     message.lead_text = message.indentation.data();
 }
 
-// Writes the first characters of the text. The streams take whole strings, so the text is ended there meanwhile.
+// Writes the first characters of the text. fputs takes whole strings, so a NUL ends the
+// text for the time of the call.
 void write_piece(const Channel &channel, char *text, size_t length) {
     const char kept = text[length];
     text[length] = '\0';
@@ -121,9 +123,10 @@ char *write_raw(const Channel &channel, char *text) {
     return text + length;
 }
 
-// DELIBERATE: a lead text longer than the width leaves a negative room on every line that it opens. There it counts as
-// 0, so that the first word is written whole; otherwise every line would be passed on empty to the next, for ever.
-// Elsewhere the room stays signed. Held by the tests MsgWrap.APrefixLongerThanTheWidthStillTakesOneWordALine and
+// DELIBERATE: a lead length above the width leaves a negative room. On a line that was
+// just opened this room counts as 0, so that the first word is written whole: otherwise
+// the text would move to the next line for ever. On any other line the room stays
+// negative. Tests: MsgWrap.APrefixLongerThanTheWidthStillTakesOneWordALine and
 // MsgWrap.AnOpenLineBeyondTheWidthMovesTheNextWordToANewLine.
 char *write_wrapped(const Channel &channel, char *text, char *end, int32_t width, bool line_just_opened) {
     ptrdiff_t room = width - state.column;
@@ -142,6 +145,8 @@ char *write_wrapped(const Channel &channel, char *text, char *end, int32_t width
     return text;
 }
 
+// DELIBERATE: the text is fixed. Test:
+// MsgOutput.AnUnknownLayoutEndsTheProcessWhereItWouldBeApplied.
 void require_known_layout(const Message &message) {
     if (message.fmt_type >= MSG_FMT_RAW && message.fmt_type <= MSG_FMT_LINE) {
         return;
@@ -150,7 +155,7 @@ void require_known_layout(const Message &message) {
     fatal("Internal error: Bad MSG_FMT_TYPE: %d", message.fmt_type);
 }
 
-// Writes the next piece of the text on the current line; returns where the rest begins.
+// Writes the next piece of the text on the current line. Returns the rest of the text.
 char *write_next(const Message &message, char *text, char *end, bool line_just_opened) {
     const int32_t width = msg_get_width_limit();
     if (width == 0) {
@@ -163,9 +168,10 @@ char *write_next(const Message &message, char *text, char *end, bool line_just_o
     return write_wrapped(message.channel, text, end, width, line_just_opened);
 }
 
-// Ends a line that is open: one that an earlier message left, or one that this message has just filled.
-// DELIBERATE: the newline goes to the streams of the message at hand, whichever type left the line open: there is one
-// column for all. Held by the test MsgOutput.ALineLeftOpenIsEndedOnTheStreamsOfTheNextMessage.
+// Ends the line that is open. at_start: an earlier message left it open.
+// DELIBERATE: the newline goes to the streams of this message, whichever type left the
+// line open: one column counts for all types. Test:
+// MsgOutput.ALineLeftOpenIsEndedOnTheStreamsOfTheNextMessage.
 void break_line(const Channel &channel, bool at_start) {
     if (state.column == 0) {
         return;
@@ -192,8 +198,8 @@ void write_text(Message &message, char *text, bool continuation) {
     } while (text < end);
 }
 
-// DELIBERATE: the wording stays as programs and their users know it, the missing word before "a dollar sign" included.
-// Held by the test MsgOutput.ASingleDollarSignEndsTheProcess.
+// DELIBERATE: the text is fixed, the missing word before "a dollar sign" included.
+// Test: MsgOutput.ASingleDollarSignEndsTheProcess.
 void refuse_format(const Channel &channel, const char *format) {
     const auto fatal = channel.primary_only ? msg_primary_fatal : msg_fatal;
     fatal("Internationalization interface not yet supported.\n"
@@ -213,7 +219,7 @@ void refuse_format(const Channel &channel, const char *format) {
     return format + 1;
 }
 
-// No memory for the message: the one thing that can still be said needs none.
+// The message could not be formatted. This report needs neither memory nor a stream.
 void report_lost_message() {
     constexpr std::string_view text = "A message could not be formatted and is lost.\n";
     [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, text.data(), text.size());
@@ -258,11 +264,13 @@ void _msg_output(int type, int fmt_type, int primary_only, int continuation, con
     record(message);
 }
 
+// DELIBERATE: the text is fixed. Test:
+// MsgCont.AContinuationBeforeAnyMessageEndsTheProcess.
 void msg_vcont(const char *format, va_list args) {
     if (state.last.type == 0) {
         msg_fatal("MSG_CONT called before any other message function.");
     }
-    // A copy: a report in the middle of this message replaces the record, and a message that is not written keeps it.
+    // A copy: a report within this message replaces the record.
     const LastMessage last = state.last;
     const LeadText lead = copy_lead_text(chars_of(last.lead_text));
     _msg_output(last.type, last.fmt_type, last.primary_only, 1, chars_of(lead), format, args);

@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// The output calls by name: each is the core writer with some arguments filled in.
+// The output calls by name. Each fills in arguments of the core writer.
 #include <msg/internal/prefix.h>
 #include <msg/msg.h>
 
@@ -10,7 +10,7 @@ using zel::msg::prefix_text;
 using zel::msg::PrefixKind;
 using zel::msg::state;
 
-// The body of an output call: only the function that has the variable arguments can open them.
+// The body of an output call. va_start belongs into the function that has the arguments.
 #define OUTPUT(type, fmt_type, primary_only, prefix, format)                                                           \
     do {                                                                                                               \
         va_list args;                                                                                                  \
@@ -19,6 +19,7 @@ using zel::msg::state;
         va_end(args);                                                                                                  \
     } while (false)
 
+// The same with the type and the prefix of a family of calls.
 #define INFO(fmt_type, primary_only, format)                                                                           \
     OUTPUT(MSG_INFO, (fmt_type), (primary_only), prefix_text(PrefixKind::print), format)
 #define WARNING(fmt_type, primary_only, format)                                                                        \
@@ -30,8 +31,10 @@ using zel::msg::state;
 
 namespace {
 
-// Adds the system's text under the message just written. A primary-only message that was not written has no second line
-// either: it would continue somebody else's.
+// Continues the error that was just written. A primary-only error may be unwritten: its
+// continuation would continue another message.
+// DELIBERATE: the text before the system's is fixed. Test:
+// MsgFatal.TheSystemErrorIsTheOneOnEntry.
 [[noreturn]] void add_system_error_and_exit(int error, bool primary_only) {
     if (!primary_only || state.primary != 0) {
         MSG_CONT("System error message: %s", strerror(error));
@@ -40,6 +43,8 @@ namespace {
 }
 
 } // namespace
+
+// ---- Informational messages -----------------------------------------------------------------------------------------
 
 void msg_print(const char *format, ...) {
     INFO(MSG_FMT_LINE, 0, format);
@@ -61,6 +66,8 @@ void msg_print_raw(const char *format, ...) {
     INFO(MSG_FMT_RAW, 0, format);
 }
 
+// ---- Warnings -------------------------------------------------------------------------------------------------------
+
 void msg_warn(const char *format, ...) {
     WARNING(MSG_FMT_LINE, 0, format);
 }
@@ -72,6 +79,8 @@ void msg_warn_wrap(const char *format, ...) {
 void msg_warn_raw(const char *format, ...) {
     WARNING(MSG_FMT_RAW, 0, format);
 }
+
+// ---- Primary-only messages ------------------------------------------------------------------------------------------
 
 void msg_primary_print(const char *format, ...) {
     INFO(MSG_FMT_LINE, 1, format);
@@ -96,6 +105,8 @@ void msg_primary_warn_wrap(const char *format, ...) {
 void msg_primary_warn_raw(const char *format, ...) {
     WARNING(MSG_FMT_RAW, 1, format);
 }
+
+// ---- Errors that return ---------------------------------------------------------------------------------------------
 
 void msg_error_ex(int primary_only, const char *format, ...) {
     ERROR(MSG_FMT_LINE, primary_only, format);
@@ -124,6 +135,8 @@ void msg_internal_error_ex_raw(int primary_only, const char *format, ...) {
 void msg_error(const char *format, ...) {
     ERROR(MSG_FMT_LINE, 0, format);
 }
+
+// ---- Errors that end the process ------------------------------------------------------------------------------------
 
 void msg_fatal(const char *format, ...) {
     ERROR(MSG_FMT_LINE, 0, format);
@@ -156,6 +169,8 @@ void msg_primary_fatal_syserr(const char *format, ...) {
     ERROR(MSG_FMT_LINE, 1, format);
     add_system_error_and_exit(error, true);
 }
+
+// ---- Continuation ---------------------------------------------------------------------------------------------------
 
 void MSG_CONT(const char *format, ...) {
     va_list args;

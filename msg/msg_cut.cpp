@@ -16,8 +16,8 @@ constexpr bool is_blank(char character) {
     return character == ' ' || character == '\t';
 }
 
-// The end of the line if it is not more than that many characters away, else npos. Looks no further, so that cutting a
-// long paragraph takes time in proportion to its length.
+// Returns the end of the line if at most room characters precede it, else npos. It looks
+// no further, so that a long paragraph takes time in proportion to its length.
 size_t line_end_within(std::string_view rest, size_t room) {
     const size_t newline = first_part(rest, room + 1).find('\n');
     if (newline != std::string_view::npos) {
@@ -26,7 +26,7 @@ size_t line_end_within(std::string_view rest, size_t room) {
     return rest.size() <= room ? rest.size() : std::string_view::npos;
 }
 
-// The rightmost blank among the first characters, down to the first one that is none; npos when there is none.
+// Returns the rightmost blank at or after position first, else npos.
 size_t rightmost_blank(std::string_view text, size_t first) {
     for (size_t end = text.size(); end > first; --end) {
         if (is_blank(text[end - 1])) {
@@ -58,8 +58,9 @@ size_t break_point(std::string_view rest, ptrdiff_t room) {
     if (blank != std::string_view::npos) {
         return blank;
     }
-    // A first word longer than the room is written whole and overflows. Where blanks come first, this is where they
-    // begin: nothing is written, and the word moves to the next line.
+    // There is no blank to break at. A text that begins with a word breaks after it: the
+    // word is written whole. A text that begins with blanks breaks at once: its word
+    // moves to the next line.
     return std::min(rest.find_first_of(kWordEnds), rest.size());
 }
 

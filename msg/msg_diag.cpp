@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// Diagnostic lines.
+// Diagnostic texts.
 #include <msg/base/errno_kept.h>
 #include <msg/base/text.h>
 #include <msg/internal/state.h>
@@ -14,8 +14,7 @@ constexpr size_t kDiagnosticSize = 16384;
 constexpr size_t kSystemTextSize = 1024;
 using DiagnosticText = std::array<char, kDiagnosticSize>;
 
-// The text of a diagnostic line on its way to a stream: collected, so that a line is one write, and handed over when
-// the buffer is full, so that no line is too long.
+// A text on its way to a stream. It is collected, so that a text that fits is one write.
 struct Outgoing {
     FILE *stream;
     size_t used = 0;
@@ -38,11 +37,12 @@ void put(Outgoing &out, std::string_view piece) {
     }
 }
 
-// DELIBERATE: the text is read as a format a second time. Callers rely on it and double their percent signs. There is
-// nothing to convert, so only the two conversions that take no argument are carried out; any other stands as it is.
-// Held by the tests MsgDiag.FourPercentSignsInTheFormatMakeOne and MsgDiag.TheSecondPassHasNothingToConvert.
+// DELIBERATE: the formatted text is read as a format a second time. "%%" and "%m" are
+// converted. Any other conversion stands as it is, for there are no arguments. Tests:
+// MsgDiag.FourPercentSignsInTheFormatMakeOne and
+// MsgDiag.TheSecondPassHasNothingToConvert.
 void write_second_pass(FILE *stream, std::string_view text, int error) {
-    // A copy: a stream that is written to may ask the C library for another text.
+    // A copy: a function of the stream may call strerror, which reuses its storage.
     std::array<char, kSystemTextSize> system_text;
     zel::format_text(system_text, "%s", strerror(error));
     Outgoing out = {.stream = stream, .text = {}};
@@ -71,8 +71,8 @@ void write_line(FILE *stream, const char *text, int error) {
 } // namespace
 
 void msg_diag(const char *format, ...) {
-    // While nobody has touched a list there is no diagnostic stream, and building the lists would take memory: a report
-    // of a failed system call must cost nothing.
+    // Before the lists are built MSG_DIAG has no stream. Building them would allocate
+    // memory.
     if (!zel::msg::state.streams_ready) {
         return;
     }

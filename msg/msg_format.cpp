@@ -11,16 +11,16 @@
 
 namespace {
 
-// The area of one message's text. A message inside a message finds it taken. A message that never ends, because a
-// stream left it by longjmp or exit, keeps it.
+// The storage of one text. A message within a message finds it taken. A message that a
+// stream leaves by longjmp or exit never gives it back.
 struct TextArea {
     std::array<char, zel::kFirstTextSize> text;
     bool taken;
 };
 
 struct TextAreas {
-    TextArea message; // of the message that finds it free
-    TextArea report;  // of a report of the memory library inside a message, when there is no other storage
+    TextArea message; // of a message that finds it free
+    TextArea report;  // of a memory report within a message, when memory is exhausted
 };
 
 constinit TextAreas areas = {};
@@ -32,11 +32,12 @@ struct HeapStorage {
 };
 
 struct Attempt {
-    char *text;         // null: it is not there
-    size_t size_needed; // to be asked for elsewhere; 0: the text is there, or cannot be had
+    char *text;         // null: not formatted here
+    size_t size_needed; // to be allocated; 0: the text is there, or lost
 };
 
-// The area counts as taken while it is formatted in: what a conversion of the program's own writes goes elsewhere.
+// Formats in the area if it is free. It counts as taken meanwhile: a message that a
+// conversion of the program writes is formatted elsewhere.
 __attribute__((format(printf, 2, 0))) Attempt format_in(TextArea &area, const char *format, va_list args) {
     if (area.taken) {
         return {.text = nullptr, .size_needed = zel::kFirstTextSize};

@@ -12,12 +12,13 @@ using zel::msg::state;
 
 namespace {
 
+// The kinds count from 1.
 zel::msg::Prefix &prefix_of(PrefixKind kind) {
     return state.prefixes[static_cast<size_t>(kind) - 1];
 }
 
-// DELIBERATE: the warning speaks of the print prefix whichever setter failed; the number tells them apart, and log
-// readers search for this one sentence. Held by the test MsgPrefix.ASetterWithoutMemoryWarnsAndKeepsThePrefix.
+// DELIBERATE: the text is fixed: it says "print prefix" for every setter, and the number
+// names the setter. Test: MsgPrefix.ASetterWithoutMemoryWarnsAndKeepsThePrefix.
 void set_prefix(PrefixKind kind, const char *text) {
     const char *wanted = text == nullptr ? "" : text;
     const size_t size = strlen(wanted) + 1;
@@ -27,7 +28,7 @@ void set_prefix(PrefixKind kind, const char *text) {
                  static_cast<int>(size));
         return;
     }
-    // Copied before the old text goes: a caller who hands a prefix its own text back loses nothing.
+    // The copy comes first: the new text may be part of the old one.
     memcpy(copy, wanted, size);
     zel::msg::Prefix &prefix = prefix_of(kind);
     if (prefix.readers == 0) {
@@ -36,13 +37,13 @@ void set_prefix(PrefixKind kind, const char *text) {
     prefix = {.text = copy, .owned = copy, .readers = 0};
 }
 
-// Compared as numbers: the text may be part of anything.
+// Compares the addresses as numbers: they may belong to different objects.
 bool is_part_of(const char *text, const char *whole) {
     const auto position = reinterpret_cast<uintptr_t>(text) - reinterpret_cast<uintptr_t>(whole);
     return position <= strlen(whole);
 }
 
-// The prefix in whose allocated text the text stands, or null.
+// Returns the prefix whose allocated text contains the address, or null.
 zel::msg::Prefix *prefix_around(const char *text) {
     auto *const found = std::find_if(state.prefixes.begin(), state.prefixes.end(), [text](const auto &prefix) {
         return prefix.owned != nullptr && is_part_of(text, prefix.owned);
@@ -56,6 +57,7 @@ const char *zel::msg::prefix_text(PrefixKind kind) {
     return prefix_of(kind).text;
 }
 
+// Only an allocated text is kept. A default is never released.
 zel::msg::PrefixInUse::PrefixInUse(const char *text) : prefix_(prefix_around(text)) {
     if (prefix_ != nullptr) {
         owned_ = prefix_->owned;
@@ -64,7 +66,8 @@ zel::msg::PrefixInUse::PrefixInUse(const char *text) : prefix_(prefix_around(tex
     }
 }
 
-// The address tells whether the text was replaced: while somebody reads it, no other text can stand there.
+// Another address means that the text was replaced: a text that is read is not released,
+// so no other text can have its address.
 zel::msg::PrefixInUse::~PrefixInUse() {
     if (prefix_ == nullptr) {
         return;

@@ -28,13 +28,15 @@ constexpr std::array<TypeEntry, zel::msg::kTypeCount> kTypes = {{
 static_assert(MSG_INFO == 1 && MSG_DEBUG == 2 && MSG_WARNING == 4 && MSG_ERROR == 8 && MSG_DIAG == 16);
 static_assert(MSG_FMT_RAW == 0 && MSG_FMT_WRAP == 1 && MSG_FMT_LINE == 2);
 
-// The place of a type in the table, or kTypeCount for an unknown one.
+// Returns the index of the type in the table, or kTypeCount for an unknown type.
 size_t type_index(int type) {
     const auto *entry =
         std::find_if(kTypes.begin(), kTypes.end(), [type](const TypeEntry &e) { return e.type == type; });
     return static_cast<size_t>(entry - kTypes.begin());
 }
 
+// DELIBERATE: the text is fixed and has no newline.
+// Test: MsgMemory.WithoutTheFirstSlotsOfAListTheProcessEnds.
 [[noreturn]] void out_of_first_slots() {
     fputs("Couldn't allocate initial storage space for stream output array.", stderr);
     exit(1);
@@ -44,8 +46,8 @@ FILE **spare_slots_of(const MsgStreamDesc *desc) {
     return state.spare_slots[static_cast<size_t>(desc - state.streams.data())].data();
 }
 
-// The first slots of a list are needed for the program to say anything at all; without them it ends. A report of the
-// memory library still has slots that need no memory.
+// Allocates the first slots of a list, or ends the process. A report of the memory
+// library gets the spare slots instead.
 FILE **first_slots(const MsgStreamDesc *desc, size_t bytes) {
     auto *slots = static_cast<FILE **>(malloc(bytes));
     if (slots != nullptr) {
@@ -57,7 +59,8 @@ FILE **first_slots(const MsgStreamDesc *desc, size_t bytes) {
     return spare_slots_of(desc);
 }
 
-// Null when there is no memory; the list stays as it is. Spare slots are copied to the heap.
+// Returns larger slots with the streams of the list, or null without memory. Spare slots
+// are not on the heap: their streams are copied.
 FILE **more_slots(const MsgStreamDesc *desc, size_t bytes) {
     if (desc->streams != spare_slots_of(desc)) {
         return static_cast<FILE **>(realloc(desc->streams, bytes));
@@ -70,6 +73,8 @@ FILE **more_slots(const MsgStreamDesc *desc, size_t bytes) {
 }
 
 // Makes room for one more stream.
+// DELIBERATE: the text is fixed. Test:
+// MsgMemory.AListThatCannotGrowKeepsItsStreamsAndWarns.
 bool grow(MsgStreamDesc *desc) {
     const int32_t capacity = desc->capacity + zel::kStreamListStep;
     const size_t bytes = static_cast<size_t>(capacity) * sizeof(FILE *);
@@ -99,8 +104,8 @@ void remove_first(MsgStreamDesc *desc, FILE *stream) {
     }
 }
 
-// The table is built on the first call that touches a list. It is marked ready before the standard streams are added,
-// because adding asks for the table.
+// Builds the table on the first call that touches a list. The table counts as ready
+// before the standard streams are added, because adding them calls this function.
 void init_streams() {
     if (state.streams_ready) {
         return;
@@ -112,7 +117,7 @@ void init_streams() {
     msg_add_stream(MSG_WARNING | MSG_ERROR, stderr);
 }
 
-// By index: a stream that is written to may add streams, and the list moves.
+// Walks by index: a stream that is flushed may add streams, and the list moves.
 void force_list_to_disk(const MsgStreamDesc &desc) {
     for (int32_t index = 0; index < desc.count; ++index) {
         zel::msg::force_to_disk(desc.streams[index]);
@@ -150,6 +155,7 @@ void msg_clear_streams(int type_mask) {
     for_each_type(type_mask, [](MsgStreamDesc *desc) { desc->count = 0; });
 }
 
+// DELIBERATE: the text is fixed. Test: MsgOutput.AnUnknownTypeEndsTheProcess.
 MsgStreamDesc *_msg_get_stream_desc(int type) {
     init_streams();
     const size_t index = type_index(type);
@@ -167,6 +173,7 @@ int msg_warn_has_stream() {
     return has_stream(MSG_WARNING) ? 1 : 0;
 }
 
+// DELIBERATE: the text is fixed. Test: MsgOutput.NamingAnUnknownTypeEndsTheProcess.
 const char *msg_type_name(int type) {
     const size_t index = type_index(type);
     if (index == kTypes.size()) {
@@ -175,10 +182,12 @@ const char *msg_type_name(int type) {
     return kTypes[index].name;
 }
 
-// DELIBERATE: mode 0 does not clear a flag, so that no part of a program takes from another the promise that its lines
-// are on disk. Held by the test MsgStreams.SyncModeZeroDoesNotClearTheFlag.
-// DELIBERATE: a query that names more than one type gives -1: each further type's flag is compared with the mode asked
-// for, which none equals. Held by the test MsgStreams.ASyncQueryOfTwoTypesGivesMinusOne.
+// The result starts at -2, for a mask without a type. In a query the first type gives its
+// flag, and each further type gives -1.
+// DELIBERATE: mode 0 does not clear a flag. Test:
+// MsgStreams.SyncModeZeroDoesNotClearTheFlag.
+// DELIBERATE: a query of several types gives -1. Test:
+// MsgStreams.ASyncQueryOfTwoTypesGivesMinusOne.
 int msg_sync_mode(int type_mask, int mode) {
     int result = -2;
     for_each_type(type_mask, [&result, mode](MsgStreamDesc *desc) {

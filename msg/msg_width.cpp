@@ -11,10 +11,13 @@ using zel::msg::state;
 
 namespace {
 
+// The largest number that the variable may set.
 constexpr long kWidestFromEnvironment = 32766;
 
-// DELIBERATE: a number can widen the limit but not narrow it, so that a user's terminal setting never breaks texts that
-// were laid out for the default. Held by the test MsgWidth.TheVariableWidensTheDefaultButNeverNarrowsIt.
+// DELIBERATE: a number in the variable widens the limit and never narrows it.
+// Test: MsgWidth.TheVariableWidensTheDefaultButNeverNarrowsIt.
+// DELIBERATE: a number out of range turns wrapping off.
+// Test: MsgWidth.ANumberOutOfRangeTurnsWrappingOff.
 void settle_width() {
     const zel::ErrnoKept kept;
     state.width_settled = true;
@@ -33,6 +36,7 @@ void settle_width() {
 
 } // namespace
 
+// DELIBERATE: the text is fixed. Test: MsgWidth.ANegativeWidthEndsTheProcess.
 void msg_set_width_limit(int32_t width) {
     if (width < 0) {
         msg_fatal("msg_set_width_limit: Width cannot be less than 0!");

@@ -9,7 +9,11 @@
 
 namespace {
 
-// Drops a stream that failed, and says so in the middle of the failing message, like any warning.
+// Drops a stream that failed and reports it in the middle of the failing message.
+// DELIBERATE: the dropped stream is flushed before errno is read.
+// Test: MsgFailingStream.TheErrorIsLookedAtAfterTheDroppedStreamWasFlushed.
+// DELIBERATE: the texts are fixed. Tests: MsgFailingStream.EachTypeIsNamedInItsReport and
+// MsgFailingStream.AFailureWithoutAnErrorIsAnEndOfFile.
 void drop_stream(const zel::msg::Channel &channel, FILE *stream, const char *operation) {
     msg_remove_stream(channel.type, stream);
     fflush(stream);
@@ -24,9 +28,9 @@ void drop_stream(const zel::msg::Channel &channel, FILE *stream, const char *ope
     MSG_CONT("Stream error was: %s", strerror(error));
 }
 
-// DELIBERATE: when a stream is dropped the list closes up and the walk goes on with the next index, so the stream that
-// moved into the gap misses this one piece. Whoever reads a log relies on each piece standing there at most once.
-// Held by the test MsgFailingStream.TheStreamBehindAFailedOneMissesThatOnePiece.
+// DELIBERATE: the stream that moves into the place of a dropped one misses this piece:
+// the list closes up, and the walk goes on with the next index. Test:
+// MsgFailingStream.TheStreamBehindAFailedOneMissesThatOnePiece.
 template <typename Operation>
 void for_each_stream(const zel::msg::Channel &channel, const char *word, Operation succeeds) {
     for (int32_t index = 0; index < channel.streams->count; ++index) {

@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// What a failed assertion says before it aborts.
+// The report of a failed assertion.
 #include <msg/base/assertion.h>
 #include <msg/base/text.h>
 
@@ -9,8 +9,10 @@
 
 namespace zel {
 
+// DELIBERATE: the text is fixed.
+// Test: BaseAssertion.AFailedAssertionNamesConditionUnitAndFunctionAndAborts.
 void assertion_failed(const char *condition, const char *unit, const char *function) {
-    // Straight to the descriptor: the streams may be what is broken, and abort does not flush them.
+    // Written to the descriptor: abort does not flush the streams.
     std::array<char, 1024> text;
     format_text(text, "%s: %s: Assertion `%s' failed.\n", unit, function, condition);
     [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, text.data(), strlen(text.data()));

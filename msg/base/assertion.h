@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// Assertions that stay on in every build: they are part of what the library promises.
+// Assertions, on in every build: they are part of what the library promises.
 #ifndef ZEL_MSG_BASE_ASSERTION_H
 #define ZEL_MSG_BASE_ASSERTION_H
 
@@ -10,10 +10,11 @@ namespace zel {
 
 } // namespace zel
 
-// Asserts a condition whose own source text is the one to be reported. The unit that uses it names itself in kUnit.
+// Asserts the condition and reports its source text. The text is promised, the names of
+// the variables in it included. The unit names itself in kUnit.
 #define ZEL_ASSERT(condition) ZEL_ASSERT_AS(condition, #condition)
 
-// The same under another text, for a condition that is tested in a safer form than it is reported in.
+// Asserts the condition and reports another text.
 #define ZEL_ASSERT_AS(condition, text)                                                                                 \
     (static_cast<bool>(condition) ? static_cast<void>(0) : zel::assertion_failed((text), kUnit, __func__))
 

@@ -7,7 +7,7 @@
 
 namespace zel {
 
-// Restores errno where its scope ends, so that what is done on the side does not show.
+// Restores errno at the end of its scope.
 struct ErrnoKept {
     const int value = errno;
     ErrnoKept() = default;

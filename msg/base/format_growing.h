@@ -9,7 +9,7 @@
 
 namespace zel {
 
-// One attempt, from the start of the arguments.
+// Formats once. The arguments are copied: each attempt starts with the first of them.
 inline int format_attempt(char *buffer, size_t size, const char *format, va_list args)
     __attribute__((format(printf, 3, 0)));
 
@@ -21,26 +21,26 @@ inline int format_attempt(char *buffer, size_t size, const char *format, va_list
     return length;
 }
 
-// A text that just fills its buffer counts as too long: one spare byte is demanded. Such a text, and one whose length
-// is not known, doubles the buffer; any other says how much it needs.
+// DELIBERATE: a text that just fills its buffer counts as too long.
+// Test: MsgFormat.ATextThatJustFillsItsBufferDoublesIt.
 constexpr bool text_fits(int length, size_t size) {
     return length >= 0 && static_cast<size_t>(length) + 1 < size;
 }
 
-// Whether an attempt failed for good: an unknown length with an error number that does not ask for more room.
+// Whether no attempt can succeed: the length is unknown, and errno asks for no more room.
 inline bool text_is_lost(int length) {
     return length < 0 && errno != 0 && errno != ERANGE;
 }
 
+// The size of the next attempt. An unknown length doubles the buffer.
 constexpr size_t next_text_size(int length, size_t size) {
     const bool below = length < 0 || static_cast<size_t>(length) < size;
     return below ? size * 2 : static_cast<size_t>(length) + 2;
 }
 
-// The formatted text in storage from Storage::allocate, or null when there is none to be had or the text cannot be
-// formatted. Clears errno before each attempt.
-// DELIBERATE: when the storage cannot grow, what was allocated is not released: a caller that loses its text for lack
-// of memory is about to end, and the allocator is not entered again. Held by the test
+// Formats into storage from Storage::allocate. Returns null when memory runs out or the
+// text is lost. Clears errno before each attempt.
+// DELIBERATE: storage that cannot grow is not released. Test:
 // MsgFormat.ABufferThatCannotGrowIsLeftAllocated.
 template <typename Storage>
 __attribute__((format(printf, 2, 0))) char *format_growing(size_t size, const char *format, va_list args) {

@@ -1,6 +1,6 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// The sizes that a build with shrunken constants makes tiny, so that every table grows and every text is formatted more
-// than once in each test.
+// The sizes that a build with shrunken constants makes tiny: its tests then see tables
+// grow and texts formatted more than once.
 #ifndef ZEL_MSG_BASE_LIMITS_H
 #define ZEL_MSG_BASE_LIMITS_H
 
@@ -15,8 +15,7 @@ inline constexpr bool kSmall = true;
 inline constexpr bool kSmall = false;
 #endif
 
-// First size of the text of a message, and that of the fixed area in which almost every message finds room. A small one
-// holds a word.
+// First size of the text of a message, and the size of the fixed area for it.
 inline constexpr size_t kFirstTextSize = kSmall ? 8 : 10000;
 
 // Slots by which a stream list grows.
@@ -31,18 +30,20 @@ inline constexpr uint32_t kRecordTableStep = kSmall ? 1 : 1024;
 // Bytes taken from a socket in one receive of the message loop.
 inline constexpr size_t kReceiveSize = kSmall ? 3 : 8192;
 
-// Lines of a message whose starts the message loop keeps without allocating, and the null behind the last.
+// Entries of a line table that needs no memory: the starts of the lines, and a null at
+// the end.
 inline constexpr int32_t kLineTableSize = kSmall ? 1 : 64;
 
-// The area in which the lines of an outgoing message are framed; a line too long for it is framed in storage of its
-// own.
+// Bytes of the area in which the lines of an outgoing message are framed. A longer line
+// is framed in storage of its own.
 inline constexpr size_t kFramingSize = kSmall ? 8 : 8192;
 
-// Directories that a removal holds by descriptor. It reaches those above them again on its way back.
+// Directories that a removal holds by descriptor. It opens those above them again on its
+// way back.
 inline constexpr size_t kHeldLevels = kSmall ? 2 : 32;
 
-// Killed companions that are remembered until their handle is closed. Each handle holds a descriptor, and the customary
-// limit of descriptors is 1024.
+// Killed companions that are remembered until their handle is closed. Each handle holds a
+// descriptor, and the customary limit of descriptors is 1024.
 inline constexpr size_t kKnownEnds = kSmall ? 2 : 1024;
 
 } // namespace zel

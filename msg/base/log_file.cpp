@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// Opening a log file: what is under its name is looked at before it is changed.
+// Opening a log file. A file that is there is checked before it is changed.
 #include <msg/base/log_file.h>
 
 #include <array>
@@ -14,22 +14,24 @@ namespace zel {
 namespace {
 
 constexpr int kNoDescriptor = -1;
-constexpr mode_t kMode = 0666; // what the file mode creation mask leaves of it
+constexpr mode_t kMode = 0666; // less the bits of the umask
 
 struct LogStream {
     FILE *stream; // or null
-    pid_t owner;  // the process that opened it; a child made by fork inherits the stream, but its text is the parent's
+    pid_t owner;  // the process that opened it
 };
 
-// The streams opened last, the latest first. The start-up diagnostics file is opened once, and a diagnostic log takes
-// the place of those before it: so two can be written at a time. All of them are written out when the next is opened.
+// The two streams opened last, the latest first. No more are written: the start-up
+// diagnostics file is opened once, and a diagnostic log takes the place of the one
+// before.
 struct State {
     std::array<LogStream, 2> opened;
 };
 
 constinit State state = {};
 
-// The descriptor moved above the standard ones, where it would be taken for the program's own input or output.
+// Moves the descriptor above 2. Below, it would be taken for the program's own input or
+// output.
 int above_standard(int fd) {
     if (fd > STDERR_FILENO || fd == kNoDescriptor) {
         return fd;
@@ -44,6 +46,8 @@ bool is_own_file(int fd) {
     return fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == geteuid() && status.st_nlink == 1;
 }
 
+// Leaves a stream alone that another process opened: a forked child inherits the buffer,
+// but its text is the parent's. Text that cannot be written is discarded.
 void write_out(const LogStream &log) {
     if (log.stream == nullptr || log.owner != getpid()) {
         return;
@@ -59,7 +63,8 @@ void write_out_earlier_streams() {
     }
 }
 
-// An older log, emptied. It is opened without waiting: a FIFO under the name may have no reader.
+// Opens and empties a log that is there. O_NONBLOCK: a FIFO under the name may have no
+// reader.
 int open_older(const char *path) {
     const int fd = above_standard(open(path, O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
     if (fd == kNoDescriptor) {
@@ -83,7 +88,7 @@ int open_empty(const char *path) {
     return fd == kNoDescriptor && errno == EEXIST ? open_older(path) : above_standard(fd);
 }
 
-// A stream that is forgotten holds no text.
+// The stream that leaves the record has been written out.
 void remember(FILE *stream) {
     write_out_earlier_streams();
     state.opened = {LogStream{.stream = stream, .owner = getpid()}, state.opened.front()};

@@ -7,12 +7,13 @@
 
 namespace zel {
 
-// Creates the file, or empties one that is there, and returns a stream that writes to it, or null. A file that is there
-// is taken only when it is a regular file of the effective user with one link: nothing that somebody planted under the
-// name is followed, waited for or changed.
-// The descriptor is above the standard ones and close-on-exec. The stream stays open until the process ends.
-// What the streams that this process opened before still hold is written out first, so that it cannot land in the file
-// afterwards; what cannot be written is discarded.
+// Creates the file, or empties one that is there. Returns a stream that writes to it, or
+// null. A file that is there is taken only when it is a regular file of the effective
+// user with one link. Nothing else under the name is followed, waited for or changed. The
+// descriptor is above the standard ones and close-on-exec. The stream stays open until
+// the process ends. The buffers of this process's earlier log streams are written out
+// first: they would reach the emptied file otherwise. What cannot be written is
+// discarded.
 FILE *open_log_file(const char *path);
 
 } // namespace zel

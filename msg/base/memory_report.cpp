@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// Whether the memory library is reporting.
+// The mark that the memory library is reporting.
 #include <msg/base/memory_report.h>
 
 namespace zel {

@@ -1,12 +1,13 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// Whether the memory library is reporting: its report must reach a stream though nothing can be allocated any more.
+// Whether the memory library is reporting. Its report must reach a stream without any
+// memory.
 #ifndef ZEL_MSG_BASE_MEMORY_REPORT_H
 #define ZEL_MSG_BASE_MEMORY_REPORT_H
 
 namespace zel {
 
-// A report of the memory library is under way while such a record lives. They may stand in each other. A report that
-// ends the process stays under way in the exit handlers.
+// A report of the memory library is under way while such a record lives. Records may be
+// nested. A report that ends the process is still under way in the exit handlers.
 struct MemoryReport {
     MemoryReport();
     MemoryReport(const MemoryReport &) = delete;
@@ -17,6 +18,7 @@ private:
     const bool within_another_;
 };
 
+// Whether a report is under way.
 bool memory_report_under_way();
 
 } // namespace zel

@@ -1,9 +1,10 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// Read ahead of every source of the library: the copies that do not know where their target ends cannot be called.
+// Included ahead of every source of the library: it bans the calls that copy without a
+// bound.
 #ifndef ZEL_MSG_BASE_PRELUDE_H
 #define ZEL_MSG_BASE_PRELUDE_H
 
-// The standard headers name the banned calls themselves, so they come first.
+// These headers name the banned calls, so they come first.
 #include <cstdio>
 #include <cstring>
 #include <string_view>

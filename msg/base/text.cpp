@@ -13,7 +13,7 @@ size_t copy_part(std::span<char> target, std::string_view text) {
 }
 
 bool vformat_text(std::span<char> buffer, const char *format, va_list args) {
-    // The C library ends what stands before a conversion that fails. One that writes nothing leaves the text empty.
+    // A conversion that fails at once writes nothing: the text is empty then.
     buffer.front() = '\0';
     const int length = vsnprintf(buffer.data(), buffer.size(), format, args);
     if (length < 0) {

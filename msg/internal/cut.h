@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// Where a line of a message breaks: text and room in, a length out.
+// Where a line of a message breaks.
 #ifndef ZEL_MSG_INTERNAL_CUT_H
 #define ZEL_MSG_INTERNAL_CUT_H
 
@@ -8,11 +8,11 @@
 
 namespace zel::msg {
 
-// How many characters of the rest of a text go on the current line, which has room for that many columns; the room may
-// be negative. 0 moves the whole rest to the next line.
+// Returns how many characters of the rest go on the current line. room: the columns left
+// on the line; it may be negative. 0 moves the rest to the next line.
 size_t break_point(std::string_view rest, ptrdiff_t room);
 
-// How many spaces and tabs the text begins with.
+// Returns how many spaces and tabs the text begins with.
 size_t leading_blanks(std::string_view text);
 
 } // namespace zel::msg

@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// Where the text of a message stands while it is written.
+// The text of a message, from formatting to release.
 #ifndef ZEL_MSG_INTERNAL_FORMAT_H
 #define ZEL_MSG_INTERNAL_FORMAT_H
 
@@ -7,11 +7,12 @@
 
 namespace zel::msg {
 
-// The text of a message, in the fixed area while that is free, else in storage from malloc; null when memory runs out
-// or the format cannot be converted. A report of the memory library that finds none has an area of its own. Clears
-// errno. Released with release_message when the message has been written.
+// Formats in the fixed area if it is free, else in storage from malloc. Returns null when
+// memory runs out or the format cannot be converted. A report of the memory library has
+// an area of its own for lack of memory. Clears errno.
 char *format_message(const char *format, va_list args) __attribute__((format(printf, 1, 0)));
 
+// Releases a text of format_message.
 void release_message(char *text);
 
 } // namespace zel::msg
