@@ -44,7 +44,7 @@ namespace {
 
 } // namespace
 
-// ---- Informational messages -----------------------------------------------------------------------------------------
+// ---- Informational messages ----------------------------------------------------------------------------------------
 
 void msg_print(const char *format, ...) {
     INFO(MSG_FMT_LINE, 0, format);
@@ -66,7 +66,7 @@ void msg_print_raw(const char *format, ...) {
     INFO(MSG_FMT_RAW, 0, format);
 }
 
-// ---- Warnings -------------------------------------------------------------------------------------------------------
+// ---- Warnings ------------------------------------------------------------------------------------------------------
 
 void msg_warn(const char *format, ...) {
     WARNING(MSG_FMT_LINE, 0, format);
@@ -80,7 +80,7 @@ void msg_warn_raw(const char *format, ...) {
     WARNING(MSG_FMT_RAW, 0, format);
 }
 
-// ---- Primary-only messages ------------------------------------------------------------------------------------------
+// ---- Primary-only messages -----------------------------------------------------------------------------------------
 
 void msg_primary_print(const char *format, ...) {
     INFO(MSG_FMT_LINE, 1, format);
@@ -106,7 +106,7 @@ void msg_primary_warn_raw(const char *format, ...) {
     WARNING(MSG_FMT_RAW, 1, format);
 }
 
-// ---- Errors that return ---------------------------------------------------------------------------------------------
+// ---- Errors that return --------------------------------------------------------------------------------------------
 
 void msg_error_ex(int primary_only, const char *format, ...) {
     ERROR(MSG_FMT_LINE, primary_only, format);
@@ -136,7 +136,7 @@ void msg_error(const char *format, ...) {
     ERROR(MSG_FMT_LINE, 0, format);
 }
 
-// ---- Errors that end the process ------------------------------------------------------------------------------------
+// ---- Errors that end the process -----------------------------------------------------------------------------------
 
 void msg_fatal(const char *format, ...) {
     ERROR(MSG_FMT_LINE, 0, format);
@@ -170,7 +170,7 @@ void msg_primary_fatal_syserr(const char *format, ...) {
     add_system_error_and_exit(error, true);
 }
 
-// ---- Continuation ---------------------------------------------------------------------------------------------------
+// ---- Continuation --------------------------------------------------------------------------------------------------
 
 void MSG_CONT(const char *format, ...) {
     va_list args;

@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// The diagnostic log opened more than once: what was written before, and what comes after.
+// The diagnostic log opened more than once.
 #include "diag_log_support.h"
 
 #include <components/platform/environment.h>
@@ -26,7 +26,8 @@ struct DiagLogAgain : testing::Test {
     ScratchFolder c;
 };
 
-// In a child: gives the log a name that the parent knows. What is still buffered reaches it at exit.
+// In a child: gives the log a name that the parent knows. Buffered text reaches it at
+// exit.
 void keep_log(const std::string &folder) {
     if (rename(log_in(folder).c_str(), (folder + "/kept").c_str()) != 0) {
         exit(2);
@@ -37,7 +38,8 @@ std::string kept_log(const std::string &folder) {
     return read_file(folder + "/kept");
 }
 
-// Opens the start-up diagnostics file in the folder, without its pause: each look at the clock is a minute later.
+// Opens the start-up diagnostics file in the folder, without its pause: the clock gains a
+// minute at each call.
 void open_start_up_file(const std::string &folder) {
     const Interposed hurrying(hook::clock_gettime, [minutes = 0](clockid_t, timespec *now) mutable {
         *now = {.tv_sec = 60 * ++minutes, .tv_nsec = 0};
@@ -47,7 +49,7 @@ void open_start_up_file(const std::string &folder) {
     platform_open_diagnostics(nullptr);
 }
 
-// What the only file of a folder holds.
+// The contents of the only file of a folder.
 std::string only_file_in(const std::string &folder) {
     const std::filesystem::directory_iterator entry(folder);
     return entry == std::filesystem::directory_iterator() ? "no file" : read_file(entry->path());
@@ -100,7 +102,7 @@ TEST_F(DiagLogAgain, LogsInDirectoriesInTurnKeepTheirOwnLines) {
     EXPECT_EQ(kept_log(c.path), "elsewhere\n");
 }
 
-// Both are written until the log is opened again.
+// Both logs are written until the log is opened again.
 TEST_F(DiagLogAgain, ALogOpenedBeforeTheStartUpFileKeepsToItself) {
     run_in_child([this] {
         msg_open_diag_log(a.path.c_str());
@@ -173,7 +175,7 @@ TEST_F(DiagLogAgain, AForkedChildDoesNotWriteItsParentsLines) {
     EXPECT_EQ(kept_log(a.path), "parent\n");
 }
 
-// The child alone writes here what both of them hold.
+// Parent and child hold the same text. The child alone writes it here.
 TEST_F(DiagLogAgain, AForkedChildDoesNotDiscardItsParentsLines) {
     run_in_child([this] {
         msg_open_diag_log(a.path.c_str());

@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// The diagnostic log's directory: which one is in effect, how long it stays, what a call leaves when it fails.
+// The directory of the diagnostic log.
 #include "diag_log_support.h"
 
 #include <msg/diag_log.h>
@@ -22,7 +22,7 @@ struct DiagLogDirectory : testing::Test {
     ScratchFolder b;
 };
 
-// What a process with these variables says that has opened no log.
+// The directory in effect in a process with these variables that has opened no log.
 std::string directory_in_effect(const Value &first, const Value &second, const Value &third) {
     return run_in_child([&] {
                set_variables(first, second, third);
@@ -142,7 +142,8 @@ TEST_F(DiagLogDirectory, APartOfTheStoredTextMayBePassedBackIn) {
     EXPECT_EQ(outcome.out, "1");
 }
 
-// The words that choose a standard stream at start-up name directories here, and there are none of these names.
+// The words that choose a standard stream at start-up are names of directories here. No
+// such directory exists.
 TEST_F(DiagLogDirectory, TheWordsOfTheStartUpDestinationAreNamesOfDirectories) {
     for (const char *word : {"0", "1", "2", "stdout", "stderr"}) {
         const Outcome outcome = run_in_child([this, word] {

@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// The diagnostic log's file: its name to the letter, how it is opened, the longest path that it may have.
+// The file of the diagnostic log: its name, its opening, its longest path.
 #include "diag_log_support.h"
 
 #include <msg/diag_log.h>
@@ -20,7 +20,7 @@ using namespace zel::test;
 
 namespace {
 
-// Each file that is opened is told on standard output, with the process number left out, and cannot be opened.
+// Each open is told on standard output, without the process number, and fails.
 struct ToldFiles {
     Interposed<int(const char *, int, mode_t)> opening{hook::open, [](const char *path, int, mode_t) {
                                                            const std::string number = std::to_string(getpid());
@@ -35,7 +35,8 @@ struct ToldFiles {
                                                        }};
 };
 
-// The system answers with these login names, one after the other and the last again and again; null: none is known.
+// getlogin answers with these names, one a call, then with the last one again. null: no
+// name is known.
 struct Logins {
     explicit Logins(std::vector<const char *> names) : answers(std::move(names)) {}
     std::vector<const char *> answers;
@@ -52,7 +53,7 @@ struct DiagLogFile : testing::Test {
     ScratchFolder a;
 };
 
-// A folder's path so lengthened that the log's path in it has this length.
+// Lengthens the path of a folder until the path of the log in it has this length.
 std::string folder_for_path_of(const std::string &folder, size_t length) {
     return lengthened(folder, length - (log_in("").size()));
 }
@@ -67,7 +68,8 @@ TEST_F(DiagLogFile, TheLogIsOpenedForWritingUnderDirectoryNumberAndLogin) {
         msg_open_diag_log((a.path + "/").c_str());
         msg_open_diag_log("/");
     });
-    // Root may write to "/" where it is not read-only; for others nothing is opened there.
+    // Root may write to "/" where it is not read-only; for others nothing is opened
+    // there.
     const std::string in_root = access("/", W_OK) == 0 ? "open //zelNguest.log\n" : "";
     EXPECT_EQ(outcome.out, "open " + a.path + "/zelNguest.log\nopen " + a.path + "//zelNguest.log\n" + in_root);
 }

@@ -1,5 +1,6 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// The diagnostic log's file when something else stands under its name, and when a step of its opening fails.
+// The diagnostic log when something else has its name, and when a step of its opening
+// fails.
 #include "diag_log_support.h"
 
 #include <msg/diag_log.h>
@@ -33,8 +34,8 @@ int first_descriptor() {
 constexpr const char *kRefused = "0 streams, nothing open";
 
 struct DiagLogPlanted : testing::Test {
-    // What a process says in whose way somebody has put something: how many streams it writes to, and whether a
-    // descriptor is open that was not open before.
+    // The report of a process whose log finds something under its name: the number of its
+    // diagnostic streams, and whether a new descriptor is open.
     Outcome open_behind(const std::function<void(const std::string &)> &plant) const {
         return run_in_child([&] {
             plant(log_in(a.path));
@@ -45,7 +46,8 @@ struct DiagLogPlanted : testing::Test {
         });
     }
 
-    // The same where an older log stands, and then what it holds. The replacement is in place while the log is opened.
+    // The same where an older log stands, then the contents of that log. The replacement
+    // is in place while the log is opened.
     template <typename Function, typename Replacement>
     std::string open_older_with(Hook<Function> &hook, Replacement replacement) const {
         return run_in_child([&] {

@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// What the tests of the diagnostic log share.
+// Helpers of the tests of the diagnostic log.
 #include "diag_log_support.h"
 
 #include <msg/msg.h>

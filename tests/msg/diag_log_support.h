@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// What the tests of the diagnostic log share.
+// Helpers of the tests of the diagnostic log.
 #ifndef ZEL_TESTS_MSG_DIAG_LOG_SUPPORT_H
 #define ZEL_TESTS_MSG_DIAG_LOG_SUPPORT_H
 
@@ -8,10 +8,10 @@
 
 namespace zel::test {
 
-// The variables that choose the directory, the first that is set before the others.
+// The variables that choose the directory, in their order.
 inline constexpr const char *kVariables[] = {"ZEL_DIAG_DIR", "ZEL_DIAGNOSTICS_PATH", "ZEL_TMPDIR"};
 
-// What a variable is in a case: unset, or this text.
+// The value of a variable: unset, or this text.
 using Value = std::optional<std::string>;
 
 void set_variable(const char *name, const Value &value);
@@ -19,7 +19,7 @@ void set_variable(const char *name, const Value &value);
 // All three of them.
 void set_variables(const Value &first, const Value &second, const Value &third);
 
-// The path that this process's log has in a folder.
+// The path of this process's log in a folder.
 std::string log_in(const std::string &folder);
 
 bool exists(const std::string &path);
@@ -27,7 +27,7 @@ bool exists(const std::string &path);
 // The streams that diagnostic lines go to.
 int diagnostic_streams();
 
-// The folder's path with as many "/" behind it as make it that long.
+// The path of the folder, with "/" added up to that length.
 std::string lengthened(std::string folder, size_t length);
 
 } // namespace zel::test

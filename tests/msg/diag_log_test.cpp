@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// The diagnostic log: which directory, which name, what happens to the lines.
+// The diagnostic log: its directory, its name, its lines.
 #include "diag_log_support.h"
 
 #include <msg/diag_log.h>
@@ -19,7 +19,8 @@ using namespace zel::test;
 
 namespace {
 
-// In a child: opens the log, says what came back, writes a line, and says where it can be found.
+// In a child: opens the log, prints the result, writes a line, and prints the path of the
+// log.
 void open_and_report(const char *dir) {
     const std::string tried = msg_open_diag_log(dir);
     printf("%s\n", tried.c_str());
@@ -48,7 +49,8 @@ struct DiagLog : testing::Test {
     ScratchFolder c;
 };
 
-// What a process says whose log is to stand in the chosen directory; missing: one that does not exist.
+// The output of a process whose log is to stand in the chosen directory. missing: a
+// directory that does not exist.
 std::string report_of(const Value &chosen, const std::string &missing) {
     if (!chosen.has_value()) {
         return "/tmp\na line\n\n";
@@ -71,8 +73,8 @@ TEST_F(DiagLog, TheFirstVariableThatIsSetWins) {
     EXPECT_EQ(open_with({}, {}, c.path).out, c.path + "\na line\n\n");
 }
 
-// Each of the three variables set, empty, unset or unusable, and each combination of these: the first that is not unset
-// decides, whatever it is.
+// Each of the three variables is set, empty, unset or unusable. In each combination the
+// first that is not unset decides.
 TEST_F(DiagLog, EveryCombinationOfTheVariablesIsDecidedByTheFirstThatIsSet) {
     const std::string missing = a.path + "/missing";
     const Value kinds[] = {{}, "", a.path, missing};
@@ -254,7 +256,7 @@ TEST_F(DiagLog, AVeryLongLoginNameIsCutTo256Characters) {
     const Outcome outcome = run_in_child([this] {
         static std::string name(5000, 'n');
         const Interposed endless(hook::getlogin, [] { return name.data(); });
-        // Longer than a file system takes, so the file is not opened but its path looked at.
+        // Longer than a file system takes: the path is looked at, and no file is opened.
         const Interposed opening(hook::open, [this](const char *path, int, mode_t) {
             const std::string expected = a.path + "/zel" + std::to_string(getpid()) + std::string(256, 'n') + ".log";
             printf("%s\n", path == expected ? "as expected" : path);

@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// What every folder of the library builds on: assertions and bounded text.
+// Assertions, bounded text and the kept errno.
 #include <msg/base/assertion.h>
 #include <msg/base/errno_kept.h>
 #include <msg/base/text.h>

@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// What each output call fills in: type, prefix, layout, primary-only mark.
+// Type, prefix, layout and primary-only mark of each output call.
 #include "msg_support.h"
 
 #include <cerrno>
@@ -25,7 +25,7 @@ constexpr int kLine = MSG_FMT_LINE;
 
 // A call that takes a format and its arguments.
 #define PLAIN(call) #call, [](const char *text) { call("%s", text); }
-// A call that takes something ahead of its format.
+// A call that takes an argument ahead of its format.
 #define WITH(call, first, label) #call label, [](const char *text) { call(first, "%s", text); }
 
 template <typename Write>
@@ -67,7 +67,7 @@ void PrintTo(const Call &call, std::ostream *out) {
     *out << call.name;
 }
 
-// What the call makes of "one two three four five six" at width 20.
+// The output of the call for "one two three four five six" at width 20.
 std::string expected_text(const Call &call) {
     const std::string mp = call.primary_only ? "" : "m ";
     const std::string lead = mp + call.prefix;
@@ -91,7 +91,8 @@ void set_all_prefixes() {
     msg_set_width_limit(20);
 }
 
-// Runs the body with informational messages on standard output, warnings on standard error and errors in the stream.
+// Runs the body with informational messages on standard output, warnings on standard
+// error and errors in the stream.
 Outcome run_apart(FILE *errors, const std::function<void()> &body) {
     return run_messages([errors, &body] {
         msg_remove_stream(MSG_ERROR, stderr);

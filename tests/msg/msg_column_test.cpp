@@ -1,6 +1,6 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// The column of a line that never ends. Two thousand million characters would have to be written to get there, so the
-// counter is put there by hand.
+// The column of a line that never ends. The counter is set by hand: it would take two
+// thousand million characters to get there.
 #include "msg_support.h"
 
 #include <msg/internal/state.h>

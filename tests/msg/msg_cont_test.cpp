@@ -124,7 +124,8 @@ TEST(MsgCont, TheLeadTextIsACopy) {
         MSG_CONT("next");
         MSG_CONT("last");
     });
-    // A continuation that opened no line leaves its prefix to the next one; that one opens a line, and leaves spaces.
+    // A continuation that opened no line leaves its prefix to the next one. That one
+    // opens a line and leaves spaces.
     EXPECT_EQ(outcome.out, "open on\n> next\n  last\n");
 }
 

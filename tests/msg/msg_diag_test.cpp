@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// Diagnostic lines.
+// Diagnostic texts.
 #include "msg_support.h"
 
 #include <cerrno>
@@ -11,7 +11,7 @@ using namespace zel::test;
 
 namespace {
 
-// What standard output has of a diagnostic text.
+// A diagnostic text as it reaches standard output.
 std::string diagnosed(const std::string &text) {
     return run_messages([&text] {
                msg_add_stream(MSG_DIAG, stdout);
@@ -175,7 +175,7 @@ TEST(MsgDiag, ATextThatTheSecondPassMakesLongerIsWhole) {
 TEST(MsgDiag, TheTextBeforeAFailedConversionIsWritten) {
     const Outcome outcome = run_messages([] {
         msg_add_stream(MSG_DIAG, stdout);
-        // A character that the C locale has none for.
+        // A character that the C locale cannot encode.
         msg_diag("socket %d: %ls and the rest\n", 7, L"\u20ac");
         msg_diag("%s%ls", std::string(20000, 'x').c_str(), L"\u20ac");
     });

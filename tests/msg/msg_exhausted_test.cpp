@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// The reports of the memory library when memory is really exhausted, or no call of malloc succeeds any more.
+// The reports of the memory library when memory is exhausted, or every malloc fails.
 #include "msg_support.h"
 
 #include <cerrno>
@@ -20,7 +20,7 @@ using namespace zel::test;
 
 namespace {
 
-// What a program has done by the time its memory is exhausted.
+// The steps of a program before its memory is exhausted.
 struct Situation {
     int mode;   // of the debug heap
     bool wrote; // messages, so that the stream lists are there
@@ -51,7 +51,7 @@ std::string written_before(const Situation &situation) {
     return situation.wrote ? "before\n" : "";
 }
 
-// No call of malloc or realloc succeeds any more.
+// Every malloc and every realloc fails.
 struct NothingLeft {
     Interposed<void *(size_t)> first{hook::malloc, fail_always(hook::malloc, ENOMEM, nullptr)};
     Interposed<void *(void *, size_t)> later{hook::realloc, fail_always(hook::realloc, ENOMEM, nullptr)};
@@ -245,7 +245,7 @@ TEST(NoMemoryLeftInAMessage, AReportInAReportIsReplacedByTheFixedText) {
     EXPECT_EQ(outcome.status, 1);
 }
 
-// ---- The failure handler, and what comes behind a report -----------------------------------------------------------
+// ---- The failure handler, and messages after a report --------------------------------------------------------------
 
 namespace {
 
@@ -295,7 +295,7 @@ TEST(NoMemoryLeftHandler, AListOfSpareSlotsGrowsWhenMemoryIsThereAgain) {
         }
         msg_clear_streams(MSG_ERROR);
         msg_warn("w");
-        // The slots of the other types are none of theirs.
+        // The spare slots of the other types stay unused.
         msg_print("out");
     });
     EXPECT_EQ(outcome.err.substr(outcome.err.size() - 14), "p.\nWarning: w\n");
@@ -343,7 +343,7 @@ TEST(NoMemoryLeftHandler, AfterAReportAListWithoutMemoryEndsTheProcess) {
 
 // ---- Real exhaustion: the address space is limited -----------------------------------------------------------------
 
-// A sanitizer's own memory does not fit into the limit.
+// The memory of a sanitizer does not fit into the limit.
 #ifndef __SANITIZE_ADDRESS__
 
 namespace {
@@ -357,7 +357,7 @@ void limit_address_space() {
     }
 }
 
-// Takes what there is, but for remains that are too small for anything.
+// Takes all memory, but for remains that are too small to use.
 void take_all_memory() {
     for (size_t size = kAddressSpace; size >= 8; size /= 2) {
         while (malloc(size) != nullptr) {
@@ -365,8 +365,8 @@ void take_all_memory() {
     }
 }
 
-// Memory ends while the program allocates, for a block or for the table of records. Where each request verifies all
-// blocks, nearly all of it is gone before: the number of blocks counts twice.
+// Memory ends while the program allocates, for a block or for the table of records. A
+// request that verifies the heap walks all blocks, so most memory is taken beforehand.
 void exhaust(const Situation &situation) {
     limit_address_space();
     bring_about(situation);

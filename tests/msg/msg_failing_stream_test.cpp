@@ -64,7 +64,8 @@ TEST(MsgFailingStream, TwoFailingStreamsSideBySideFailOnePieceAfterTheOther) {
         use_streams(MSG_INFO, {open_full_stream(_IONBF), open_full_stream(_IONBF), stdout});
         msg_print_with_prefix("P: ", "one");
     });
-    // The first fails on the prefix; the second misses that, and fails on the text, which standard output then misses.
+    // The first stream fails on the prefix. The second misses the prefix and fails on the
+    // text. Standard output misses the text.
     EXPECT_EQ(outcome.out, "P: \n");
     const std::string once = report("output", "informational", kDevice);
     EXPECT_EQ(outcome.err, once + "\n" + once);
@@ -107,7 +108,8 @@ TEST(MsgFailingStream, TheStreamBehindAFailedOneMissesThatOneFlush) {
         }
         fputs(flushed.c_str(), stdout);
     });
-    // The first once for the message and once when it is dropped; standard error with each line of the report.
+    // The first stream is flushed for the message and when it is dropped. Standard error
+    // is flushed with each line of the report.
     EXPECT_EQ(outcome.out, "aaeec");
     fclose(b);
     fclose(c);
@@ -134,7 +136,7 @@ TEST(MsgFailingStream, AStreamThatStandsTwiceIsDroppedTwice) {
         printf("%d", msg_info_has_stream());
     });
     const std::string once = report("output", "informational", kDevice);
-    // On the text, and on the newline that ends the open line.
+    // The failures: on the text, and on the newline that ends the open line.
     EXPECT_EQ(outcome.err, once + "\n" + once);
     EXPECT_EQ(outcome.out, "0");
 }
@@ -224,7 +226,8 @@ TEST(MsgFailingStream, TheReportBreaksTheLineInTheMiddleOfTheMessage) {
         // The line-buffered stream fails on the newline within the text.
         output(MSG_INFO, MSG_FMT_LINE, 0, 0, "P: ", "one\ntwo");
     });
-    // The column was 6 when the report began, so it starts with a newline; after it the message goes on as it was.
+    // The column was 6 when the report began, so that the report starts with a newline.
+    // After the report the message goes on.
     EXPECT_EQ(outcome.err, "\n" + report("output", "informational", kDevice));
     EXPECT_EQ(outcome.out, "P: P: oneone\n      twotwo\n\n");
 }
@@ -352,6 +355,6 @@ TEST(MsgFailingStream, WhicheverFlushFailsTheTextBeforeItStandsAndOneReportFollo
         EXPECT_TRUE(err.empty() || err == report("flush", "informational", "Input/output error")) << err;
         EXPECT_EQ(outcome.status, 0) << flushes;
     }
-    // Three flushes that failed, and the round in which none did.
+    // Three rounds with a flush that failed, and one without.
     EXPECT_EQ(flushes, 4);
 }

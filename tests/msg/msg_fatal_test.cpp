@@ -72,7 +72,7 @@ TEST_P(MsgFatalCalls, AFatalCallWithoutThePrimaryFlagIsSilentIfPrimaryOnly) {
 TEST_P(MsgFatalCalls, AFatalCallWithoutMemoryEndsWithStatusOne) {
     const FatalCall &call = GetParam();
     const Outcome outcome = run_messages([&call] {
-        // In a message, which has the fixed area.
+        // Within a message, which has the fixed area.
         on_first_piece(MSG_DEBUG, [&call] {
             const Interposed failing(hook::malloc, fail_always(hook::malloc, ENOMEM, nullptr));
             call.write();
@@ -117,7 +117,8 @@ INSTANTIATE_TEST_SUITE_P(, MsgFatalCalls, testing::ValuesIn(kFatalCalls),
 
 TEST(MsgFatal, TheSystemErrorIsTheOneOnEntry) {
     const Outcome outcome = run_messages([] {
-        // The first stream of the errors fails with an error of its own in the middle of the message.
+        // The first stream of the errors fails with an error of its own in the middle of
+        // the message.
         msg_clear_streams(MSG_ERROR);
         msg_add_stream(MSG_ERROR, open_full_stream(_IONBF));
         msg_add_stream(MSG_ERROR, stdout);

@@ -13,7 +13,7 @@ using namespace zel::test;
 
 namespace {
 
-// The sizes of the storage that is asked for, first and later.
+// Records the sizes of the storage asked for, first and later.
 struct Sizes {
     std::array<size_t, 8> asked = {};
     size_t count = 0;
@@ -40,7 +40,7 @@ std::string sizes_asked_for(const std::function<void()> &body) {
     return sizes.text();
 }
 
-// The sizes asked for to format a text of that length, and the text itself checked.
+// Formats a text of that length and checks it. Returns the sizes asked for.
 std::string sizes_for_length(size_t initial_size, size_t length) {
     const std::string wanted(length, 'x');
     char *text = nullptr;
@@ -99,7 +99,7 @@ TEST(MsgFormat, AnUnknownLengthDoublesTheBuffer) {
 TEST(MsgFormat, ATextThatCannotBeConvertedGivesNull) {
     const Interposed failing(hook::vsnprintf, fail_first_with(EILSEQ));
     char *text = nullptr;
-    // The sanitizer sees to it that the buffer is released.
+    // A sanitizer reports a buffer that is not released.
     EXPECT_EQ(sizes_asked_for([&text] { text = vformat(10, "text"); }), "10 ");
     EXPECT_EQ(text, nullptr);
 }
@@ -128,7 +128,7 @@ TEST(MsgFormat, WithoutMemoryAtFirstTheResultIsNull) {
 
 TEST(MsgFormat, ABufferThatCannotGrowIsLeftAllocated) {
     const Outcome outcome = run_messages([] {
-        // Storage that no heap gave: to release it would end the process.
+        // Storage that is not from the heap: releasing it would end the process.
         static std::array<char, 16> storage;
         const Interposed first(hook::malloc, [](size_t) -> void * { return storage.data(); });
         const Interposed later(hook::realloc, fail_nth(hook::realloc, 0, ENOMEM, nullptr));

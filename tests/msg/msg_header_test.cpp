@@ -5,7 +5,8 @@
 
 using namespace zel::test;
 
-// Each program is one order of the two headers in one language; it looks at what MSG_INFO means to the library.
+// Each program is one order of the two headers in one language. It checks that MSG_INFO
+// is the message type.
 TEST(MsgHeader, BesideTheSystemsMessageQueuesMsgInfoIsTheMessageType) {
     for (const std::string order : {"first", "last"}) {
         for (const std::string language : {"c11_OFF", "c11_ON", "cpp17_OFF"}) {

@@ -18,10 +18,11 @@ const std::string kNoMoreSlots = "Warning: Couldn't allocate more storage for st
 // A text that the fixed area does not hold.
 const std::string kLongText(30000, 'x');
 
-// Text buffers that could not grow are left allocated. Kept here, they are not taken for lost ones.
+// Text buffers that could not grow are left allocated. They are kept here, so that a
+// sanitizer does not report them.
 std::array<void *, 64> kept;
 
-// A malloc whose n-th call fails, and that keeps what the others gave.
+// A malloc whose n-th call fails. The results of the other calls are kept.
 std::function<void *(size_t)> malloc_failing_at(int nth) {
     return [nth, calls = 0](size_t size) mutable -> void * {
         if (calls == nth) {
@@ -35,7 +36,7 @@ std::function<void *(size_t)> malloc_failing_at(int nth) {
     };
 }
 
-// A realloc whose n-th call fails; what it moves stays kept.
+// A realloc whose n-th call fails. A kept block that it moves stays kept.
 std::function<void *(void *, size_t)> realloc_failing_at(int nth) {
     return [nth, calls = 0](void *pointer, size_t size) mutable -> void * {
         if (calls++ == nth) {
@@ -51,7 +52,8 @@ std::function<void *(void *, size_t)> realloc_failing_at(int nth) {
     };
 }
 
-// A vsnprintf that does not say how long a text is that does not fit: the buffer doubles until it has that size.
+// A vsnprintf that gives no length for a text that does not fit: the buffer doubles until
+// it has that size.
 std::function<int(char *, size_t, const char *, va_list)> length_unknown_below(size_t enough) {
     return [enough](char *buffer, size_t size, const char *format, va_list args) {
         if (size < enough) {
@@ -92,7 +94,7 @@ TEST(MsgMemory, AListThatCannotGrowKeepsItsStreamsAndWarns) {
         const MsgStreamDesc *desc = fill_list(MSG_DIAG, stdout);
         const MsgStreamDesc before = *desc;
         {
-            // Only the list: the warning is formatted as ever.
+            // Only the growth of the list fails. The warning finds memory.
             const Interposed failing(hook::realloc, fail_nth(hook::realloc, 0, ENOMEM, nullptr));
             msg_add_stream(MSG_DIAG, stderr);
         }
@@ -130,7 +132,7 @@ TEST(MsgMemory, AMessageThatFindsNoMemoryIsReplacedByAFixedText) {
         printf("%d ", calls);
         msg_print("more");
     });
-    // Its text was the one thing that it asked memory for.
+    // The text was the only request for memory.
     EXPECT_EQ(outcome.out, "1 more\n");
     EXPECT_EQ(outcome.err, kLost);
     EXPECT_EQ(outcome.status, 0);

@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// Messages inside messages: a program's own stream writes one while it is written to.
+// Messages within messages: a stream of the program writes one while it is written to.
 #include "msg_support.h"
 
 #include <algorithm>
@@ -17,7 +17,7 @@ namespace {
 
 const std::string kLost = "A message could not be formatted and is lost.\n";
 
-// Adds the size of each request to the text, while its scope lasts.
+// Adds the size of each request to the text until its scope ends.
 struct RequestsNoted {
     Interposed<void *(size_t)> first;
     Interposed<void *(void *, size_t)> later;
@@ -184,7 +184,7 @@ TEST(MsgNested, TheErrorNumberIsClearAtEachAttempt) {
 
 TEST(MsgNested, AStreamMayAddStreamsWhileTheSyncModeForcesItToDisk) {
     const Outcome outcome = run_messages([] {
-        // A list that grows moves, and its old place is spoilt.
+        // A list that grows moves. Its old place is overwritten.
         const Interposed moving(hook::realloc, [](void *pointer, size_t size) {
             void *moved = hook::malloc.real(size);
             const size_t before = malloc_usable_size(pointer);
@@ -219,7 +219,8 @@ TEST(MsgNested, AStreamMayAskForAnErrorTextWhileOneIsWrittenToIt) {
                            fputs(piece.c_str(), stdout);
                        }));
         errno = 1234567;
-        // The text is longer than the buffer by now: it is handed over within the error text.
+        // The text is longer than the buffer now: the buffer is written within the error
+        // text.
         msg_diag("%s%%m.", std::string(16378, 'x').c_str());
     });
     EXPECT_EQ(outcome.out.substr(0, 16378), std::string(16378, 'x'));

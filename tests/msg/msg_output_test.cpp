@@ -9,7 +9,7 @@ using namespace zel::test;
 
 namespace {
 
-// Writes down each write and flush of the library on the real standard output, which no hook sees.
+// Records each write and flush of the library.
 class Recorded {
 public:
     Recorded()
@@ -27,7 +27,7 @@ private:
     Interposed<int(FILE *)> flush_;
 };
 
-// What the library writes and flushes while the body runs, in order.
+// The writes and flushes of the library while the body runs, in order.
 std::string recorded(const std::function<void()> &body) {
     return run_messages([&body] {
                std::string text;

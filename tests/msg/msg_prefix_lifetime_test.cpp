@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// How long the text of a prefix lives: until the message that is opened by it has been written.
+// The lifetime of the text of a prefix: it ends after the message that began with it.
 #include "msg_support.h"
 
 #include <array>
@@ -13,7 +13,7 @@ using namespace zel::test;
 
 namespace {
 
-// Watches the texts of prefixes: what is released is spoilt at once, and an event.
+// Watches the texts of prefixes. A text that is released is overwritten and recorded.
 struct WatchedTexts {
     std::array<char *, 16> texts = {};
     size_t count = 0;
@@ -36,7 +36,7 @@ struct WatchedTexts {
     }
 };
 
-// A prefix, and a call that writes a message behind it to the type.
+// A prefix, and a call of the type that writes a message after it.
 struct PrefixInUse {
     const char *name;
     int type;
@@ -148,7 +148,8 @@ TEST(MsgPrefixLifetime, AnMpPrefixSetOnEveryPieceIsWrittenWholeEachTime) {
         msg_print("a\nb");
         fputs(watched.events.c_str(), stderr);
     });
-    // Five pieces reach the stream that sets: two prefixes, two texts with the newline between them, the last newline.
+    // Five pieces reach the stream that sets: two prefixes, two texts with the newline
+    // between them, the last newline.
     EXPECT_EQ(outcome.out, "0>a\n3>b\n");
     EXPECT_EQ(outcome.err, "[0>][1>][2>][3>][4>][5>]");
 }
@@ -158,7 +159,8 @@ TEST(MsgPrefixLifetime, TheOutermostMessageThatReadsATextReleasesIt) {
         WatchedTexts watched;
         msg_set_print_prefix("old: ");
         watched.watch(msg_get_print_prefix());
-        // A message in a message in a message, all behind the same prefix; the innermost one's stream replaces it.
+        // Three nested messages after the same prefix. The stream of the innermost one
+        // replaces the prefix.
         on_first_piece(MSG_DEBUG, [] { msg_set_print_prefix("new: "); });
         on_first_piece(MSG_ERROR, [&watched] {
             output(MSG_DEBUG, MSG_FMT_LINE, 0, 0, msg_get_print_prefix(), "inner");
@@ -202,7 +204,8 @@ TEST(MsgPrefixLifetime, TheLeadTextOfAContinuationIsTheOldOne) {
         msg_set_print_prefix("old: ");
         watched.watch(msg_get_print_prefix());
         msg_print_wrap("open");
-        // A continuation on an open line writes no prefix, but leaves it to the next one.
+        // A continuation on an open line writes no prefix. The prefix is left to the next
+        // one.
         on_first_piece(MSG_INFO, [] { msg_set_print_prefix("new: "); });
         output(MSG_INFO, MSG_FMT_LINE, 0, 1, msg_get_print_prefix(), " on");
         MSG_CONT("next");
@@ -234,7 +237,8 @@ TEST(MsgPrefixLifetime, AMessageLeftByLongjmpHarmsNoLaterOne) {
     const Outcome outcome = run_messages([] {
         WatchedTexts watched;
         static jmp_buf out_of_it;
-        // Its text stays allocated. Known here, it is not taken for a lost one.
+        // Its text stays allocated. It is kept here, so that a sanitizer does not report
+        // it.
         static const char *left_text;
         msg_set_print_prefix("left: ");
         left_text = msg_get_print_prefix();

@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// The layout of messages once more.
+// A second layout of messages.
 #include "msg_reference.h"
 
 namespace zel::test {
@@ -77,7 +77,7 @@ void MsgReference::cut_raw() {
 
 void MsgReference::cut_wrapped(bool just_opened) {
     long room = width - column_;
-    // Where a line begins there is always room for a word, however long its lead text.
+    // A line that begins has room for a word, however long its lead text.
     if (just_opened && room < 0) {
         room = 0;
     }

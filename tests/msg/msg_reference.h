@@ -1,6 +1,6 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// The layout of messages once more, written as plainly as its rules read: character by character, with no thought of
-// speed. Generated messages are compared with what the library makes of them.
+// A second layout of messages, character by character as the rules read, without regard
+// to speed. Generated messages are compared with the output of the library.
 #ifndef ZEL_TESTS_MSG_MSG_REFERENCE_H
 #define ZEL_TESTS_MSG_MSG_REFERENCE_H
 
@@ -15,14 +15,15 @@ public:
     std::string mp_prefix;
     bool primary = true;
 
-    // One message as the core writer has it. Types 1 and 2 go to standard output, 4 and 8 to standard error.
+    // One message as the core writer has it. Types 1 and 2 go to standard output, 4 and 8
+    // to standard error.
     void message(int type, int fmt_type, bool primary_only, bool continuation, const std::string &prefix,
                  const std::string &text);
 
     // A continuation of the last message.
     void cont(const std::string &text);
 
-    // What standard output and standard error have so far.
+    // The contents of standard output and standard error so far.
     std::string out;
     std::string err;
 

@@ -26,7 +26,8 @@ struct Step {
     int32_t width;
 };
 
-// Numbers that are the same everywhere: the engine's sequence is fixed, the library's distributions are not.
+// Numbers that are the same everywhere: the sequence of the engine is fixed. The
+// distributions of the standard library are not.
 class Dice {
 public:
     explicit Dice(uint32_t seed) : engine_(seed) {}
@@ -126,7 +127,7 @@ Step some_step(Dice &dice) {
     }
 }
 
-// Steps of one run. The first is a message, so that there is something to continue.
+// The steps of one run. The first is a message, so that a continuation may follow.
 std::vector<Step> some_steps(uint32_t seed) {
     Dice dice(seed);
     std::vector<Step> steps = {{.kind = Step::message,

@@ -31,7 +31,7 @@ void print_standard_lists() {
     print_lists("oe", {stdout, stderr});
 }
 
-// Three streams in place of the informational type's own.
+// Three streams in place of those of the informational type.
 struct Three {
     FILE *a = open_scratch_stream();
     FILE *b = open_scratch_stream();

@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// What the tests of the message library share.
+// Helpers of the tests of the message library.
 #include "msg_support.h"
 
 #include <array>
@@ -19,7 +19,7 @@ ssize_t write_piece(void *cookie, const char *text, size_t size) {
     return static_cast<ssize_t>(size);
 }
 
-// What own streams do, for as long as the process lives: exit handlers may write to them.
+// The actions of own streams. They live as long as the process: exit handlers may write.
 Write *keep(const Write &write) {
     static auto *const kept = new std::list<Write>;
     return &kept->emplace_back(write);

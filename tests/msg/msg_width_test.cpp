@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// The width limit and the environment variable that it is first taken from.
+// The width limit and its environment variable.
 #include "msg_support.h"
 
 #include <cerrno>

@@ -6,7 +6,7 @@ using namespace zel::test;
 
 namespace {
 
-// What an informational line looks like at that width behind that prefix.
+// An informational line at that width after that prefix.
 std::string wrapped(int32_t width, const std::string &prefix, const std::string &text) {
     return run_messages([&] {
                msg_set_width_limit(width);

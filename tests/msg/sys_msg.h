@@ -1,6 +1,7 @@
 /* Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
- * A program that uses message queues of the system beside message streams. MSG_INFO is the message type, in whichever
- * order the two headers were included: its sync flag is set at first, those of the types 4 and 8 are not. */
+ * A program that uses message queues of the system beside message streams. MSG_INFO is
+ * the message type, in whichever order the two headers were included: its sync flag is
+ * set at first, those of the types 4 and 8 are not. */
 #ifndef ZEL_TESTS_MSG_SYS_MSG_H
 #define ZEL_TESTS_MSG_SYS_MSG_H
 
