@@ -145,7 +145,7 @@ char *write_wrapped(const Channel &channel, char *text, char *end, int32_t width
     return text;
 }
 
-// DELIBERATE: the text is fixed. Test:
+// DELIBERATE: the reported text is fixed. Test:
 // MsgOutput.AnUnknownLayoutEndsTheProcessWhereItWouldBeApplied.
 void require_known_layout(const Message &message) {
     if (message.fmt_type >= MSG_FMT_RAW && message.fmt_type <= MSG_FMT_LINE) {
@@ -198,8 +198,8 @@ void write_text(Message &message, char *text, bool continuation) {
     } while (text < end);
 }
 
-// DELIBERATE: the text is fixed, the missing word before "a dollar sign" included.
-// Test: MsgOutput.ASingleDollarSignEndsTheProcess.
+// DELIBERATE: the reported text is fixed, the missing word before "a dollar sign"
+// included. Test: MsgOutput.ASingleDollarSignEndsTheProcess.
 void refuse_format(const Channel &channel, const char *format) {
     const auto fatal = channel.primary_only ? msg_primary_fatal : msg_fatal;
     fatal("Internationalization interface not yet supported.\n"
@@ -264,7 +264,7 @@ void _msg_output(int type, int fmt_type, int primary_only, int continuation, con
     record(message);
 }
 
-// DELIBERATE: the text is fixed. Test:
+// DELIBERATE: the reported text is fixed. Test:
 // MsgCont.AContinuationBeforeAnyMessageEndsTheProcess.
 void msg_vcont(const char *format, va_list args) {
     if (state.last.type == 0) {

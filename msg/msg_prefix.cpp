@@ -17,8 +17,9 @@ zel::msg::Prefix &prefix_of(PrefixKind kind) {
     return state.prefixes[static_cast<size_t>(kind) - 1];
 }
 
-// DELIBERATE: the text is fixed: it says "print prefix" for every setter, and the number
-// names the setter. Test: MsgPrefix.ASetterWithoutMemoryWarnsAndKeepsThePrefix.
+// DELIBERATE: the reported text is fixed: it says "print prefix" for every setter, and
+// the number names the setter. Test:
+// MsgPrefix.ASetterWithoutMemoryWarnsAndKeepsThePrefix.
 void set_prefix(PrefixKind kind, const char *text) {
     const char *wanted = text == nullptr ? "" : text;
     const size_t size = strlen(wanted) + 1;

@@ -35,7 +35,7 @@ size_t type_index(int type) {
     return static_cast<size_t>(entry - kTypes.begin());
 }
 
-// DELIBERATE: the text is fixed and has no newline.
+// DELIBERATE: the reported text is fixed and has no newline.
 // Test: MsgMemory.WithoutTheFirstSlotsOfAListTheProcessEnds.
 [[noreturn]] void out_of_first_slots() {
     fputs("Couldn't allocate initial storage space for stream output array.", stderr);
@@ -73,7 +73,7 @@ FILE **more_slots(const MsgStreamDesc *desc, size_t bytes) {
 }
 
 // Makes room for one more stream.
-// DELIBERATE: the text is fixed. Test:
+// DELIBERATE: the reported text is fixed. Test:
 // MsgMemory.AListThatCannotGrowKeepsItsStreamsAndWarns.
 bool grow(MsgStreamDesc *desc) {
     const int32_t capacity = desc->capacity + zel::kStreamListStep;
@@ -155,7 +155,7 @@ void msg_clear_streams(int type_mask) {
     for_each_type(type_mask, [](MsgStreamDesc *desc) { desc->count = 0; });
 }
 
-// DELIBERATE: the text is fixed. Test: MsgOutput.AnUnknownTypeEndsTheProcess.
+// DELIBERATE: the reported text is fixed. Test: MsgOutput.AnUnknownTypeEndsTheProcess.
 MsgStreamDesc *_msg_get_stream_desc(int type) {
     init_streams();
     const size_t index = type_index(type);
@@ -173,7 +173,8 @@ int msg_warn_has_stream() {
     return has_stream(MSG_WARNING) ? 1 : 0;
 }
 
-// DELIBERATE: the text is fixed. Test: MsgOutput.NamingAnUnknownTypeEndsTheProcess.
+// DELIBERATE: the reported text is fixed. Test:
+// MsgOutput.NamingAnUnknownTypeEndsTheProcess.
 const char *msg_type_name(int type) {
     const size_t index = type_index(type);
     if (index == kTypes.size()) {

@@ -36,7 +36,7 @@ void settle_width() {
 
 } // namespace
 
-// DELIBERATE: the text is fixed. Test: MsgWidth.ANegativeWidthEndsTheProcess.
+// DELIBERATE: the reported text is fixed. Test: MsgWidth.ANegativeWidthEndsTheProcess.
 void msg_set_width_limit(int32_t width) {
     if (width < 0) {
         msg_fatal("msg_set_width_limit: Width cannot be less than 0!");

@@ -9,7 +9,7 @@
 
 namespace zel {
 
-// DELIBERATE: the text is fixed.
+// DELIBERATE: the reported text is fixed.
 // Test: BaseAssertion.AFailedAssertionNamesConditionUnitAndFunctionAndAborts.
 void assertion_failed(const char *condition, const char *unit, const char *function) {
     // Written to the descriptor: abort does not flush the streams.

@@ -30,8 +30,8 @@ struct State {
 
 constinit State state = {};
 
-// Moves the descriptor above 2. Below, it would be taken for the program's own input or
-// output.
+// Moves the descriptor above the standard ones. At 0, 1 or 2 the log would be taken for
+// the program's own input or output.
 int above_standard(int fd) {
     if (fd > STDERR_FILENO || fd == kNoDescriptor) {
         return fd;
@@ -46,8 +46,8 @@ bool is_own_file(int fd) {
     return fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == geteuid() && status.st_nlink == 1;
 }
 
-// Leaves a stream alone that another process opened: a forked child inherits the buffer,
-// but its text is the parent's. Text that cannot be written is discarded.
+// Text that cannot be written is discarded. A stream of another process is left alone: a
+// forked child inherits the buffer, but the text in it is the parent's.
 void write_out(const LogStream &log) {
     if (log.stream == nullptr || log.owner != getpid()) {
         return;
@@ -88,7 +88,7 @@ int open_empty(const char *path) {
     return fd == kNoDescriptor && errno == EEXIST ? open_older(path) : above_standard(fd);
 }
 
-// The stream that leaves the record has been written out.
+// Writes the earlier streams out first: the older one leaves the record.
 void remember(FILE *stream) {
     write_out_earlier_streams();
     state.opened = {LogStream{.stream = stream, .owner = getpid()}, state.opened.front()};
