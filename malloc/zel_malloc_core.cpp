@@ -1,8 +1,12 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // The core primitives: the one place where storage comes from the system and goes back to it.
-#include <malloc/internal/core.h>
+#include <malloc/internal/zel_malloc_core.h>
 
-#include <malloc/internal/debug_heap.h>
+#include <malloc/internal/debug_block.h>
+#include <malloc/internal/debug_check.h>
+#include <malloc/internal/debug_heap_state.h>
+#include <malloc/internal/debug_registration.h>
+#include <malloc/internal/pointer.h>
 #include <msg/base/memory_report.h>
 #include <msg/msg.h>
 

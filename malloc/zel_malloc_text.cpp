@@ -1,6 +1,6 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // Texts in storage of the memory library: copied, joined and formatted.
-#include <malloc/internal/report.h>
+#include <malloc/internal/failure_report.h>
 #include <malloc/zel_malloc.h>
 #include <msg/base/format_growing.h>
 #include <msg/base/limits.h>

@@ -2,7 +2,7 @@
 // What is said of a pointer: whose it was, and what becomes of long texts and of pointers to nowhere.
 #include "debug_heap_support.h"
 
-#include <malloc/internal/debug_heap.h>
+#include <malloc/internal/debug_diagnosis.h>
 #include <support/interpose.h>
 
 #include <array>

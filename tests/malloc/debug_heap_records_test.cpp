@@ -2,7 +2,7 @@
 // The record table: indices, reuse, growth, the bytes in use.
 #include "debug_heap_support.h"
 
-#include <malloc/internal/debug_heap.h>
+#include <malloc/internal/debug_heap_state.h>
 #include <msg/base/limits.h>
 #include <support/interpose.h>
 

@@ -2,7 +2,7 @@
 // Streams of the program's that allocate while the debug heap writes to them: its table of records may move meanwhile.
 #include "debug_heap_support.h"
 
-#include <malloc/internal/debug_heap.h>
+#include <malloc/internal/debug_heap_state.h>
 #include <msg/msg.h>
 #include <support/interpose.h>
 

@@ -2,7 +2,8 @@
 // Pointers to memory that is not there: a sentence at every use of them, and no system call for those that are.
 #include "debug_heap_support.h"
 
-#include <malloc/internal/debug_heap.h>
+#include <malloc/internal/debug_heap_state.h>
+#include <malloc/internal/readable_memory.h>
 #include <support/interpose.h>
 
 #include <cerrno>

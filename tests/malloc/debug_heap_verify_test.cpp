@@ -2,7 +2,7 @@
 // Mode 2: the whole heap at every call, its findings in their order, and what it costs.
 #include "debug_heap_support.h"
 
-#include <malloc/internal/debug_heap.h>
+#include <malloc/internal/debug_heap_state.h>
 #include <msg/msg.h>
 
 #include <cerrno>

@@ -1,15 +1,14 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // The record table of the debug heap.
-#include <malloc/internal/debug_heap.h>
+#include <malloc/internal/debug_records.h>
+
+#include <malloc/internal/debug_heap_state.h>
 #include <msg/base/limits.h>
 
 #include <algorithm>
 #include <cstdlib>
 
 namespace zel::memory {
-
-constinit DebugHeap debug_heap = {
-    .mode = 0, .verifying = false, .heap_start = 0, .records = nullptr, .in_use = {}, .capacity = 0, .bytes_in_use = 0};
 
 namespace {
 

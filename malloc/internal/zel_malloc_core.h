@@ -1,8 +1,8 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // The core primitives under every entry of the memory library. They return null on failure and never report a failure
 // of the system allocator themselves.
-#ifndef ZEL_MALLOC_INTERNAL_CORE_H
-#define ZEL_MALLOC_INTERNAL_CORE_H
+#ifndef ZEL_MALLOC_INTERNAL_ZEL_MALLOC_CORE_H
+#define ZEL_MALLOC_INTERNAL_ZEL_MALLOC_CORE_H
 
 #include <malloc/internal/caller.h>
 

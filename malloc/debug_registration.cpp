@@ -1,44 +1,18 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// Checking a pointer, verifying the heap, releasing a record.
-#include <malloc/debug_heap.h>
-#include <malloc/internal/debug_heap.h>
+// Releasing a record.
+#include <malloc/internal/debug_registration.h>
+
+#include <malloc/internal/debug_block.h>
+#include <malloc/internal/debug_check.h>
+#include <malloc/internal/debug_diagnosis.h>
+#include <malloc/internal/debug_heap_state.h>
+#include <malloc/internal/pointer.h>
 #include <msg/base/memory_report.h>
 #include <msg/msg.h>
 
 namespace zel::memory {
 
 namespace {
-
-// Every record in use, in the order of the indices; each that is not sound is a warning. Returns whether all are.
-bool heap_is_sound() {
-    bool sound = true;
-    Reach reach = heap_reach();
-    uint32_t index = next_index(debug_heap.in_use, debug_heap.capacity, 0);
-    while (index < debug_heap.capacity) {
-        const Record &record = debug_heap.records[index];
-        if (valid_record(record.pointer, reach) == nullptr) {
-            msg_warn("%s", diagnose(record.pointer, &record, false));
-            sound = false;
-            reach = heap_reach();
-        }
-        index = next_index(debug_heap.in_use, debug_heap.capacity, index + 1);
-    }
-    return sound;
-}
-
-// A stream that allocates while a finding is written to it does not have the heap verified again: it would be told the
-// same finding, without end.
-void require_sound_heap(const Caller &caller) {
-    if (debug_heap.mode != ZEL_MALLOC_VERIFY_HEAP || debug_heap.verifying) {
-        return;
-    }
-    debug_heap.verifying = true;
-    const zel::MemoryReport under_way; // findings are written while the heap is verified
-    if (!heap_is_sound()) {
-        msg_fatal("%s: The heap was corrupted. %s", caller.name, context_text(caller));
-    }
-    debug_heap.verifying = false;
-}
 
 [[noreturn]] void refuse(const void *pointer, const Caller &caller) {
     const zel::MemoryReport under_way;
@@ -82,21 +56,6 @@ int32_t require_record(const void *pointer, const Caller &caller) {
 }
 
 } // namespace
-
-const Record *valid_record(const void *pointer, const Reach &reach) {
-    Header header;
-    if (!is_aligned(pointer) || !read_header(pointer, reach, &header) || header.magic != kLiveMagic) {
-        return nullptr;
-    }
-    const Record *record = record_at(header.index);
-    const bool valid =
-        record != nullptr && record->pointer == pointer && is_in_use(*record) && has_intact_trailer(*record, reach);
-    return valid ? record : nullptr;
-}
-
-void verify_before_allocation(const Caller &caller) {
-    require_sound_heap(caller);
-}
 
 size_t free_debug_info(void *pointer, const Caller &caller) {
     const Record *owner = valid_record(pointer, heap_reach());

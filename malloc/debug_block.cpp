@@ -1,6 +1,9 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // The block of the debug heap: its size, and the words around user data.
-#include <malloc/internal/debug_heap.h>
+#include <malloc/internal/debug_block.h>
+
+#include <malloc/internal/debug_heap_state.h>
+#include <malloc/internal/debug_registration.h>
 
 namespace zel::memory {
 

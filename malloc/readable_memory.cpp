@@ -1,6 +1,8 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // Which memory can be read: the debug heap is handed pointers that lead anywhere.
-#include <malloc/internal/debug_heap.h>
+#include <malloc/internal/readable_memory.h>
+
+#include <malloc/internal/debug_heap_state.h>
 #include <msg/base/text.h>
 
 #include <array>

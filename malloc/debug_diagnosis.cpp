@@ -1,6 +1,9 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // What the debug heap says of a pointer, and of what it was doing.
-#include <malloc/internal/debug_heap.h>
+#include <malloc/internal/debug_diagnosis.h>
+
+#include <malloc/internal/debug_block.h>
+#include <malloc/internal/pointer.h>
 #include <msg/base/text.h>
 
 #include <array>

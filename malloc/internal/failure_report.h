@@ -1,9 +1,9 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // What becomes of an allocation that failed.
-#ifndef ZEL_MALLOC_INTERNAL_REPORT_H
-#define ZEL_MALLOC_INTERNAL_REPORT_H
+#ifndef ZEL_MALLOC_INTERNAL_FAILURE_REPORT_H
+#define ZEL_MALLOC_INTERNAL_FAILURE_REPORT_H
 
-#include <malloc/internal/core.h>
+#include <malloc/internal/zel_malloc_core.h>
 #include <malloc/zel_malloc.h>
 
 namespace zel::memory {

@@ -1,0 +1,95 @@
+// Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
+// The report of the debug heap.
+#include <malloc/debug_heap.h>
+
+#include <malloc/internal/debug_check.h>
+#include <malloc/internal/debug_heap_state.h>
+#include <malloc/internal/pointer.h>
+#include <msg/base/memory_report.h>
+#include <msg/msg.h>
+
+using zel::memory::debug_heap;
+using zel::memory::kPointerDigits;
+using zel::memory::Method;
+using zel::memory::Record;
+
+namespace {
+
+// What the report counts.
+struct Totals {
+    unsigned long bytes;
+    long pointers;
+    long invalid;
+};
+
+const char *text_or_unknown(const char *text) {
+    return text == nullptr ? "???" : text;
+}
+
+void print_heading() {
+    msg_print("Note: a `*' in the first column indicates an invalid or corrupted pointer.");
+    msg_print_raw("X  ID    %-*s  Length Method               Function/Line        Purpose/File\n", kPointerDigits,
+                  "Pointer");
+}
+
+// Written raw, so that the columns of the table stand at any width.
+void print_row(const Record &record, uint32_t index, bool valid) {
+    const char *mark = valid ? " " : "*";
+    const auto id = static_cast<int>(index);
+    const auto address = reinterpret_cast<unsigned long>(record.pointer);
+    const auto length = static_cast<long>(record.length);
+    const char *name = record.caller.name;
+    if (record.caller.method == Method::file_line) {
+        msg_print_raw("%s%5d 0x%0*lX%8ld %-20s %-20d %s\n", mark, id, kPointerDigits, address, length, name,
+                      record.caller.place.line, record.caller.purpose_or_file);
+        return;
+    }
+    msg_print_raw("%s%5d 0x%0*lX%8ld %-20s %-20s %s\n", mark, id, kPointerDigits, address, length, name,
+                  text_or_unknown(record.caller.place.function), text_or_unknown(record.caller.purpose_or_file));
+}
+
+void add(Totals &totals, const Record &record, bool valid) {
+    totals.bytes += record.length;
+    totals.pointers += 1;
+    totals.invalid += valid ? 0 : 1;
+}
+
+uint32_t next_in_use(uint32_t from) {
+    return zel::memory::next_index(debug_heap.in_use, debug_heap.capacity, from);
+}
+
+Totals walk_records(bool verbose) {
+    Totals totals = {};
+    for (uint32_t index = next_in_use(0); index < debug_heap.capacity; index = next_in_use(index + 1)) {
+        const Record record = debug_heap.records[index]; // a copy: a stream that is written to may move the table
+        const bool valid = zel::memory::valid_record(record.pointer, zel::memory::heap_reach()) != nullptr;
+        if (verbose && totals.pointers == 0) {
+            print_heading();
+        }
+        if (verbose) {
+            print_row(record, index, valid);
+        }
+        add(totals, record, valid);
+    }
+    return totals;
+}
+
+void print_totals(const Totals &totals) {
+    if (totals.pointers == 0) {
+        msg_print("zel_malloc_debug_report: No storage was allocated");
+    } else if (totals.invalid == 0) {
+        msg_print("zel_malloc_debug_report: %lu bytes allocated, %ld pointers", totals.bytes, totals.pointers);
+    } else {
+        msg_print("zel_malloc_debug_report: %lu bytes allocated, %ld pointers (%ld invalid or corrupted!)",
+                  totals.bytes, totals.pointers, totals.invalid);
+    }
+}
+
+} // namespace
+
+void zel_malloc_debug_report(int verbose) {
+    const zel::MemoryReport under_way;
+    if (!zel::memory::warn_while_off("zel_malloc_debug_report")) {
+        print_totals(walk_records(verbose != 0));
+    }
+}
