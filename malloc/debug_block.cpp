@@ -2,9 +2,6 @@
 // The block of the debug heap: its size, and the words around user data.
 #include <malloc/internal/debug_block.h>
 
-#include <malloc/internal/debug_heap_state.h>
-#include <malloc/internal/debug_registration.h>
-
 namespace zel::memory {
 
 namespace {
@@ -42,6 +39,10 @@ size_t debug_block_size(size_t size) {
     return size > kLargest ? SIZE_MAX : rounded_up(size) + kGuardSize;
 }
 
+void *user_pointer_of(void *block) {
+    return bytes_at(block) + kHeaderSize;
+}
+
 void *block_of(void *pointer) {
     return bytes_at(pointer) - kHeaderSize;
 }
@@ -56,30 +57,19 @@ bool read_header(const void *pointer, const Reach &reach, Header *header) {
     return true;
 }
 
-bool has_intact_trailer(const Record &record, const Reach &reach) {
-    return is_readable(reinterpret_cast<uintptr_t>(record.pointer) + rounded_up(record.length), reach) &&
-           read_word(bytes_at(record.pointer) + rounded_up(record.length)) == kTrailerMagic;
+bool has_intact_trailer(const void *pointer, size_t length, const Reach &reach) {
+    const uintptr_t trailer = reinterpret_cast<uintptr_t>(pointer) + rounded_up(length);
+    return is_readable(trailer, reach) && read_word(bytes_at(pointer) + rounded_up(length)) == kTrailerMagic;
+}
+
+void write_guards(void *pointer, size_t length, int32_t index) {
+    write_word(bytes_at(pointer) + rounded_up(length), kTrailerMagic);
+    write_word(block_of(pointer), static_cast<uint32_t>(index));
+    write_word(bytes_at(pointer) - kWordSize, kLiveMagic);
 }
 
 void mark_released(void *pointer) {
     write_word(bytes_at(pointer) - kWordSize, kReleasedMagic);
-}
-
-void *register_block(void *block, size_t size, const Caller &caller) {
-    if (!has_free_record()) {
-        return nullptr;
-    }
-    char *pointer = bytes_at(block) + kHeaderSize;
-    const int32_t index = take_record(caller.method);
-    Record &record = debug_heap.records[index];
-    record.pointer = pointer;
-    record.length = size;
-    record.caller = caller;
-    debug_heap.bytes_in_use += size;
-    write_word(pointer + rounded_up(size), kTrailerMagic);
-    write_word(block, static_cast<uint32_t>(index));
-    write_word(pointer - kWordSize, kLiveMagic);
-    return pointer;
 }
 
 } // namespace zel::memory

@@ -39,8 +39,8 @@ const Record *valid_record(const void *pointer, const Reach &reach) {
         return nullptr;
     }
     const Record *record = record_at(header.index);
-    const bool valid =
-        record != nullptr && record->pointer == pointer && is_in_use(*record) && has_intact_trailer(*record, reach);
+    const bool valid = record != nullptr && record->pointer == pointer && is_in_use(*record) &&
+                       has_intact_trailer(pointer, record->length, reach);
     return valid ? record : nullptr;
 }
 
@@ -56,10 +56,6 @@ void require_sound_heap(const Caller &caller) {
         msg_fatal("%s: The heap was corrupted. %s", caller.name, context_text(caller));
     }
     debug_heap.verifying = false;
-}
-
-void verify_before_allocation(const Caller &caller) {
-    require_sound_heap(caller);
 }
 
 } // namespace zel::memory

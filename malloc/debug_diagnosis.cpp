@@ -54,8 +54,8 @@ Findings look_at(const void *pointer, const Record *known) {
     findings.indexed_is_owner = findings.indexed != nullptr && findings.indexed->pointer == pointer &&
                                 (known == nullptr || known == findings.indexed);
     findings.owner = findings.indexed_is_owner ? findings.indexed : known;
-    findings.trailer_intact =
-        findings.header.magic != kLiveMagic || findings.owner == nullptr || has_intact_trailer(*findings.owner, reach);
+    findings.trailer_intact = findings.header.magic != kLiveMagic || findings.owner == nullptr ||
+                              has_intact_trailer(findings.owner->pointer, findings.owner->length, reach);
     return findings;
 }
 

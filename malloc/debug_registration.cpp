@@ -57,6 +57,21 @@ int32_t require_record(const void *pointer, const Caller &caller) {
 
 } // namespace
 
+void *register_block(void *block, size_t size, const Caller &caller) {
+    if (!has_free_record()) {
+        return nullptr;
+    }
+    void *pointer = user_pointer_of(block);
+    const int32_t index = take_record(caller.method);
+    Record &record = debug_heap.records[index];
+    record.pointer = pointer;
+    record.length = size;
+    record.caller = caller;
+    debug_heap.bytes_in_use += size;
+    write_guards(pointer, size, index);
+    return pointer;
+}
+
 size_t free_debug_info(void *pointer, const Caller &caller) {
     const Record *owner = valid_record(pointer, heap_reach());
     if (owner == nullptr) {

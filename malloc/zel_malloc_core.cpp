@@ -43,10 +43,9 @@ void *resize_block(void *block, size_t size) {
 }
 
 // A block that cannot be recorded is a request that failed for lack of memory.
-void *give_back(void *block) {
+void give_back(void *block) {
     free(block);
     errno = ENOMEM;
-    return nullptr;
 }
 
 } // namespace
@@ -56,13 +55,17 @@ void *zel_malloc_core(size_t size, const Caller &caller) {
     if (!debug_heap_on()) {
         return request_block(size);
     }
-    verify_before_allocation(caller);
+    require_sound_heap(caller);
     void *block = request_block(debug_block_size(size));
     if (block == nullptr) {
         return nullptr;
     }
     void *pointer = register_block(block, size, caller);
-    return pointer == nullptr ? give_back(block) : memset(pointer, kFillByte, size);
+    if (pointer == nullptr) {
+        give_back(block);
+        return nullptr;
+    }
+    return memset(pointer, kFillByte, size);
 }
 
 // DELIBERATE: with the debug heap on, a block that cannot be resized stays with the system while its record is released

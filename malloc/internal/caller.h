@@ -9,7 +9,7 @@ namespace zel::memory {
 
 enum class Method : int32_t { function_purpose = 0, file_line = 1 };
 
-struct FunctionOrLine {
+struct Place {
     const char *function; // function/purpose form; may be null
     int32_t line;         // file/line form
 };
@@ -18,7 +18,7 @@ struct FunctionOrLine {
 struct Caller {
     Method method;
     const char *name; // the allocating entry, or the macro
-    FunctionOrLine place;
+    Place place;
     const char *purpose_or_file; // may be null in the function/purpose form
 };
 

@@ -3,7 +3,6 @@
 #ifndef ZEL_MALLOC_INTERNAL_DEBUG_BLOCK_H
 #define ZEL_MALLOC_INTERNAL_DEBUG_BLOCK_H
 
-#include <malloc/internal/debug_records.h>
 #include <malloc/internal/readable_memory.h>
 
 #include <cstddef>
@@ -26,14 +25,18 @@ struct Header {
 // The bytes to take from the system for a request of that size; the largest number when there are none so large.
 size_t debug_block_size(size_t size);
 
-// The system's block of a user pointer.
+// The user pointer of a block from the system, and the block of a user pointer.
+void *user_pointer_of(void *block);
 void *block_of(void *pointer);
+
+// Writes the header and the trailer of a live block.
+void write_guards(void *pointer, size_t length, int32_t index);
 
 // The header in front of a user pointer, which may be anything: false when there is no such memory.
 bool read_header(const void *pointer, const Reach &reach, Header *header);
 
-// Whether the word behind the record's user data is there and as it was written.
-bool has_intact_trailer(const Record &record, const Reach &reach);
+// Whether the word behind that much user data is there and as it was written.
+bool has_intact_trailer(const void *pointer, size_t length, const Reach &reach);
 
 void mark_released(void *pointer);
 

@@ -12,8 +12,6 @@ namespace zel::memory {
 const Record *valid_record(const void *pointer, const Reach &reach);
 
 // In verify mode: a heap that is not sound is reported, and the process ends.
-void verify_before_allocation(const Caller &caller);
-
 void require_sound_heap(const Caller &caller);
 
 } // namespace zel::memory
