@@ -1,29 +1,31 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// The block of the debug heap: its size, and the words around user data.
+// The shape of a block of the debug heap: its size and its guards.
 #include <malloc/internal/debug_block.h>
 
 namespace zel::memory {
 
 namespace {
 
-// The words around user data are read as such, whatever type the user gave to the bytes around them.
+// A guard, whatever type the program gave to the bytes beside it.
 using Word [[gnu::may_alias]] = uint32_t;
 
 constexpr size_t kHeaderSize = sizeof(Header);
 constexpr size_t kWordSize = sizeof(uint32_t);
 constexpr size_t kGuardSize = kHeaderSize + kWordSize;
-static_assert(kHeaderSize == 8 && kGuardSize == 12);
+static_assert(kHeaderSize == 8 && offsetof(Header, magic) == 4 && kGuardSize == 12);
 
+// The size with its padding, up to a multiple of a word.
 constexpr size_t rounded_up(size_t size) {
     return (size + kWordSize - 1) & ~(kWordSize - 1);
 }
+static_assert(rounded_up(5) + kGuardSize == 20);
 
 char *bytes_at(const void *pointer) {
     return static_cast<char *>(const_cast<void *>(pointer));
 }
 
-// Released blocks are read here on purpose: a pointer released twice is told by what its first release wrote into the
-// header. The address sanitizer would stop the process before the diagnosis, so these reads are exempt from it.
+// The diagnosis of a double release needs the header of a released block. The address
+// sanitizer ends a process that reads one: this function is exempt from it.
 [[gnu::no_sanitize_address, gnu::noinline]] uint32_t read_word(const void *address) {
     return *static_cast<const volatile Word *>(address);
 }
@@ -47,7 +49,9 @@ void *block_of(void *pointer) {
     return bytes_at(pointer) - kHeaderSize;
 }
 
-// Addresses are numbers until they are known to be those of memory. Both words of a header lie in one page.
+// The address is computed as a number, because the pointer may have any value. A header
+// is a multiple of 8 from the start of a page: where its magic can be read, its index
+// can.
 bool read_header(const void *pointer, const Reach &reach, Header *header) {
     if (!is_readable(reinterpret_cast<uintptr_t>(pointer) - kWordSize, reach)) {
         return false;

@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// Checking a pointer, verifying the heap.
+// The checks of the debug heap: one pointer, or the whole heap.
 #include <malloc/internal/debug_check.h>
 
 #include <malloc/debug_heap.h>
@@ -14,7 +14,9 @@ namespace zel::memory {
 
 namespace {
 
-// Every record in use, in the order of the indices; each that is not sound is a warning. Returns whether all are.
+// Checks every record in use, in the order of the indices. Each finding is a warning. A
+// stream that takes it may run the program's code and so move the table and the end of
+// the heap: both are read again.
 bool heap_is_sound() {
     bool sound = true;
     Reach reach = heap_reach();
@@ -44,14 +46,14 @@ const Record *valid_record(const void *pointer, const Reach &reach) {
     return valid ? record : nullptr;
 }
 
-// A stream that allocates while a finding is written to it does not have the heap verified again: it would be told the
-// same finding, without end.
+// A stream may allocate while a finding is written to it. That allocation does not verify
+// the heap again: the same finding would be written without end.
 void require_sound_heap(const Caller &caller) {
     if (debug_heap.mode != ZEL_MALLOC_VERIFY_HEAP || debug_heap.verifying) {
         return;
     }
     debug_heap.verifying = true;
-    const zel::MemoryReport under_way; // findings are written while the heap is verified
+    const zel::MemoryReport under_way; // the findings are reports of the memory library
     if (!heap_is_sound()) {
         msg_fatal("%s: The heap was corrupted. %s", caller.name, context_text(caller));
     }

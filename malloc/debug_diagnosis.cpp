@@ -1,5 +1,6 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// What the debug heap says of a pointer, and of what it was doing.
+// The texts of the findings: the diagnosis of a pointer, and the context of a call. Every
+// sentence is promised to the letter, the two blanks after a full stop as well.
 #include <malloc/internal/debug_diagnosis.h>
 
 #include <malloc/internal/debug_block.h>
@@ -12,10 +13,12 @@ namespace zel::memory {
 
 namespace {
 
+// DELIBERATE: a diagnosis is cut at 416 characters with its NUL. Test:
+// DebugHeapDiagnosis.ALongPurposeIsCutAtTheEndOfTheBuffer.
 constexpr size_t kDiagnosisSize = 416;
 constexpr size_t kContextSize = 1024;
 
-// Both texts are overwritten by the next of their kind: a message is written before another is composed.
+// The last text of each kind. A message is written before the next text is composed.
 struct Texts {
     std::array<char, kDiagnosisSize> diagnosis;
     std::array<char, kContextSize> context;
@@ -23,11 +26,12 @@ struct Texts {
 
 constinit Texts texts = {};
 
-// A text that is appended to, cut at the end of its buffer.
+// The free part of a text's buffer.
 struct Sentences {
     std::span<char> rest;
 };
 
+// Appends to a text, and cuts it at the end of its buffer.
 __attribute__((format(printf, 2, 3))) void append(Sentences &text, const char *format, ...) {
     va_list args;
     va_start(args, format);
@@ -36,16 +40,18 @@ __attribute__((format(printf, 2, 3))) void append(Sentences &text, const char *f
     text.rest = text.rest.subspan(strlen(text.rest.data()));
 }
 
-// What is known of a pointer when its sentences are composed.
+// The findings on a pointer, from which its sentences are composed.
 struct Findings {
-    Header header;
+    Header header; // zero when it cannot be read
     bool header_readable;
-    const Record *indexed; // the record that the header names, or null
-    const Record *owner;   // the record that the pointer belongs to, or null
-    bool indexed_is_owner; // the header names the pointer's own record
-    bool trailer_intact;   // of the owner; true when it does not count, or there is none
+    const Record *indexed; // the record of the header's index, or null
+    const Record *owner;   // the record of the allocation, or null
+    bool indexed_is_owner; // the indexed record is that of this pointer
+    bool trailer_intact;   // of the owner's block; true without an owner or a live magic
 };
 
+// Looks at the header, its record and the trailer. Memory that cannot be read is not
+// touched.
 Findings look_at(const void *pointer, const Record *known) {
     const Reach reach = heap_reach();
     Findings findings = {};
@@ -59,6 +65,8 @@ Findings look_at(const void *pointer, const Record *known) {
     return findings;
 }
 
+// The verdict on a pointer. A magic that is not live says more than the trailer. A wrong
+// trailer says more than the index.
 void append_verdict(Sentences &text, const Findings &findings, bool in_release) {
     if (findings.header.magic == kReleasedMagic) {
         append(text, in_release ? "was referenced after it was free'd." : "referenced free'd data.");
@@ -73,8 +81,8 @@ void append_verdict(Sentences &text, const Findings &findings, bool in_release) 
     append(text, "referenced data that was corrupted %s.", findings.trailer_intact ? "at the beginning" : "at the end");
 }
 
-// DELIBERATE: a purpose without a function is not followed by the two blanks of the other forms: the sentence is the
-// last one, and logs are compared by it. Held by the test DebugHeapDiagnosis.APurposeAloneIsNotFollowedByBlanks.
+// DELIBERATE: no blanks follow a purpose without a function. Test:
+// DebugHeapDiagnosis.APurposeAloneIsNotFollowedByBlanks.
 void append_place(Sentences &text, const Caller &caller) {
     const char *function = caller.place.function;
     const char *purpose = caller.purpose_or_file;
@@ -89,6 +97,7 @@ void append_place(Sentences &text, const Caller &caller) {
     }
 }
 
+// Who allocated the storage, and how much.
 void append_owner(Sentences &text, const Record &owner, bool released) {
     append(text, "%s", released ? "  Before being free'd, the " : "  The ");
     append(text, "pointer was allocated by %s with a length of %ld.  ", owner.caller.name,

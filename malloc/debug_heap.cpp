@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// The debug heap's switch and its questions.
+// The debug heap: its state, its switch and its questions.
 #include <malloc/debug_heap.h>
 
 #include <malloc/internal/debug_diagnosis.h>
@@ -17,7 +17,6 @@ namespace zel::memory {
 constinit DebugHeap debug_heap = {
     .mode = 0, .verifying = false, .heap_start = 0, .records = nullptr, .in_use = {}, .capacity = 0, .bytes_in_use = 0};
 
-// Warns that a question needs the debug heap, and returns whether that is off.
 bool warn_while_off(const char *operation) {
     if (debug_heap_on()) {
         return false;
@@ -28,10 +27,14 @@ bool warn_while_off(const char *operation) {
 
 } // namespace zel::memory
 
-// DELIBERATE: only the first switch is guarded; between its modes the heap may be switched at any time, because every
-// block already carries what both need. Held by the test DebugHeapMode.TheModesMayBeSwitchedAtAnyTime.
+// Both modes record and guard every block: the program may switch between them at any
+// time.
+// DELIBERATE: only the first switch is refused after an allocation. Test:
+// DebugHeapMode.TheModesMayBeSwitchedAtAnyTime.
+// DELIBERATE: two blanks follow "Bad mode.". Test:
+// DebugHeapMode.AnyOtherModeEndsTheProcess.
 void zel_enable_malloc_debug(int mode) {
-    const zel::MemoryReport under_way; // an error may be the program's first message
+    const zel::MemoryReport under_way; // its errors are reports of the memory library
     if (mode == 0) {
         if (zel::memory::debug_heap_on()) {
             msg_fatal("zel_enable_malloc_debug: Once enabled, malloc debugging cannot be disabled.");

@@ -12,10 +12,10 @@ namespace zel::memory {
 
 namespace {
 
-constexpr uint32_t kMostRecords = INT32_MAX; // an index is a signed number
+constexpr uint32_t kMostRecords = INT32_MAX; // every index fits an int32_t
 
-// Makes a table larger, by the system directly: it is no allocation of the program's. Returns whether there was memory;
-// without any the table stays as it was.
+// Enlarges a table through the system's allocator: it is no allocation of the program.
+// Returns false without memory and leaves the table as it was.
 template <typename Entry>
 bool enlarge(Entry *&table, size_t count) {
     auto *larger = static_cast<Entry *>(realloc(static_cast<void *>(table), count * sizeof(Entry)));
@@ -26,6 +26,8 @@ bool enlarge(Entry *&table, size_t count) {
     return true;
 }
 
+// Gives each level the words for the capacity. Once a level has enough words, so do all
+// above.
 bool grow_index_set(uint32_t before, uint32_t capacity) {
     for (uint32_t level = 0; level < kIndexLevels; ++level) {
         const uint32_t words_before = before == 0 ? 0 : index_words(before, level);
@@ -42,8 +44,8 @@ bool grow_index_set(uint32_t before, uint32_t capacity) {
     return true;
 }
 
-// The capacity is stored last and only when every part has grown. Parts that are larger than it says are no harm: what
-// is behind the capacity is not looked at, and is set up again when growing is tried again.
+// Grows every part of the table, then stores the capacity. When a part cannot grow, the
+// capacity stays: nothing behind it is read, and the next attempt sets it up again.
 bool grow_table() {
     const uint32_t before = debug_heap.capacity;
     if (before > kMostRecords - kRecordTableStep) {
@@ -53,6 +55,7 @@ bool grow_table() {
     if (!enlarge(debug_heap.records, capacity) || !grow_index_set(before, capacity)) {
         return false;
     }
+    // The new records are the free list, in the order of their indices.
     for (uint32_t index = before; index < capacity; ++index) {
         debug_heap.records[index] = {};
         debug_heap.records[index].state = static_cast<int32_t>(index + 1);

@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// Releasing a record.
+// The registration of a block: it enters the record table, and leaves it.
 #include <malloc/internal/debug_registration.h>
 
 #include <malloc/internal/debug_block.h>
@@ -14,12 +14,16 @@ namespace zel::memory {
 
 namespace {
 
+// Ends the process with the diagnosis of a pointer that is not valid.
 [[noreturn]] void refuse(const void *pointer, const Caller &caller) {
     const zel::MemoryReport under_way;
     const char *diagnosis = diagnose(pointer, nullptr, true);
     msg_fatal("%s: %s %s", caller.name, diagnosis, context_text(caller));
 }
 
+// Warns of the release of a block that has the threshold's length or more.
+// DELIBERATE: two blanks stand in front of the context, also of an empty one. Test:
+// DebugHeapNote.AtThresholdZeroEveryReleaseIsNoted.
 void note_release(const Record &record, const Caller &caller) {
     const int32_t threshold = debug_heap.free_report_threshold;
     if (threshold < 0 || record.length < static_cast<size_t>(threshold)) {
@@ -31,8 +35,12 @@ void note_release(const Record &record, const Caller &caller) {
              context_text(caller));
 }
 
-// The note of the release may have run the program's code: header and record are read again. A record of another
-// pointer is refused: as many bytes as it says would be filled.
+// The index of a pointer's record. The note of the release may have run the program's
+// code: the header and the record are read again. A record of another pointer is refused,
+// because its length is not that of this block.
+// DELIBERATE: the errors name free_debug_info, which the texts promise. Tests:
+// DebugHeapRelease.ANegativeIndexIsAnInternalError,
+// DebugHeapRelease.AnIndexThatPointsToAReleasedRecordIsAnInternalError.
 int32_t require_record(const void *pointer, const Caller &caller) {
     Header header;
     if (!read_header(pointer, heap_reach(), &header)) {

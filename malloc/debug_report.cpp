@@ -15,24 +15,28 @@ using zel::memory::Record;
 
 namespace {
 
-// What the report counts.
+// The totals of the report.
 struct Totals {
     unsigned long bytes;
     long pointers;
     long invalid;
 };
 
+// A text of a description, which may be missing.
 const char *text_or_unknown(const char *text) {
     return text == nullptr ? "???" : text;
 }
 
+// DELIBERATE: the note opens its quotation with ` and closes it with '. Test:
+// DebugHeapReport.AnAllocationByFunctionHasItsFunctionAndPurpose.
 void print_heading() {
     msg_print("Note: a `*' in the first column indicates an invalid or corrupted pointer.");
     msg_print_raw("X  ID    %-*s  Length Method               Function/Line        Purpose/File\n", kPointerDigits,
                   "Pointer");
 }
 
-// Written raw, so that the columns of the table stand at any width.
+// Writes the row of a record. Raw messages are not wrapped: the columns stand at any
+// width.
 void print_row(const Record &record, uint32_t index, bool valid) {
     const char *mark = valid ? " " : "*";
     const auto id = static_cast<int>(index);
@@ -48,6 +52,7 @@ void print_row(const Record &record, uint32_t index, bool valid) {
                   text_or_unknown(record.caller.place.function), text_or_unknown(record.caller.purpose_or_file));
 }
 
+// Counts a record.
 void add(Totals &totals, const Record &record, bool valid) {
     totals.bytes += record.length;
     totals.pointers += 1;
@@ -58,10 +63,11 @@ uint32_t next_in_use(uint32_t from) {
     return zel::memory::next_index(debug_heap.in_use, debug_heap.capacity, from);
 }
 
+// Visits every record in use, in the order of the indices. verbose: writes the rows.
 Totals walk_records(bool verbose) {
     Totals totals = {};
     for (uint32_t index = next_in_use(0); index < debug_heap.capacity; index = next_in_use(index + 1)) {
-        const Record record = debug_heap.records[index]; // a copy: a stream that is written to may move the table
+        const Record record = debug_heap.records[index]; // a copy: a stream may make the table move
         const bool valid = zel::memory::valid_record(record.pointer, zel::memory::heap_reach()) != nullptr;
         if (verbose && totals.pointers == 0) {
             print_heading();

@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// The report of a request that failed.
+// The report of a request that failed, and the failure handler.
 #include <malloc/internal/failure_report.h>
 
 #include <msg/base/memory_report.h>
@@ -13,11 +13,15 @@ using zel::memory::Method;
 
 namespace {
 
+// Null: the report is an error that ends the process.
 constinit ZelMallocFailureHandler failure_handler = nullptr;
 
+// DELIBERATE: a report is cut at 10000 characters with its NUL. Test:
+// MallocFailure.ALongReportIsCut.
 constexpr size_t kReportSize = 10000;
 using Report = std::array<char, kReportSize>;
 
+// The report of a request without a function or a purpose.
 void compose_short(Report &report, unsigned long size, const char *name, int error) {
     if (error == ENOMEM) {
         zel::format_text(report, "%s: Not enough memory to allocate %lu bytes.", name, size);
@@ -26,6 +30,7 @@ void compose_short(Report &report, unsigned long size, const char *name, int err
     zel::format_text(report, "%s: %s while trying to allocate %lu bytes.", name, strerror(error), size);
 }
 
+// The report of a request with a function and a purpose.
 void compose_full(Report &report, unsigned long size, const Caller &caller, int error) {
     const char *function = caller.place.function;
     const char *purpose = caller.purpose_or_file;
@@ -38,6 +43,8 @@ void compose_full(Report &report, unsigned long size, const Caller &caller, int 
                      strerror(error), size, purpose);
 }
 
+// DELIBERATE: the file/line form does not look at the error. Test:
+// MallocFailure.NameFileAndLineAreNamedWhateverTheError.
 void compose_report(Report &report, unsigned long size, const Caller &caller, int error) {
     if (caller.method == Method::file_line) {
         zel::format_text(report, "%s in %s, line %d: Not enough memory to allocate %lu bytes.", caller.name,
@@ -54,7 +61,7 @@ void compose_report(Report &report, unsigned long size, const Caller &caller, in
 void *zel::memory::report_failure(size_t size, const Caller &caller) {
     Report report;
     compose_report(report, size, caller, errno);
-    // For a failure handler that writes messages as well.
+    // Spans the handler as well: it may write messages without memory.
     const zel::MemoryReport under_way;
     if (failure_handler == nullptr) {
         msg_fatal("%s", report.data());

@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// Which memory can be read: the debug heap is handed pointers that lead anywhere.
+// Which memory can be read.
 #include <malloc/internal/readable_memory.h>
 
 #include <malloc/internal/debug_heap_state.h>
@@ -17,10 +17,10 @@ namespace zel::memory {
 namespace {
 
 uintptr_t heap_end() {
-    return reinterpret_cast<uintptr_t>(sbrk(0)); // no system call: the C library knows
+    return reinterpret_cast<uintptr_t>(sbrk(0)); // the C library keeps it: no system call
 }
 
-// What /proc says of this process in one line; empty when there is no such file.
+// Reads the line of /proc/self/stat. The line is empty when the file cannot be read.
 void read_status(std::span<char> line) {
     ssize_t length = 0;
     const int fd = open("/proc/self/stat", O_RDONLY | O_CLOEXEC);
@@ -31,8 +31,8 @@ void read_status(std::span<char> line) {
     line[length > 0 ? static_cast<size_t>(length) : 0] = '\0';
 }
 
-// The start of the heap stands in the 45th word behind the name of the program, which ends with the last bracket. 0
-// when there is no such word.
+// The start of the heap: the 45th word after the program's name. The name stands in
+// brackets and may hold brackets itself. Returns 0 when there is no such word.
 uintptr_t heap_start_in(const char *line) {
     constexpr int kWord = 45;
     const char *rest = strrchr(line, ')');
@@ -53,13 +53,15 @@ void find_heap_start() {
     debug_heap.heap_start = start == 0 || start > end ? end : start;
 }
 
-// From the start of the heap to its present end all memory is there, unless the program itself takes some of it away.
+// All memory from the start of the heap to its end is mapped, unless the program unmaps
+// some.
 Reach heap_reach() {
     return {.start = debug_heap.heap_start, .end = kAlwaysProbes ? 0 : heap_end()};
 }
 
-// A futex operation that wakes nobody and moves nobody: the kernel reads the word first, and fails with EFAULT where it
-// cannot. It reads these four bytes and no others, and so memory checkers do not complain of a word that is there.
+// The futex operation wakes no thread and moves none. The kernel reads the word first,
+// and fails with EFAULT when it cannot. It reads these four bytes alone: memory checkers
+// accept every word that is mapped.
 bool can_be_read(uintptr_t address) {
     const zel::ErrnoKept kept;
     return syscall(SYS_futex, address, FUTEX_CMP_REQUEUE_PRIVATE, 0, nullptr, address, 0) >= 0 || errno != EFAULT;

@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// The entries of the memory library.
+// The entries of the memory library that allocate, resize and release.
 #include <malloc/zel_malloc.h>
 
 #include <malloc/internal/failure_report.h>
@@ -17,12 +17,15 @@ using zel::memory::zel_realloc_core;
 
 namespace {
 
+// Decides the result of a request that failed.
 using OnFailure = void *(size_t size, const Caller &caller);
 
+// An _if_room entry returns null when memory has run out. Any other error is reported.
 void *report_unless_out_of_memory(size_t size, const Caller &caller) {
     return errno == ENOMEM ? nullptr : report_failure(size, caller);
 }
 
+// The entries that allocate, whatever describes their caller.
 void *allocate(size_t size, const Caller &caller, OnFailure on_failure = report_failure) {
     if (size == 0) {
         return nullptr;
@@ -31,8 +34,9 @@ void *allocate(size_t size, const Caller &caller, OnFailure on_failure = report_
     return block != nullptr ? block : on_failure(size, caller);
 }
 
-// DELIBERATE: the product is not tested for overflow; it wraps at the width of size_t, and what it wraps to is
-// allocated, cleared and reported. Held by the test ZelCalloc.TheProductWrapsWithoutATest.
+// The entries that clear.
+// DELIBERATE: the product is not tested for overflow and wraps at the width of size_t.
+// Test: ZelCalloc.TheProductWrapsWithoutATest.
 void *allocate_zeroed(size_t count, size_t size, const Caller &caller, OnFailure on_failure = report_failure) {
     if (count == 0 || size == 0) {
         return nullptr;
@@ -42,6 +46,7 @@ void *allocate_zeroed(size_t count, size_t size, const Caller &caller, OnFailure
     return block != nullptr ? memset(block, 0, bytes) : on_failure(bytes, caller);
 }
 
+// The entries that resize. A null pointer is allocated under the name of the resize.
 void *reallocate(void *pointer, size_t size, const Caller &caller, OnFailure on_failure = report_failure) {
     if (size == 0) {
         zel_free(pointer);
@@ -80,6 +85,7 @@ void *zel_realloc_fl(void *pointer, size_t size, const char *name, int32_t line,
     return reallocate(pointer, size, by_line(name, line, file));
 }
 
+// The _if_room entries are described by their name alone.
 void *zel_malloc_if_room(size_t size) {
     return allocate(size, by_function("zel_malloc_if_room", nullptr, nullptr), report_unless_out_of_memory);
 }

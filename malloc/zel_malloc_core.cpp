@@ -1,5 +1,6 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// The core primitives: the one place where storage comes from the system and goes back to it.
+// The core primitives: storage comes from the system and goes back to it in this file
+// alone.
 #include <malloc/internal/zel_malloc_core.h>
 
 #include <malloc/internal/debug_block.h>
@@ -19,6 +20,7 @@ constinit State state = {.total_requested = 0, .allocation_called = false};
 
 namespace {
 
+// A release has no description of its caller.
 constexpr Caller kRelease = by_function("zel_free", nullptr, nullptr);
 
 void require_aligned(const void *pointer, const char *name) {
@@ -29,20 +31,21 @@ void require_aligned(const void *pointer, const char *name) {
     }
 }
 
-// An attempt counts whether or not the system can provide the block.
+// Asks the system for a block. An attempt that fails counts as well.
 void *request_block(size_t size) {
     void *block = malloc(size);
     state.total_requested += static_cast<uint32_t>(size);
     return block;
 }
 
+// Asks the system to resize a block. An attempt that fails counts as well.
 void *resize_block(void *block, size_t size) {
     void *resized = realloc(block, size);
     state.total_requested += static_cast<uint32_t>(size);
     return resized;
 }
 
-// A block that cannot be recorded is a request that failed for lack of memory.
+// Gives a block back that has no record. Its request fails for lack of memory.
 void give_back(void *block) {
     free(block);
     errno = ENOMEM;
@@ -68,16 +71,16 @@ void *zel_malloc_core(size_t size, const Caller &caller) {
     return memset(pointer, kFillByte, size);
 }
 
-// DELIBERATE: with the debug heap on, a block that cannot be resized stays with the system while its record is released
-// and its header marked: the caller reports the failure, and until the process ends the pointer counts as given back.
-// Held by the test DebugHeapRealloc.ABlockThatCannotBeResizedCountsAsReleased.
+// A resize fills nothing.
+// DELIBERATE: with the debug heap on, a block that cannot be resized counts as released.
+// Test: DebugHeapRealloc.ABlockThatCannotBeResizedCountsAsReleased.
 void *zel_realloc_core(void *pointer, size_t size, const Caller &caller) {
     state.allocation_called = true;
     require_aligned(pointer, caller.name);
     if (!debug_heap_on()) {
         return resize_block(pointer, size);
     }
-    free_debug_info(pointer, caller); // leaves a free record: the resized block can always be recorded
+    free_debug_info(pointer, caller); // frees a record: there is one for the resized block
     void *block = resize_block(block_of(pointer), debug_block_size(size));
     return block == nullptr ? nullptr : register_block(block, size, caller);
 }

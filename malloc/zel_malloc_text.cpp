@@ -13,13 +13,14 @@ using zel::memory::zel_malloc_core;
 
 namespace {
 
-// The result of a request for a text: storage to write into, or what the failure handler made of the failure, which is
-// the entry's result as it stands.
+// The result of a request for a text. When it was not allocated, text is the result of
+// the failure handler: the entry returns it as it stands.
 struct Piece {
     char *text;
     bool allocated;
 };
 
+// Allocates storage for a text, its NUL included in the size.
 Piece allocate_text(size_t size, const Caller &caller) {
     void *block = zel_malloc_core(size, caller);
     if (block == nullptr) {
@@ -41,8 +42,8 @@ char *duplicate(const char *text, const Caller &caller) {
     return text == nullptr ? nullptr : copy_text(text, caller).text;
 }
 
-// DELIBERATE: the copies of both texts stay allocated. Memory totals and heap reports count them, and programs are
-// compared by those. Held by the test ZelStrdup2.TheCopiesOfBothTextsStayAllocated.
+// DELIBERATE: the copies of both texts stay allocated. Memory totals and heap reports
+// count them. Test: ZelStrdup2.TheCopiesOfBothTextsStayAllocated.
 char *join(const char *a, const char *b, const Caller &caller) {
     for (const char *text : {a, b}) {
         const Piece copy = copy_text(text, caller);
@@ -60,8 +61,11 @@ char *join(const char *a, const char *b, const Caller &caller) {
     return joined.text;
 }
 
-// A formatted text asks for its storage under the name of the one entry that formats, and fails under the entries that
-// it calls.
+// The storage of a formatted text.
+// DELIBERATE: its requests fail under zel_malloc and zel_realloc, with this function and
+// these purposes, for zel_printf_strdup too. Tests:
+// ZelPrintfStrdupSize.AFirstAllocationThatFailsIsReportedUnderTheNestedEntry,
+// ZelPrintfStrdup.AResizeThatFailsIsReportedUnderTheNestedEntry.
 struct FormattedStorage {
     static void *allocate(size_t size) { return zel_malloc(size, "zel_vprintf_strdup", "buffer allocation"); }
     static void *resize(void *buffer, size_t size) {

@@ -1,5 +1,6 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// Who asks for storage: the description that every allocation carries from its entry down to the core.
+// Who asks for storage. An entry passes this description down to the core primitives, and
+// the debug heap keeps it.
 #ifndef ZEL_MALLOC_INTERNAL_CALLER_H
 #define ZEL_MALLOC_INTERNAL_CALLER_H
 
@@ -7,19 +8,21 @@
 
 namespace zel::memory {
 
+// The form of a description, by its promised number.
 enum class Method : int32_t { function_purpose = 0, file_line = 1 };
 
+// The place of a request. Each form has one of the two.
 struct Place {
-    const char *function; // function/purpose form; may be null
-    int32_t line;         // file/line form
+    const char *function; // function/purpose form: the calling function, or null
+    int32_t line;         // file/line form: the line of the call
 };
 
-// The texts are kept by pointer: they are literals of the caller's.
+// The texts are kept by pointer: callers pass literals.
 struct Caller {
     Method method;
-    const char *name; // the allocating entry, or the macro
+    const char *name; // the entry, or the name that the caller passed
     Place place;
-    const char *purpose_or_file; // may be null in the function/purpose form
+    const char *purpose_or_file; // a purpose may be null
 };
 
 constexpr Caller by_function(const char *name, const char *function, const char *purpose) {

@@ -1,5 +1,7 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// The shape of a block of the debug heap: sizes, guards, magics, fill.
+// The shape of a block of the debug heap: sizes, guards, magics, fill. The guards are the
+// header in front of the user data and the trailer behind them. debug_heap.h gives the
+// grammar of a block.
 #ifndef ZEL_MALLOC_INTERNAL_DEBUG_BLOCK_H
 #define ZEL_MALLOC_INTERNAL_DEBUG_BLOCK_H
 
@@ -10,34 +12,42 @@
 
 namespace zel::memory {
 
-// What new and released bytes are filled with.
+// User data are filled with this byte when they are new, and again when they are
+// released.
 inline constexpr int kFillByte = 0xAB;
 
+// The magics of a header while its block is live and once it was released, and the
+// trailer.
 inline constexpr uint32_t kLiveMagic = 0x5739E56A;
 inline constexpr uint32_t kReleasedMagic = 0x7D2C5B7E;
 inline constexpr uint32_t kTrailerMagic = 0x35A7B641;
 
 struct Header {
-    int32_t index;
+    int32_t index; // of the block's record
     uint32_t magic;
 };
 
-// The bytes to take from the system for a request of that size; the largest number when there are none so large.
+// The size of the block for a request of that size. A size that has no block of its own
+// gives SIZE_MAX, which no system provides.
 size_t debug_block_size(size_t size);
 
-// The user pointer of a block from the system, and the block of a user pointer.
+// The user pointer of a block.
 void *user_pointer_of(void *block);
+
+// The block of a user pointer.
 void *block_of(void *pointer);
 
-// Writes the header and the trailer of a live block.
+// Writes the header and the trailer of a live block with that many bytes of user data.
 void write_guards(void *pointer, size_t length, int32_t index);
 
-// The header in front of a user pointer, which may be anything: false when there is no such memory.
+// Reads the header in front of a pointer of any value. Returns false when there is no
+// memory.
 bool read_header(const void *pointer, const Reach &reach, Header *header);
 
-// Whether the word behind that much user data is there and as it was written.
+// Whether the trailer behind that many bytes of user data can be read and is intact.
 bool has_intact_trailer(const void *pointer, size_t length, const Reach &reach);
 
+// Writes the magic of a release into the header of a block.
 void mark_released(void *pointer);
 
 } // namespace zel::memory

@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// Checking a pointer, verifying the heap.
+// The checks of the debug heap: one pointer, or the whole heap.
 #ifndef ZEL_MALLOC_INTERNAL_DEBUG_CHECK_H
 #define ZEL_MALLOC_INTERNAL_DEBUG_CHECK_H
 
@@ -8,10 +8,12 @@
 
 namespace zel::memory {
 
-// The record of a pointer, in use and with header and trailer intact; null when the pointer is not valid.
+// The record of a valid pointer: aligned, its record in use, header and trailer intact.
+// Null for any other value.
 const Record *valid_record(const void *pointer, const Reach &reach);
 
-// In verify mode: a heap that is not sound is reported, and the process ends.
+// In the mode ZEL_MALLOC_VERIFY_HEAP: verifies the whole heap. Each corrupted block is a
+// warning; then an error ends the process. In the other modes nothing happens.
 void require_sound_heap(const Caller &caller);
 
 } // namespace zel::memory

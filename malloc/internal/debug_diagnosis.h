@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// What the debug heap says of a pointer, and of what it was doing.
+// The texts of the findings: the diagnosis of a pointer, and the context of a call.
 #ifndef ZEL_MALLOC_INTERNAL_DEBUG_DIAGNOSIS_H
 #define ZEL_MALLOC_INTERNAL_DEBUG_DIAGNOSIS_H
 
@@ -7,11 +7,13 @@
 
 namespace zel::memory {
 
-// The sentences on a pointer. known: its record, or null when that is not known. In a static buffer that every call
-// overwrites.
+// The diagnosis of a pointer of any value. known: the record that it came from, or null.
+// in_release: whether the pointer is being released or resized. The text stands in a
+// static buffer until the next call.
 const char *diagnose(const void *pointer, const Record *known, bool in_release);
 
-// What the library was doing, from a call's description; "" when nothing is known. In a static buffer of its own.
+// The context of a call, from its description; "" when that says nothing. The text stands
+// in a static buffer until the next call.
 const char *context_text(const Caller &caller);
 
 } // namespace zel::memory

@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// The state of the debug heap, and whether it is on.
+// The state of the debug heap.
 #ifndef ZEL_MALLOC_INTERNAL_DEBUG_HEAP_STATE_H
 #define ZEL_MALLOC_INTERNAL_DEBUG_HEAP_STATE_H
 
@@ -11,26 +11,28 @@
 
 namespace zel::memory {
 
+// All that the debug heap remembers, but for the texts of debug_diagnosis.cpp.
 struct DebugHeap {
-    int mode;                           // 0, ZEL_MALLOC_CHECK_PTR or ZEL_MALLOC_VERIFY_HEAP; never back to 0
-    bool verifying;                     // while the whole heap is verified, and after it was found corrupted
-    uintptr_t heap_start;               // of the system's heap; from there to sbrk(0) memory is read without asking
-    Record *records;                    // only grows
-    IndexSet in_use;                    // the records in use, for walking
+    int mode;                           // 0, then 1 or 2; see malloc/debug_heap.h
+    bool verifying;                     // the heap is being verified, or was found corrupted
+    uintptr_t heap_start;               // of the system's heap; set at the first switch
+    Record *records;                    // the record table; it only grows
+    IndexSet in_use;                    // the indices of the records in use
     uint32_t capacity;                  // records in the table
-    int32_t free_head = kEndOfFreeList; // released last, reused first
+    int32_t free_head = kEndOfFreeList; // the record released last, or kEndOfFreeList
     size_t bytes_in_use;                // sum of the lengths of records in use
-    int32_t free_report_threshold = -1; // negative: no note
+    int32_t free_report_threshold = -1; // in bytes; negative: no release is noted
 };
 
 extern DebugHeap debug_heap;
 
-// Whether the debug heap is on, in either mode. Here, because every allocation asks.
+// Whether the debug heap is on. Inline, because every allocation asks.
 inline bool debug_heap_on() {
     return debug_heap.mode != 0;
 }
 
-// Warns that a question needs the debug heap, and returns whether that is off.
+// While the debug heap is off: warns that the operation needs it. Returns whether it is
+// off.
 bool warn_while_off(const char *operation);
 
 } // namespace zel::memory

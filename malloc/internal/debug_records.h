@@ -1,5 +1,6 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// The record table of the debug heap.
+// The record table of the debug heap: allocations that are live, or that were released
+// and whose record was not used again.
 #ifndef ZEL_MALLOC_INTERNAL_DEBUG_RECORDS_H
 #define ZEL_MALLOC_INTERNAL_DEBUG_RECORDS_H
 
@@ -10,29 +11,37 @@
 
 namespace zel::memory {
 
-// The states of a record in use. Any other is the index of the next free record, or the end of that list.
+// The states of a record in use, by the form of its description.
 inline constexpr int32_t kInUseByFunction = -1;
 inline constexpr int32_t kInUseByLine = -2;
+
+// The state of the last free record. Every other free record holds the index of the next
+// one.
 inline constexpr int32_t kEndOfFreeList = -3;
 
-// One allocation, live or released. Its index is its ID.
+// One allocation. The index of its record is its ID in every text. A released record
+// keeps all but its state, so that a later diagnosis names the owner.
 struct Record {
-    void *pointer;
-    size_t length;
-    Caller caller; // keeps its form when the record is released, so that a later diagnosis can name the owner
-    int32_t state;
+    void *pointer; // the user pointer
+    size_t length; // the bytes asked for
+    Caller caller;
+    int32_t state; // one of the states above, or the index of the next free record
 };
 
+// Whether the allocation is live.
 bool is_in_use(const Record &record);
 
-// The record of an index, or null for one outside the table. An index equal to the capacity matches none.
+// The record of an index; null when the index is negative, the capacity or more.
 Record *record_at(int32_t index);
 
-// Whether there is a record to take, the table grown when there was none.
+// Sees to a free record: grows the table when it has none. Returns false without memory.
 bool has_free_record();
 
-// The index of a record that is now in use: the one that was released last. There is one.
+// Takes the record that was released last. has_free_record was asked before. Returns its
+// index.
 int32_t take_record(Method method);
+
+// Puts a record in use at the head of the free list.
 void release_record(int32_t index);
 
 } // namespace zel::memory

@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// A block enters the record table, and leaves it.
+// The registration of a block: it enters the record table, and leaves it.
 #ifndef ZEL_MALLOC_INTERNAL_DEBUG_REGISTRATION_H
 #define ZEL_MALLOC_INTERNAL_DEBUG_REGISTRATION_H
 
@@ -9,12 +9,12 @@
 
 namespace zel::memory {
 
-// Records a new block of the system's, writes its header and trailer, and returns its user pointer. Null when the table
-// of records cannot grow: the block is as it was.
+// Records a new block and writes its guards. Returns the user pointer. Without memory for
+// a record returns null and leaves the block as it was.
 void *register_block(void *block, size_t size, const Caller &caller);
 
-// Checks the pointer, then releases its record. The header is marked; the record keeps pointer, length and description.
-// Returns the length. Anything wrong is an error that ends the process.
+// Checks a pointer, releases its record and marks its header. Returns the length of the
+// user data. A finding is an error that ends the process.
 size_t free_debug_info(void *pointer, const Caller &caller);
 
 } // namespace zel::memory

@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// What becomes of an allocation that failed.
+// The report of a request that failed.
 #ifndef ZEL_MALLOC_INTERNAL_FAILURE_REPORT_H
 #define ZEL_MALLOC_INTERNAL_FAILURE_REPORT_H
 
@@ -8,8 +8,9 @@
 
 namespace zel::memory {
 
-// Composes the report of a failed request of that size, from errno as the system allocator left it, and hands it to the
-// failure handler, whose result it returns; without a handler it is an error that ends the process.
+// Composes the report of a failed request of that size. errno is as the system allocator
+// left it. Returns the result of the failure handler; without a handler the report is an
+// error that ends the process.
 void *report_failure(size_t size, const Caller &caller);
 
 } // namespace zel::memory

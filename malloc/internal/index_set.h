@@ -1,5 +1,6 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// A set of record indices that is walked in ascending order, at a cost that follows its members and not its range.
+// A set of record indices, walked in ascending order. The cost of a walk follows the
+// number of members, not the range.
 #ifndef ZEL_MALLOC_INTERNAL_INDEX_SET_H
 #define ZEL_MALLOC_INTERNAL_INDEX_SET_H
 
@@ -9,18 +10,21 @@
 
 namespace zel::memory {
 
+// The bits of a word.
 inline constexpr uint32_t kBitsPerWord = 32;
 
-// Enough for every index that an int32_t holds: the last level is a single word.
+// The levels that cover every index of an int32_t: the last one is a single word.
 inline constexpr uint32_t kIndexLevels = 7;
 
-// A bit for each index; on each level above, a bit for each word below that is not empty. The words are the caller's:
-// a level has index_words of them, zeroed before their first use.
+// Level 0 has a bit for each index. Each level above has a bit for each word of the level
+// below; it is set while that word is not 0. The caller provides the words: index_words
+// of them a level, all zero at first.
 struct IndexSet {
     std::array<uint32_t *, kIndexLevels> levels;
 };
 
-// The words of a level in a set for the indices below the capacity, which is not 0.
+// How many words a level has in a set for the indices below the capacity. capacity: not
+// 0.
 constexpr uint32_t index_words(uint32_t capacity, uint32_t level) {
     uint32_t last = capacity - 1;
     for (uint32_t below = 0; below <= level; ++below) {
@@ -29,6 +33,7 @@ constexpr uint32_t index_words(uint32_t capacity, uint32_t level) {
     return last + 1;
 }
 
+// Adds a member. A word that was not 0 already has its bit in the level above.
 constexpr void insert_index(IndexSet &set, uint32_t index) {
     for (uint32_t *level : set.levels) {
         uint32_t &word = level[index / kBitsPerWord];
@@ -41,6 +46,7 @@ constexpr void insert_index(IndexSet &set, uint32_t index) {
     }
 }
 
+// Takes a member out. A word that is still not 0 keeps its bit in the level above.
 constexpr void erase_index(IndexSet &set, uint32_t index) {
     for (uint32_t *level : set.levels) {
         uint32_t &word = level[index / kBitsPerWord];
@@ -52,7 +58,7 @@ constexpr void erase_index(IndexSet &set, uint32_t index) {
     }
 }
 
-// The smallest member below a bit of a level that is set.
+// The smallest member under a bit of a level. The bit is set.
 constexpr uint32_t first_below(const IndexSet &set, uint32_t level, uint32_t bit) {
     while (level > 0) {
         --level;
@@ -61,8 +67,9 @@ constexpr uint32_t first_below(const IndexSet &set, uint32_t level, uint32_t bit
     return bit;
 }
 
-// The smallest member that is not below the number, or the capacity when there is none. Up through the levels until one
-// has a bit at or behind the place looked at, then down again.
+// The smallest member that is from or more; the capacity when there is none. The search
+// goes up until a word has a bit that is set, from its own place on, and then down to the
+// member.
 constexpr uint32_t next_index(const IndexSet &set, uint32_t capacity, uint32_t from) {
     if (from >= capacity) {
         return capacity;

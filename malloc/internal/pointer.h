@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// A pointer as it is handed back, and as it is written.
+// A user pointer: its alignment, and its digits in a text.
 #ifndef ZEL_MALLOC_INTERNAL_POINTER_H
 #define ZEL_MALLOC_INTERNAL_POINTER_H
 
@@ -7,10 +7,13 @@
 
 namespace zel::memory {
 
+// What a pointer that is resized or released must be a multiple of, on both targets.
 inline constexpr uintptr_t kPointerAlignment = 8;
+
+// The digits of a pointer in a text: 8 on x86, 16 on x86-64.
 inline constexpr int kPointerDigits = static_cast<int>(2 * sizeof(void *));
 
-// What every pointer that is handed back must be.
+// Whether a pointer may be resized or released.
 inline bool is_aligned(const void *pointer) {
     return reinterpret_cast<uintptr_t>(pointer) % kPointerAlignment == 0;
 }

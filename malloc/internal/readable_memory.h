@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// Which memory can be read: the debug heap is handed pointers that lead anywhere.
+// Which memory can be read. The debug heap is asked about pointers of any value.
 #ifndef ZEL_MALLOC_INTERNAL_READABLE_MEMORY_H
 #define ZEL_MALLOC_INTERNAL_READABLE_MEMORY_H
 
@@ -7,7 +7,8 @@
 
 namespace zel::memory {
 
-// A sanitizer's allocator keeps its blocks elsewhere than in the system's heap.
+// Whether the kernel is asked about every address. The address sanitizer's allocator
+// keeps its blocks outside the system's heap.
 #ifdef __has_feature
 #define ZEL_HAS_FEATURE(feature) __has_feature(feature)
 #else
@@ -19,22 +20,25 @@ inline constexpr bool kAlwaysProbes = true;
 inline constexpr bool kAlwaysProbes = false;
 #endif
 
-// Asks once where the system's heap starts. Without an answer it starts where it ends now.
+// Finds where the system's heap starts; called once. Without an answer from /proc the
+// start is the heap's present end.
 void find_heap_start();
 
-// The addresses between which memory is read without asking, until the next call of the system's allocator or of the
-// program's code.
+// The addresses from start to end are read without a system call. A reach holds until the
+// system's allocator or the program's code runs: either may shorten the heap.
 struct Reach {
     uintptr_t start;
     uintptr_t end;
 };
 
+// The reach of the system's heap as it stands.
 Reach heap_reach();
 
-// Whether the kernel can read the word at an address, a multiple of 4. A system call.
+// Asks the kernel whether the word at an address can be read. address: a multiple of 4.
 bool can_be_read(uintptr_t address);
 
-// The same without a system call for an address in reach.
+// Whether the word at an address can be read. An address within reach costs no system
+// call.
 inline bool is_readable(uintptr_t address, const Reach &reach) {
     return (address >= reach.start && address < reach.end) || can_be_read(address);
 }

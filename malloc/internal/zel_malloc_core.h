@@ -1,6 +1,6 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// The core primitives under every entry of the memory library. They return null on failure and never report a failure
-// of the system allocator themselves.
+// The core primitives under every entry of the memory library. They report no failure of
+// the system allocator.
 #ifndef ZEL_MALLOC_INTERNAL_ZEL_MALLOC_CORE_H
 #define ZEL_MALLOC_INTERNAL_ZEL_MALLOC_CORE_H
 
@@ -10,16 +10,20 @@
 
 namespace zel::memory {
 
-// The counters of the memory library; the debug heap has a record of its own.
+// What the core remembers.
 struct State {
-    uint32_t total_requested; // sum of the sizes of all attempts; wraps, never decreases otherwise
-    bool allocation_called;   // set by the first attempt and kept: from then on the debug heap cannot be switched on
+    uint32_t total_requested; // the block sizes of all attempts, modulo 2 to the 32
+    bool allocation_called;   // set by the first attempt; then the debug heap stays off
 };
 
 extern State state;
 
+// Allocates size bytes; asks the system for 0 bytes as well. Returns null with errno when
+// the system has no block or the debug heap no record.
 void *zel_malloc_core(size_t size, const Caller &caller);
+// Resizes storage to size bytes, not 0. Returns null with errno when the system cannot.
 void *zel_realloc_core(void *pointer, size_t size, const Caller &caller);
+// Releases storage. pointer: not null.
 void zel_free_core(void *pointer);
 
 } // namespace zel::memory
