@@ -125,14 +125,14 @@ void allocate(void * /*pointer*/) {
 
 // ---- A live block ---------------------------------------------------------------------------------------------------
 
-TEST(DebugHeapDamagedLiveBlock, IsDiagnosedWhenItIsReleased) {
+TEST(DebugHeapDamagedLiveBlock, ADamagedBlockIsDiagnosedWhenItIsReleased) {
     for (const Damage &damage : kLiveDamages) {
         SCOPED_TRACE(damage.name);
         expect_error(run_live(damage, zel_free), "zel_free: " + diagnosis(damage.in_release, damage.owner_known) + " ");
     }
 }
 
-TEST(DebugHeapDamagedLiveBlock, IsDiagnosedWhenItIsResized) {
+TEST(DebugHeapDamagedLiveBlock, ADamagedBlockIsDiagnosedWhenItIsResized) {
     for (const Damage &damage : kLiveDamages) {
         SCOPED_TRACE(damage.name);
         expect_error(run_live(damage, resize),
@@ -140,14 +140,14 @@ TEST(DebugHeapDamagedLiveBlock, IsDiagnosedWhenItIsResized) {
     }
 }
 
-TEST(DebugHeapDamagedLiveBlock, IsDescribed) {
+TEST(DebugHeapDamagedLiveBlock, ADamagedBlockIsDescribed) {
     for (const Damage &damage : kLiveDamages) {
         SCOPED_TRACE(damage.name);
         expect_lines(run_live(damage, describe), diagnosis(damage.in_question, damage.owner_known) + "\n");
     }
 }
 
-TEST(DebugHeapDamagedLiveBlock, IsMarkedInTheReport) {
+TEST(DebugHeapDamagedLiveBlock, ADamagedBlockIsMarkedInTheReport) {
     for (const Damage &damage : kLiveDamages) {
         SCOPED_TRACE(damage.name);
         expect_lines(run_live(damage, report), "zel_malloc_debug_report: 14 bytes allocated, 2 pointers (1 invalid or "
@@ -155,7 +155,7 @@ TEST(DebugHeapDamagedLiveBlock, IsMarkedInTheReport) {
     }
 }
 
-TEST(DebugHeapDamagedLiveBlock, IsFoundByAVerificationThatKnowsItsOwner) {
+TEST(DebugHeapDamagedLiveBlock, ADamagedBlockIsFoundByAVerificationThatKnowsItsOwner) {
     for (const Damage &damage : kLiveDamages) {
         SCOPED_TRACE(damage.name);
         const Outcome outcome = run_live(damage, allocate, ZEL_MALLOC_VERIFY_HEAP);
@@ -166,7 +166,7 @@ TEST(DebugHeapDamagedLiveBlock, IsFoundByAVerificationThatKnowsItsOwner) {
     }
 }
 
-TEST(DebugHeapDamagedLiveBlock, AReleaseDiagnosesItBeforeTheHeapIsVerified) {
+TEST(DebugHeapDamagedLiveBlock, AReleaseDiagnosesItsBlockBeforeTheHeapIsVerified) {
     for (const Damage &damage : kLiveDamages) {
         SCOPED_TRACE(damage.name);
         expect_error(run_live(damage, zel_free, ZEL_MALLOC_VERIFY_HEAP),
@@ -176,7 +176,7 @@ TEST(DebugHeapDamagedLiveBlock, AReleaseDiagnosesItBeforeTheHeapIsVerified) {
 
 // ---- A released block -----------------------------------------------------------------------------------------------
 
-TEST(DebugHeapDamagedReleasedBlock, IsDiagnosedWhenItIsReleasedAgain) {
+TEST(DebugHeapDamagedReleasedBlock, AReleasedBlockIsDiagnosedWhenItIsReleasedAgain) {
     for (const Damage &damage : kReleasedDamages) {
         SCOPED_TRACE(damage.name);
         expect_error(run_released(damage, zel_free),
@@ -184,7 +184,7 @@ TEST(DebugHeapDamagedReleasedBlock, IsDiagnosedWhenItIsReleasedAgain) {
     }
 }
 
-TEST(DebugHeapDamagedReleasedBlock, IsDiagnosedWhenItIsResized) {
+TEST(DebugHeapDamagedReleasedBlock, AReleasedBlockIsDiagnosedWhenItIsResized) {
     for (const Damage &damage : kReleasedDamages) {
         SCOPED_TRACE(damage.name);
         expect_error(run_released(damage, resize),
@@ -192,21 +192,21 @@ TEST(DebugHeapDamagedReleasedBlock, IsDiagnosedWhenItIsResized) {
     }
 }
 
-TEST(DebugHeapDamagedReleasedBlock, IsDescribed) {
+TEST(DebugHeapDamagedReleasedBlock, AReleasedBlockIsDescribed) {
     for (const Damage &damage : kReleasedDamages) {
         SCOPED_TRACE(damage.name);
         expect_lines(run_released(damage, describe), diagnosis(damage.in_question, damage.owner_known) + "\n");
     }
 }
 
-TEST(DebugHeapDamagedReleasedBlock, IsNothingToTheReport) {
+TEST(DebugHeapDamagedReleasedBlock, AReleasedBlockIsNothingToTheReport) {
     for (const Damage &damage : kReleasedDamages) {
         SCOPED_TRACE(damage.name);
         expect_lines(run_released(damage, report), "zel_malloc_debug_report: 6 bytes allocated, 1 pointers\n");
     }
 }
 
-TEST(DebugHeapDamagedReleasedBlock, IsNothingToAVerification) {
+TEST(DebugHeapDamagedReleasedBlock, AReleasedBlockIsNothingToAVerification) {
     for (const Damage &damage : kReleasedDamages) {
         SCOPED_TRACE(damage.name);
         expect_lines(run_released(damage, allocate, ZEL_MALLOC_VERIFY_HEAP), "");

@@ -56,7 +56,7 @@ void expect_still_allowed(const std::function<void()> &action) {
 
 } // namespace
 
-TEST(DebugHeapMode, ItIsOffAtFirst) {
+TEST(DebugHeapMode, TheDebugHeapIsOffAtFirst) {
     EXPECT_EQ(run_named(print_mode).out, "mode 0\n");
 }
 
@@ -110,7 +110,7 @@ TEST(DebugHeapMode, ABadModeIsNamedBeforeTheLateness) {
                  kBadMode);
 }
 
-TEST(DebugHeapMode, AfterAnAllocationItCannotBeSwitchedOn) {
+TEST(DebugHeapMode, TheDebugHeapCannotBeSwitchedOnAfterAnAllocation) {
     for (const int mode : {1, 2}) {
         expect_ended(run_named([mode] {
                          zel_free(zel_malloc(1, nullptr, nullptr));

@@ -192,7 +192,7 @@ void sweep(size_t full) {
 
 } // namespace
 
-TEST(DebugHeapTable, WithoutMemoryForItAllPartsOfItGrowOrNone) {
+TEST(DebugHeapTable, WithoutMemoryAllPartsOfTheTableGrowOrNone) {
     for (const size_t full : {size_t{0}, kFull, 32 * kFull}) {
         const Outcome outcome = run_heap(ZEL_MALLOC_CHECK_PTR, [full] { sweep(full); });
         EXPECT_EQ(outcome.out, "1 1 1\n") << full;
@@ -201,7 +201,7 @@ TEST(DebugHeapTable, WithoutMemoryForItAllPartsOfItGrowOrNone) {
     }
 }
 
-TEST(DebugHeapTable, WithoutMemoryForItARequestIsReported) {
+TEST(DebugHeapTable, WithoutMemoryForTheTableARequestIsReported) {
     const Outcome outcome = run_heap(ZEL_MALLOC_CHECK_PTR, [] {
         allocate_many(kFull);
         const Interposed failing(hook::realloc, fail_nth(hook::realloc, 0, EXDEV, nullptr));
@@ -211,7 +211,7 @@ TEST(DebugHeapTable, WithoutMemoryForItARequestIsReported) {
     EXPECT_EQ(outcome.status, 1);
 }
 
-TEST(DebugHeapTable, WithoutMemoryForItTheFailureHandlerDecides) {
+TEST(DebugHeapTable, WithoutMemoryForTheTableTheFailureHandlerDecides) {
     const Outcome outcome = run_heap(ZEL_MALLOC_CHECK_PTR, [] {
         zel_malloc_set_failure_handler([](unsigned long size, const char *text) -> void * {
             printf("%lu %s\n", size, text);
@@ -224,7 +224,7 @@ TEST(DebugHeapTable, WithoutMemoryForItTheFailureHandlerDecides) {
     EXPECT_EQ(outcome.err, "");
 }
 
-TEST(DebugHeapTable, WithoutMemoryForItTheBlockIsGivenBackAndCounted) {
+TEST(DebugHeapTable, WithoutMemoryForTheTableTheBlockIsGivenBackAndCounted) {
     const Outcome outcome = run_heap(ZEL_MALLOC_CHECK_PTR, [] {
         static void *block;
         static void *given_back;
@@ -252,7 +252,7 @@ TEST(DebugHeapTable, AResizeNeverNeedsALargerTable) {
     EXPECT_EQ(outcome.out, "0 1");
 }
 
-TEST(DebugHeapTable, ItHasNoMoreRecordsThanThereAreIndices) {
+TEST(DebugHeapTable, TheTableHasNoMoreRecordsThanThereAreIndices) {
     const Outcome outcome = run_heap(ZEL_MALLOC_CHECK_PTR, [] {
         zel::memory::debug_heap.capacity = INT32_MAX - zel::kRecordTableStep + 1;
         const int requests = table_requests([] { printf("%d ", zel_malloc_if_room(1) == nullptr); });

@@ -53,7 +53,7 @@ TEST(DebugHeapNote, AReleaseBelowTheThresholdIsNotNoted) {
     EXPECT_EQ(release_at(INT32_MAX), "");
 }
 
-TEST(DebugHeapNote, ANegativeThresholdTurnsItOff) {
+TEST(DebugHeapNote, ANegativeThresholdTurnsTheNoteOff) {
     EXPECT_EQ(release_at(-1), "");
     EXPECT_EQ(release_at(INT32_MIN), "");
     const Outcome outcome = run_heap(1, [] {
@@ -109,7 +109,7 @@ TEST(DebugHeapNote, TheThresholdMayBeSetBeforeTheHeapIsSwitchedOn) {
     EXPECT_EQ(outcome.err, note("zel_free", 5, ""));
 }
 
-TEST(DebugHeapNote, TheBytesAreNoLongerInUseWhenItIsWritten) {
+TEST(DebugHeapNote, TheBytesAreNoLongerInUseWhenTheNoteIsWritten) {
     const Outcome outcome = run_heap(1, [] {
         zel_malloc(3, "F", "p");
         void *pointer = zel_malloc(5, "F", "p");
@@ -164,7 +164,7 @@ TEST(DebugHeapDoubleRelease, ABlockWhoseHeaderTheSystemReusedIsCorruptedAtTheBeg
     expect_diagnosis(release_twice(2, reuse_header_when_released), kHeaderIsReused);
 }
 
-TEST(DebugHeapDoubleRelease, WhateverTheSystemDidToTheBlockItIsOneOfTheTwo) {
+TEST(DebugHeapDoubleRelease, ADoubleReleaseIsDiagnosedInOneOfTwoSentences) {
     const Outcome outcome = release_twice(1, [](void * /*pointer*/) {});
     const bool told_by_header = outcome.err.find(kToldByItsHeader) != std::string::npos;
     expect_diagnosis(outcome, told_by_header ? kToldByItsHeader : kHeaderIsReused);

@@ -47,7 +47,7 @@ TEST(DebugHeapReport, WhenAllWasReleasedOneLineSaysSo) {
               "zel_malloc_debug_report: No storage was allocated\n");
 }
 
-TEST(DebugHeapReport, WithoutRowsItIsTheTotals) {
+TEST(DebugHeapReport, AReportWithoutRowsIsTheTotals) {
     const Outcome outcome = run_heap(2, [] {
         zel_malloc(5, "f", "p");
         zel_malloc(100, "f", "p");
@@ -179,7 +179,7 @@ TEST(DebugHeapReport, TheTotalsCountTheInvalidWithoutRowsToo) {
     EXPECT_EQ(outcome.err, "");
 }
 
-TEST(DebugHeapReport, ItChangesNothingAndEndsNothing) {
+TEST(DebugHeapReport, AReportChangesNothingAndEndsNothing) {
     const Outcome outcome = run_heap(2, [] {
         void *damaged = named('P', zel_malloc(4, "f", "p"));
         set_word_at(damaged, 4, 0);

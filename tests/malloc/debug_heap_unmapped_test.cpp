@@ -153,7 +153,7 @@ TEST(DebugHeapUnmapped, ABlockOfATrimmedHeapIsOneOfTwoSentences) {
     }
 }
 
-TEST(DebugHeapUnmapped, WithoutAnAnswerWhereTheHeapStartsItIsTheSame) {
+TEST(DebugHeapUnmapped, WithoutTheStartOfTheHeapAStrayPointerIsASentence) {
     const Outcome outcome = run_named([] {
         std::vector<void *> before(400);
         for (void *&block : before) {

@@ -93,7 +93,7 @@ TEST(IndexSet, AFullSetHasEveryIndex) {
     }
 }
 
-TEST(IndexSet, ItIsEqualToAReferenceWhateverComesAndGoes) {
+TEST(IndexSet, ASetEqualsAReferenceWhateverComesAndGoes) {
     std::mt19937 random(1);
     for (const uint32_t range : kRanges) {
         Pair pair(range);
@@ -111,7 +111,7 @@ TEST(IndexSet, ItIsEqualToAReferenceWhateverComesAndGoes) {
     }
 }
 
-TEST(IndexSet, ErasingWhatIsNotInItChangesNothing) {
+TEST(IndexSet, ErasingWhatIsNoMemberChangesNothing) {
     Pair pair(2048);
     pair.insert(7);
     pair.erase(8);

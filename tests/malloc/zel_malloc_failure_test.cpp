@@ -317,7 +317,7 @@ TEST(MallocIfRoom, WithoutAHandlerAnyOtherErrorEndsTheProcess) {
     }
 }
 
-TEST(MallocHandler, WhatItReturnsIsTheResultOfEveryEntryAsItStands) {
+TEST(MallocHandler, TheHandlersResultIsThatOfEveryEntryAsItStands) {
     std::vector<FailingCall> calls = all_calls();
     for (const FailingCall &failing : calls) {
         SCOPED_TRACE(failing.entry);
@@ -330,7 +330,7 @@ TEST(MallocHandler, WhatItReturnsIsTheResultOfEveryEntryAsItStands) {
     }
 }
 
-TEST(MallocHandler, OfTheIfRoomEntriesItDecidesOverOtherErrorsOnly) {
+TEST(MallocHandler, OfTheIfRoomEntriesTheHandlerSeesOtherErrorsOnly) {
     for (const FailingCall &failing : kIfRoomForms) {
         char storage[128] = "untouched";
         const CaughtFailures caught(storage);
@@ -368,7 +368,7 @@ TEST(MallocHandler, WithAHandlerNothingIsPrinted) {
     EXPECT_EQ(outcome.status, 0);
 }
 
-TEST(MallocHandler, SettingOneReturnsTheOneBefore) {
+TEST(MallocHandler, SettingAHandlerReturnsTheOneBefore) {
     const ZelMallocFailureHandler first = [](unsigned long, const char *) -> void * { return nullptr; };
     const ZelMallocFailureHandler second = [](unsigned long, const char *) -> void * { return &text_a; };
     EXPECT_EQ(zel_malloc_set_failure_handler(first), nullptr);

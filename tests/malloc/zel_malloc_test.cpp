@@ -240,7 +240,7 @@ TEST(ZelFree, AnInvalidPointerIsShownInUpperCaseWithAllDigitsOfTheTarget) {
                                                : "zel_free was passed an invalid pointer: 0x123456789ABCDEFA"));
 }
 
-TEST(ZelMallocArray, IsStorageForThatManyObjectsOfTheType) {
+TEST(ZelMallocArray, AnArrayIsStorageForThatManyObjectsOfTheType) {
     const AllocatorLog log;
     auto *table = ZEL_MALLOC_ARRAY(int64_t, 5 + 1);
     static_assert(std::is_same_v<decltype(table), int64_t *>);

@@ -71,7 +71,7 @@ void release_blocks(const AllocatorLog &log, void *except) {
 
 } // namespace
 
-TEST(ZelStrdup, IsACopyOfTheText) {
+TEST(ZelStrdup, TheResultIsACopyOfTheText) {
     const std::string text = "a text";
     for (const bool by_line : {false, true}) {
         const AllocatorLog log;
@@ -99,7 +99,7 @@ TEST(ZelStrdup, ANullTextIsNullAndNothingIsAllocated) {
     EXPECT_EQ(log.calls, Calls{});
 }
 
-TEST(ZelStrdup2, JoinsBothTexts) {
+TEST(ZelStrdup2, TheResultIsBothTextsJoined) {
     const std::vector<std::array<const char *, 3>> cases = {
         {"/usr", "/bin", "/usr/bin"}, {"", "b", "b"}, {"a", "", "a"}, {"", "", ""}};
     for (const auto &[a, b, joined] : cases) {
@@ -126,13 +126,13 @@ TEST(ZelStrdup2, TheCopiesOfBothTextsStayAllocated) {
     }
 }
 
-TEST(ZelPrintfStrdup, FormatsLikePrintf) {
+TEST(ZelPrintfStrdup, ATextIsFormattedAsByPrintf) {
     char *text = zel_printf_strdup("%s has %d of %05.1f%%", "the index", -12, 99.25);
     EXPECT_STREQ(text, "the index has -12 of 099.2%");
     zel_free(text);
 }
 
-TEST(ZelVprintfStrdup, FormatsAnArgumentList) {
+TEST(ZelVprintfStrdup, AnArgumentListIsFormatted) {
     char *text = format_list("%d %s", 3, "files, more than fit into the first buffer");
     EXPECT_STREQ(text, "3 files, more than fit into the first buffer");
     zel_free(text);
@@ -177,7 +177,7 @@ TEST(ZelPrintfStrdup, AResizeThatFailsIsReportedUnderTheNestedEntry) {
                                           "bytes for buffer resize."));
 }
 
-TEST(ZelPrintfStrdup, WithAHandlerThatReturnsNullAFailedResizeIsNullAndTheBufferStays) {
+TEST(ZelPrintfStrdup, WhenTheHandlerReturnsNullForAResizeTheBufferStays) {
     const CaughtFailures caught;
     const AllocatorLog log;
     const Interposed no_memory(hook::realloc, fail_always(hook::realloc, ENOMEM, nullptr));
@@ -187,7 +187,7 @@ TEST(ZelPrintfStrdup, WithAHandlerThatReturnsNullAFailedResizeIsNullAndTheBuffer
     release_blocks(log, nullptr);
 }
 
-TEST(ZelPrintfStrdup, WithAHandlerThatReturnsNullAFailedAllocationIsNull) {
+TEST(ZelPrintfStrdup, WhenTheHandlerReturnsNullForTheBufferSoDoesTheEntry) {
     const CaughtFailures caught;
     const FailingRequest no_memory(0);
     EXPECT_EQ(zel_printf_strdup("%040d", 7), nullptr);

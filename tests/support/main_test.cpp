@@ -77,7 +77,7 @@ bool failed_by(const std::string &out, const std::string &name, const std::strin
 
 } // namespace
 
-TEST(CleanWorld, ATestThatLeavesSomethingBehindFailsInItsOwnLineAndInTheSummary) {
+TEST(CleanWorld, ATestThatLeavesSomethingFailsInItsLineAndInTheSummary) {
     const Outcome outcome = run_leaving();
     EXPECT_EQ(outcome.status, 1);
     EXPECT_NE(outcome.out.find("[       OK ] Leaving.Nothing ("), std::string::npos);
