@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// The bytes of a block: sizes, header, fill, padding, trailer.
+// The bytes of a block: its size, header, fill, padding and trailer.
 #include "debug_heap_support.h"
 
 #include <support/interpose.h>
@@ -14,7 +14,7 @@ using namespace zel::test;
 
 namespace {
 
-// The byte that the system's storage shows where nothing was written to.
+// The byte of the system's storage that nobody wrote to.
 constexpr int kUntouched = 0x55;
 
 // The last request that reached the system.
@@ -31,7 +31,7 @@ void *untouched_block(size_t size) {
     return request.block == nullptr ? nullptr : memset(request.block, kUntouched, size);
 }
 
-// A resize that always moves: the old contents, then bytes that nobody wrote to.
+// A realloc that always moves: the old contents, then bytes that nobody wrote to.
 void *moved_block(void *block, size_t size) {
     if (block != request.block) {
         return hook::realloc.real(block, size);
@@ -44,7 +44,8 @@ void *moved_block(void *block, size_t size) {
     return moved;
 }
 
-// From now on blocks are seen as the library left them. For children.
+// From now on new storage, and the grown part of a resized block, is full of the
+// untouched byte. For children.
 void watch_system() {
     hook::malloc.replacement = untouched_block;
     hook::realloc.replacement = moved_block;
@@ -256,7 +257,7 @@ TEST(DebugHeapBlock, AResizeOfANullPointerFillsLikeAnAllocation) {
 
 namespace {
 
-// What reached the system, as a distance from the largest size; nothing of that size is ever to be had.
+// The size that reached the system, as its distance from SIZE_MAX. Every request fails.
 void refuse_huge() {
     hook::malloc.replacement = [](size_t size) -> void * {
         request.size = size;

@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// One field of a block damaged at a time, and what every operation says of it.
+// Blocks with one damaged field, and the texts of every operation on them.
 #include "debug_heap_support.h"
 
 #include <msg/base/limits.h>
@@ -11,14 +11,15 @@ using namespace zel::test;
 
 namespace {
 
-// The heap of these tests: <P>, of 8 bytes, is record 0, a sound block is record 1, and record 2 has been released.
+// The heap of these tests: record 0 is <P>, of 8 bytes; record 1 is a sound block; record
+// 2 was released.
 struct Damage {
     const char *name;
     ptrdiff_t offset;
     uint32_t value;
-    const char *in_release;  // the verdict when the pointer is handed back
-    const char *in_question; // when it is described, or found by a verification
-    bool owner_known;        // from the header; a verification always knows
+    const char *in_release;  // the verdict at a release or resize
+    const char *in_question; // the verdict of a description or a verification
+    bool owner_known;        // by the header; a verification always knows the owner
 };
 
 constexpr ptrdiff_t kTrailerAt = 8;
@@ -217,7 +218,7 @@ TEST(DebugHeapDamagedReleasedBlock, AReleasedBlockIsNothingToAVerification) {
 
 namespace {
 
-// The description of <P> by a verification, with both words damaged.
+// The finding of a verification on <P> with that damage and that trailer.
 std::string finding(const Damage &damage, uint32_t trailer) {
     const std::string err = run_live(
                                 damage,

@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// What is said of a pointer: whose it was, and what becomes of long texts and of pointers to nowhere.
+// The diagnosis of a pointer: its owner, pointers outside the heap, long texts.
 #include "debug_heap_support.h"
 
 #include <malloc/internal/debug_diagnosis.h>
@@ -17,7 +17,7 @@ using namespace zel::test;
 
 namespace {
 
-// The description of the pointer that the body returns, which it calls <P>.
+// The description of the pointer that the body returns; its text names it <P>.
 std::string description_of(const std::function<void *()> &body) {
     const Outcome outcome = run_heap(1, [&body] { zel_malloc_describe_ptr(named('P', body())); });
     EXPECT_EQ(outcome.err, "");
@@ -32,7 +32,7 @@ std::string description_at(uintptr_t address) {
     });
 }
 
-// The same of a pointer that was released, in a block that the system left as it was.
+// The description of a released pointer, in a block that the system left as it was.
 std::string description_once_released(const std::function<void *()> &allocate) {
     return description_of([&allocate] {
         void *pointer = allocate();
@@ -49,7 +49,7 @@ const std::string kAtTheBeginning = "The pointer <P> referenced data that was co
 
 } // namespace
 
-// ---- Whose it was ---------------------------------------------------------------------------------------------------
+// ---- The owner ------------------------------------------------------------------------------------------------------
 
 TEST(DebugHeapDiagnosis, AnOwnerIsNamedByFunctionAndPurpose) {
     EXPECT_EQ(description_of([] { return zel_malloc(36, "F", "glob_t"); }),
@@ -134,7 +134,8 @@ TEST(DebugHeapDiagnosis, APointerToAVariableHasNoHeaderInFrontOfIt) {
 }
 
 TEST(DebugHeapDiagnosis, PointersToNowhereAreCorruptedAtTheBeginning) {
-    // In front of the null pointer, at address 0, in the first page, at the end of the address space.
+    // The header is in front of address 0, in the first page, at the end of the address
+    // space.
     for (const uintptr_t address : {uintptr_t{0}, uintptr_t{8}, uintptr_t{16}, uintptr_t{4096}, UINTPTR_MAX - 7}) {
         EXPECT_EQ(description_at(address), kAtTheBeginning) << "at " << address;
     }
@@ -143,7 +144,8 @@ TEST(DebugHeapDiagnosis, PointersToNowhereAreCorruptedAtTheBeginning) {
 #ifndef __i386__
 
 TEST(DebugHeapDiagnosis, AddressesThatNoProcessHasAreCorruptedAtTheBeginning) {
-    // Behind the lower half, in the gap between the halves, in front of the kernel's half, in the kernel.
+    // Behind the lower half, between the halves, in front of the kernel's half, in the
+    // kernel.
     for (const uintptr_t address :
          {0x0000800000000000U, 0x0100000000000000U, 0x8000000000000000U, 0xFFFF800000000000U, 0xFFFFFFFF81000000U}) {
         EXPECT_EQ(description_at(address), kAtTheBeginning) << "at " << address;
@@ -228,7 +230,8 @@ TEST(DebugHeapDiagnosis, AForeignHeaderOfALiveBlockIsAnInternalError) {
 }
 
 TEST(DebugHeapDiagnosis, LookingAtAPointerDoesNotDisturbTheErrorNumber) {
-    // The message that carries a diagnosis clears the number: seen before that, from inside.
+    // The message that carries a diagnosis clears errno: the diagnosis is called by
+    // itself.
     const Outcome outcome = run_heap(1, [] {
         errno = EXDEV;
         zel::memory::diagnose(nullptr, nullptr, false);
@@ -245,7 +248,7 @@ namespace {
 
 const std::string kLong(5000, 'x');
 
-// What fits of a diagnosis, the pointer written with all its digits.
+// The part of a diagnosis that fits its buffer, the pointer written with all its digits.
 std::string cut(const std::string &diagnosis) {
     constexpr size_t kRoom = 415;
     const size_t shown = kRoom - written(nullptr).size() + std::string("<P>").size();
@@ -314,7 +317,7 @@ TEST(DebugHeapDiagnosis, AnErrorAtAReleaseHasTheCutDiagnosisAndTheWholeContext) 
 
 namespace {
 
-// What a release of a foreign pointer says that the library was doing.
+// The context in the error about the release of a stray pointer.
 std::string context_of(const std::function<void(void *)> &resize) {
     const Outcome outcome = run_heap(1, [&resize] {
         static std::array<uint64_t, 2> variable = {1, 2};

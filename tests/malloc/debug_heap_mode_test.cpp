@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// Switching the debug heap on, and what it answers while it is off.
+// The switch of the debug heap, and its answers while it is off.
 #include "debug_heap_support.h"
 
 #include <components/platform/environment.h>
@@ -39,7 +39,7 @@ void expect_ended(const Outcome &outcome, const char *error) {
     EXPECT_EQ(outcome.status, 1);
 }
 
-// What becomes of switching on behind something that the program has done.
+// The outcome of the first switch after the action.
 Outcome switch_on_after(const std::function<void()> &action) {
     return run_named([&action] {
         action();
@@ -200,7 +200,7 @@ TEST(DebugHeapMode, SwitchingToTheSameModeChangesNothing) {
     EXPECT_EQ(switch_from_to(2, 2).out, "mode 2\n");
 }
 
-// ---- While it is off ------------------------------------------------------------------------------------------------
+// ---- While the debug heap is off ------------------------------------------------------------------------------------
 
 TEST(DebugHeapOff, TheReportIsAWarning) {
     for (const int verbose : {0, 1}) {

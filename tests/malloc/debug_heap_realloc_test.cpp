@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// Resizing: a block that moves, and one that cannot be resized.
+// Resizes: a block that moves, and one that cannot be resized.
 #include "debug_heap_support.h"
 
 #include <support/interpose.h>
@@ -17,7 +17,7 @@ constexpr const char *kReleasedDescription = "The pointer <P> referenced free'd 
                                              "pointer was allocated by zel_malloc with a length "
                                              "of 5.  The storage was allocated in the function F for p.  \n";
 
-// A block <P> of 5 bytes that could not be resized, and what is asked of the heap then.
+// A block <P> of 5 bytes that could not be resized; then the question about it.
 Outcome after_failed_resize(const std::function<void(void *)> &question) {
     return run_heap(1, [&question] {
         void *pointer = named('P', zel_malloc(5, "F", "p"));
@@ -132,7 +132,8 @@ namespace {
 
 void *provided;
 
-// A text that is formatted while the system has no memory for its first buffer: the handler provides it.
+// Formats a text while the system has no memory for its first buffer. The handler
+// provides it.
 Outcome format_into_what_is_provided(int mode, void *(*provide)()) {
     return run_heap(mode, [provide] {
         provided = named('P', provide());

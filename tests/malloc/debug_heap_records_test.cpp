@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// The record table: indices, reuse, growth, the bytes in use.
+// The record table: its indices, reuse, growth and bytes in use.
 #include "debug_heap_support.h"
 
 #include <malloc/internal/debug_heap_state.h>
@@ -33,7 +33,7 @@ std::vector<void *> allocate_many(size_t count) {
     return pointers;
 }
 
-// How often the system was asked for a larger table while the body ran.
+// The number of requests for a larger table while the body ran.
 int table_requests(const std::function<void()> &body) {
     static int requests;
     requests = 0;
@@ -155,7 +155,7 @@ TEST(DebugHeapRecords, TheTableIsNotRequestedThroughTheLibrary) {
 
 namespace {
 
-// Live blocks that fill a table: behind them it must grow.
+// Live blocks that fill the table: the next allocation makes it grow.
 constexpr size_t kFull = zel::kRecordTableStep;
 
 struct Attempt {
@@ -170,7 +170,8 @@ Attempt allocate_failing(int nth) {
     return {.pointer = pointer, .error = errno};
 }
 
-// From a full table: the n-th request for a part of a larger one fails, until an attempt gets its record.
+// From a full table the n-th request for a part of a larger one fails, for n = 0, 1, 2
+// and so on, until an allocation gets its record.
 void sweep(size_t full) {
     allocate_many(full);
     int failures = 0;
@@ -247,7 +248,7 @@ TEST(DebugHeapTable, AResizeNeverNeedsALargerTable) {
     const Outcome outcome = run_heap(ZEL_MALLOC_VERIFY_HEAP, [] {
         const std::vector<void *> pointers = allocate_many(kFull);
         int requests = table_requests([&pointers] { printf("%u ", id_of(zel_realloc(pointers[0], 9, "G", "g"))); });
-        printf("%d", requests); // the block's own
+        printf("%d", requests); // that of the block
     });
     EXPECT_EQ(outcome.out, "0 1");
 }
@@ -261,7 +262,7 @@ TEST(DebugHeapTable, TheTableHasNoMoreRecordsThanThereAreIndices) {
     EXPECT_EQ(outcome.out, "1 0");
 }
 
-// These hold the step of the table, 1024 records.
+// These tests hold the step of the table, 1024 records.
 #ifndef ZEL_SMALL_CONSTANTS
 
 TEST(DebugHeapRecordsSize, TheAllocationBehindEach1024thEnlargesTheTable) {

@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// Releasing: the note above a threshold, the pointer released twice, a header that changes meanwhile.
+// Releases: the note, the double release, a header that changes during the note.
 #include "debug_heap_support.h"
 
 #include <msg/msg.h>
@@ -19,7 +19,7 @@ std::string note(const std::string &name, int bytes, const std::string &context)
            " bytes of data.  " + context + "\n";
 }
 
-// What the release of 5 bytes says at a threshold.
+// The output of a release of 5 bytes at a threshold.
 std::string release_at(int32_t threshold) {
     const Outcome outcome = run_heap(1, [threshold] {
         zel_malloc_set_free_report_threshold(threshold);
@@ -215,7 +215,8 @@ TEST(DebugHeapDoubleRelease, AtTheUsualWidthTheErrorIsWrapped) {
 
 namespace {
 
-// The release of record 0, whose index is changed by the stream that takes the note.
+// The release of record 0. The stream that takes the note changes the index in its
+// header.
 Outcome change_index_during_note(uint32_t index) {
     return run_heap(1, [index] {
         static void *pointer;
@@ -268,7 +269,7 @@ TEST(DebugHeapRelease, AnIndexOfAnotherLiveBlockIsRefusedBeforeItsLengthIsFilled
     EXPECT_EQ(outcome.status, 1) << "signal " << outcome.signal;
 }
 
-// These hold the capacity of the first table, 1024 records.
+// This test holds the capacity of the first table, 1024 records.
 #ifndef ZEL_SMALL_CONSTANTS
 
 TEST(DebugHeapReleaseSize, AnIndexOutsideTheTableIsAnInternalErrorWithTheLimit) {

@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// The report, to the letter.
+// The report of the debug heap, to the letter.
 #include "debug_heap_support.h"
 
 #include <msg/msg.h>
@@ -120,7 +120,8 @@ TEST(DebugHeapReport, AFormattedTextStandsUnderTheEntriesThatItCalls) {
 }
 
 TEST(DebugHeapReport, TheCopiesThatAJoinedTextLeavesAreListedBeforeIt) {
-    // The pointers of the copies are known to nobody but the report: what is compared is the rest of their rows.
+    // The report alone knows the pointers of the copies: the rest of their rows is
+    // compared.
     std::string report = report_of([] { zel_strdup2_fl("/usr", "/local", "ZEL_STRDUP", 7, "paths.c"); });
     size_t at;
     while ((at = report.find("0x")) != std::string::npos) {

@@ -1,5 +1,6 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// Streams of the program's that allocate while the debug heap writes to them: its table of records may move meanwhile.
+// The program's own streams, which allocate while the debug heap writes to them. The
+// record table may move meanwhile.
 #include "debug_heap_support.h"
 
 #include <malloc/internal/debug_heap_state.h>
@@ -21,7 +22,7 @@ using zel::memory::debug_heap;
 constexpr int kMany = 1100; // more than the first table holds
 constexpr size_t kSize = 4;
 
-// Where the one stream of a test writes to, and what its first write does besides.
+// The destination of a test's stream, and the body that its first write runs.
 struct Writer {
     int fd;
     std::function<void()> first;
@@ -37,7 +38,8 @@ ssize_t write_through(void * /*cookie*/, const char *bytes, size_t length) {
     return write(writer.fd, bytes, length);
 }
 
-// From now on messages of that type are written through a stream whose first write runs the body.
+// From now on messages of that type are written through a stream whose first write runs
+// the body.
 void write_through_stream(int type, int fd, const std::function<void()> &body) {
     writer = {.fd = fd, .first = body};
     FILE *stream =
@@ -47,7 +49,7 @@ void write_through_stream(int type, int fd, const std::function<void()> &body) {
     msg_add_stream(type, stream);
 }
 
-// From now on a table of records that grows moves, and what stood in the old one is gone at once.
+// From now on a record table that grows moves, and the old one is overwritten at once.
 void spoil_tables_that_move() {
     hook::realloc.replacement = [](void *pointer, size_t size) {
         if (pointer == nullptr || pointer != debug_heap.records) {
@@ -62,7 +64,7 @@ void spoil_tables_that_move() {
     };
 }
 
-// So many allocations that the table grows. Returns the last one.
+// Makes so many allocations that the table grows. Returns the last block.
 void *allocate_many() {
     void *last = nullptr;
     for (int count = 0; count < kMany; ++count) {
@@ -110,7 +112,7 @@ TEST(DebugHeapStreams, VerificationGoesOnInTheTableThatAFindingMadeMove) {
         set_word_at(p, kSize, 0);
         set_word_at(q, kSize, 0);
         write_through_stream(MSG_WARNING, STDERR_FILENO, [] {
-            zel_enable_malloc_debug(ZEL_MALLOC_CHECK_PTR); // the stream's own allocations would find the same
+            zel_enable_malloc_debug(ZEL_MALLOC_CHECK_PTR); // the allocations of the stream are not verified
             set_word_at(named('R', allocate_many()), kSize, 0);
             zel_enable_malloc_debug(ZEL_MALLOC_VERIFY_HEAP);
         });
@@ -125,7 +127,7 @@ TEST(DebugHeapStreams, AFindingsStreamMayTakeTheEndOfTheHeapAway) {
     const Outcome outcome = run_heap(ZEL_MALLOC_CHECK_PTR, [] {
         const intptr_t page = sysconf(_SC_PAGESIZE);
         set_word_at(named('P', zel_malloc(kSize, "F", "p")), kSize, 0);
-        sbrk(-reinterpret_cast<intptr_t>(sbrk(0)) & (page - 1)); // the next page is one by itself
+        sbrk(-reinterpret_cast<intptr_t>(sbrk(0)) & (page - 1)); // the heap ends at the end of a page
         hook::malloc.replacement = [page](size_t /*size*/) { return sbrk(page); };
         named('Q', zel_malloc(kSize, "F", "q"));
         hook::malloc.replacement = nullptr;

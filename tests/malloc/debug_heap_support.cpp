@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// What the tests of the debug heap share.
+// Support of the debug heap's tests.
 #include "debug_heap_support.h"
 
 #include <msg/msg.h>
@@ -23,7 +23,7 @@ struct Name {
 
 using Names = std::array<Name, kLetters>;
 
-// Shared with the children: what they name is read here.
+// In memory shared with the children, which name their pointers there.
 Names &names() {
     static auto *const shared =
         static_cast<Names *>(mmap(nullptr, sizeof(Names), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));

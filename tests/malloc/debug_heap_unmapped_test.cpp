@@ -1,5 +1,6 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// Pointers to memory that is not there: a sentence at every use of them, and no system call for those that are.
+// Pointers to memory that is not mapped: each use of one is diagnosed. Pointers into the
+// system's heap cost no system call.
 #include "debug_heap_support.h"
 
 #include <malloc/internal/debug_heap_state.h>
@@ -38,8 +39,9 @@ void resize(void *pointer) {
     zel_realloc(pointer, 10, "grow", "g");
 }
 
-// Hands the pointer that the body returns, <P>, back in both modes and in both ways, and expects the one sentence. A
-// sanitizer holds released memory back: there the header may tell what the pointer was.
+// Releases and resizes the pointer that the body returns, <P>, in both modes, and expects
+// the one sentence. A sanitizer keeps released memory: there the header may still be
+// read.
 void expect_a_sentence(void *(*body)()) {
     struct Way {
         const char *name;
@@ -65,7 +67,7 @@ size_t page_size() {
     return static_cast<size_t>(sysconf(_SC_PAGESIZE));
 }
 
-// A live block at the start of pages of the test's own, so long that its trailer is on the second page.
+// A live block in two pages of the test's own. Its trailer is on the second page.
 void *allocate_on_two_pages() {
     static void *pages;
     pages = mmap(nullptr, 2 * page_size(), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
@@ -77,13 +79,14 @@ char *block_of(void *pointer) {
     return static_cast<char *>(pointer) + kIndexAt;
 }
 
-// The same, and the program has unmapped it, or its second page.
+// The same block, unmapped by the program.
 void *allocate_and_unmap() {
     void *pointer = allocate_on_two_pages();
     munmap(block_of(pointer), 2 * page_size());
     return pointer;
 }
 
+// The same block, its second page unmapped by the program.
 void *allocate_and_unmap_the_end() {
     void *pointer = allocate_on_two_pages();
     munmap(block_of(pointer) + page_size(), page_size());
@@ -96,7 +99,7 @@ const std::string kAtTheEnd = "The pointer <P> referenced data that was corrupte
 
 } // namespace
 
-// ---- Handed back ----------------------------------------------------------------------------------------------------
+// ---- Released or resized --------------------------------------------------------------------------------------------
 
 TEST(DebugHeapUnmapped, AMappedBlockReleasedTwiceIsASentence) {
     expect_a_sentence([] {
@@ -115,7 +118,7 @@ TEST(DebugHeapUnmapped, PointersToNowhereAreASentence) {
 
 TEST(DebugHeapUnmapped, TheOldPointerOfAMovedBlockIsASentence) {
     expect_a_sentence([] {
-        zel_malloc(kMapped, "F", "above"); // so that the next one cannot grow where it is
+        zel_malloc(kMapped, "F", "above"); // the next block cannot grow in place
         void *pointer = zel_malloc(kMapped, "F", "p");
         if (zel_realloc(pointer, 50 * kMapped, "F", "p") == pointer) {
             exit(3);
@@ -168,7 +171,7 @@ TEST(DebugHeapUnmapped, WithoutTheStartOfTheHeapAStrayPointerIsASentence) {
         const bool kept = errno == EXDEV;
         setrlimit(RLIMIT_NOFILE, &usual);
         for (void *block : before) {
-            free(block); // the heap may end now in front of where it ended then
+            free(block); // the heap may shrink
         }
         zel_free(zel_malloc(5, "F", "p"));
         printf("%d", kept);
@@ -225,7 +228,7 @@ TEST(DebugHeapUnmapped, TheReportMarksALiveBlockThatIsGone) {
     EXPECT_EQ(outcome.status, 0) << "signal " << outcome.signal;
 }
 
-// ---- What is there is not asked about -------------------------------------------------------------------------------
+// ---- No system call for the system's heap ---------------------------------------------------------------------------
 
 namespace {
 
@@ -243,8 +246,8 @@ void end_at_a_probe() {
     }
 }
 
-// Allocations, resizes, releases and verifications of that size, after which the process ends. Its name reads like what
-// stands behind the name in /proc.
+// Allocates, resizes, releases and verifies blocks of that size, then ends the process.
+// The name of the process has brackets and numbers, like the line of /proc that holds it.
 Outcome work_without_probes(size_t size) {
     return run_named([size] {
         prctl(PR_SET_NAME, "a) R 1 2 (b) 3");

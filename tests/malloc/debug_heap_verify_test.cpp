@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// Mode 2: the whole heap at every call, its findings in their order, and what it costs.
+// Verification of the whole heap: when it runs, its findings, and their order.
 #include "debug_heap_support.h"
 
 #include <malloc/internal/debug_heap_state.h>
@@ -18,7 +18,7 @@ namespace {
 
 constexpr int kVerify = ZEL_MALLOC_VERIFY_HEAP;
 
-// What a call of the body says on a heap with one damaged block <P> of 4 bytes.
+// The output of the body on a heap with one damaged block <P> of 4 bytes.
 Outcome run_damaged(const std::function<void()> &call) {
     return run_heap(kVerify, [&call] {
         void *pointer = named('P', zel_malloc(4, "F", "p"));
@@ -205,7 +205,7 @@ void protect(int protection) {
     }
 }
 
-// Takes away the pages of the record table that hold nothing but records between the two, until the process ends.
+// Makes the pages of the record table unreadable that hold only records between the two.
 void forbid_records(uint32_t first, uint32_t last) {
     const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
     auto *begin = reinterpret_cast<char *>(&zel::memory::debug_heap.records[first]);
@@ -226,7 +226,7 @@ TEST(DebugHeapVerify, RecordsThatAreNotInUseAreNotLookedAt) {
         for (void *&pointer : pointers) {
             pointer = zel_malloc(4, "F", "p");
         }
-        // Of those released the second one goes last: it is what the next allocation takes.
+        // The second record is released last: the next allocation takes it.
         for (size_t index = kCount - 2; index > 0; --index) {
             zel_free(pointers[index]);
         }

@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// The set of record indices beside a set of the standard library.
+// The set of record indices, compared with a set of the standard library.
 #include <malloc/internal/index_set.h>
 
 #include <gtest/gtest.h>
@@ -13,7 +13,7 @@ using namespace zel::memory;
 
 namespace {
 
-// A set with its words, and what it must be equal to.
+// A set with its words, and the reference that it must equal.
 struct Pair {
     explicit Pair(uint32_t range) : capacity(range) {
         for (uint32_t level = 0; level < kIndexLevels; ++level) {
@@ -134,7 +134,8 @@ TEST(IndexSet, TheLastLevelIsOneWordForEveryIndexThatThereCanBe) {
 }
 
 TEST(IndexSet, AWalkLooksAtAFewWordsForEachMemberWhateverTheRange) {
-    // The words on the way to the members are there; all others are not, and looking at one would end the test.
+    // Each level has one word, on the way to the member. Another word would be outside
+    // the array.
     constexpr uint32_t kRange = uint32_t{1} << 30;
     std::array<std::array<uint32_t, 1>, kIndexLevels> words = {};
     IndexSet set = {};
@@ -143,6 +144,6 @@ TEST(IndexSet, AWalkLooksAtAFewWordsForEachMemberWhateverTheRange) {
     }
     insert_index(set, 3);
     EXPECT_EQ(next_index(set, kRange, 0), 3U);
-    // Behind the only member of the lowest words, the levels above say at once that nothing follows.
+    // No level has a bit behind the member: no other word is read.
     EXPECT_EQ(next_index(set, kRange, 4), kRange);
 }

@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// What the tests of the memory library share.
+// Support of the memory library's tests.
 #include "malloc_support.h"
 
 #include <msg/msg.h>

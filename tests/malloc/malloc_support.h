@@ -1,5 +1,6 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// What the tests of the memory library share: the system allocator watched, failures caught, children that end.
+// Support of the memory library's tests: the system allocator watched, failures caught,
+// children that end.
 #ifndef ZEL_TESTS_MALLOC_MALLOC_SUPPORT_H
 #define ZEL_TESTS_MALLOC_MALLOC_SUPPORT_H
 
@@ -15,12 +16,14 @@
 
 namespace zel::test {
 
-// A size that no system provides once deny_huge has limited the address space to it; it is still no negative number,
-// which would be another story to a memory checker. For children.
+// A size that no system provides after deny_huge has limited the address space. As a
+// signed number it is not negative: memory checkers complain of sizes that are. For
+// children.
 inline constexpr size_t kHuge = PTRDIFF_MAX - 4095;
 void deny_huge();
 
-// All calls of the system allocator in its scope, each as "malloc SIZE", "realloc SIZE" or "free".
+// All calls of the system allocator in its scope, each as "malloc SIZE", "realloc SIZE"
+// or "free".
 class AllocatorLog {
 public:
     std::vector<std::string> calls;
@@ -41,7 +44,8 @@ private:
                                    }};
 };
 
-// In its scope the n-th request (from 0) of either kind fails with that error; all others are the real ones.
+// In its scope the n-th request (from 0) of either kind fails with that error; all others
+// are the real ones.
 class FailingRequest {
 public:
     explicit FailingRequest(int nth, int error = ENOMEM) : left_(nth), error_(error) {}
@@ -58,7 +62,7 @@ private:
                                                 }};
 };
 
-// What a failure handler was called with.
+// The arguments of one call of a failure handler.
 struct Failure {
     unsigned long size;
     std::string text;
@@ -67,7 +71,7 @@ struct Failure {
 
 void PrintTo(const Failure &failure, std::ostream *out);
 
-// A handler in its scope that notes each failure and returns what it is told to.
+// In its scope a failure handler notes each failure and returns the given result.
 class CaughtFailures {
 public:
     explicit CaughtFailures(void *result = nullptr);
@@ -81,11 +85,11 @@ private:
     ZelMallocFailureHandler before_;
 };
 
-// Runs the body in a child that writes each message on one line. The sanitizer's own remark on a huge request is taken
-// out of what the child wrote.
+// Runs the body in a child that writes each message on one line. The sanitizer's own
+// remark on a huge request is taken out of the child's output.
 Outcome run_unwrapped(const std::function<void()> &body);
 
-// What a fatal error leaves.
+// Whether a child ended with that error message.
 testing::AssertionResult ended_with_error(const Outcome &outcome, const std::string &text);
 
 } // namespace zel::test

@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// Requests that fail: the text of each report, who gets it, and what the entry then returns.
+// Requests that fail: the text of the report, the failure handler, the entry's result.
 #include "malloc_support.h"
 
 #include <msg/msg.h>
@@ -10,7 +10,7 @@ using namespace zel::test;
 
 namespace {
 
-// A call of an entry whose first request fails, and the report that is due.
+// A call of an entry whose first request fails, and its report.
 struct FailingCall {
     const char *entry;
     std::function<void *()> call;
@@ -199,7 +199,7 @@ TEST(MallocFailure, EachPieceOfAJoinedTextIsReportedWithItsOwnSize) {
     }
 }
 
-// The size that this holds: the report has 10000 characters with its end.
+// This test holds the size of a report: 10000 characters with its NUL.
 TEST(MallocFailure, ALongReportIsCut) {
     const CaughtFailures caught;
     const FailingRequest no_memory(0);

@@ -1,6 +1,6 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// What the memory library remembers from its first call on. Every test works in a child: the test program itself never
-// allocates from the library, so that each child begins where a process begins.
+// The state of the memory library. The test program never allocates from the library, so
+// that each child starts with the state of a new process.
 #include "malloc_support.h"
 
 #include <malloc/debug_heap.h>
@@ -11,7 +11,7 @@ using namespace zel::test;
 
 namespace {
 
-// Whether the debug heap can still be switched on after this, which the first attempt puts an end to.
+// Whether the work holds an attempt: after one the debug heap cannot be switched on.
 bool counts_as_attempt(const std::function<void()> &work) {
     const Outcome outcome = run_unwrapped([&work] {
         work();

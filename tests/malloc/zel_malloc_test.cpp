@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// The entries that allocate, resize and release: what they ask of the system, what they refuse, what they count.
+// The entries that allocate, resize and release: their requests, refusals and counts.
 #include "malloc_support.h"
 
 #include <algorithm>
@@ -16,7 +16,7 @@ void *pointer_of(uintptr_t address) {
     return reinterpret_cast<void *>(address); // NOLINT(performance-no-int-to-ptr)
 }
 
-// The counter's growth while something runs, modulo its width.
+// The growth of the total by the work, modulo its width.
 uint32_t requested_by(const std::function<void()> &work) {
     const auto before = static_cast<uint32_t>(zel_malloc_total_requested());
     work();
@@ -28,7 +28,7 @@ bool all_zero(const void *block, size_t size) {
     return std::all_of(bytes, bytes + size, [](unsigned char byte) { return byte == 0; });
 }
 
-// An allocator whose storage is never clean.
+// In its scope no byte of new storage is 0.
 struct DirtyAllocator {
     Interposed<void *(size_t)> malloc{hook::malloc, [](size_t size) {
                                           void *block = hook::malloc.real(size);
@@ -36,7 +36,7 @@ struct DirtyAllocator {
                                       }};
 };
 
-// Each entry that allocates, with the size of its request and what it makes of a size of nothing.
+// The entries that allocate, by size.
 struct Allocation {
     const char *entry;
     std::function<void *(size_t)> call;
@@ -51,7 +51,7 @@ const std::vector<Allocation> kAllocations = {
     {"zel_realloc_if_room", [](size_t size) { return zel_realloc_if_room(nullptr, size); }},
 };
 
-// The same of those that clear.
+// The entries that clear, by count and size.
 struct ZeroedAllocation {
     const char *entry;
     std::function<void *(size_t, size_t)> call;
@@ -63,11 +63,11 @@ const std::vector<ZeroedAllocation> kZeroedAllocations = {
     {"zel_calloc_if_room", [](size_t count, size_t size) { return zel_calloc_if_room(count, size); }},
 };
 
-// And of those that resize.
+// The entries that resize.
 struct Resizing {
     const char *entry;
     std::function<void *(void *, size_t)> call;
-    const char *name; // that a refusal shows
+    const char *name; // in the text of a refusal
 };
 
 const std::vector<Resizing> kResizings = {
@@ -83,7 +83,7 @@ std::string digits(const std::string &significant) {
     return "0x" + std::string(2 * sizeof(void *) - significant.size(), '0') + significant;
 }
 
-// Says so when the pointer goes to the system.
+// Prints when the pointer goes to the system.
 Outcome release_in_child(uintptr_t address) {
     return run_unwrapped([address] {
         const Interposed releasing(hook::free, [address](void *pointer) {

@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// Texts in storage of the memory library: copied, joined, formatted.
+// Texts of the memory library: copied, joined, formatted.
 #include "malloc_support.h"
 
 #include <array>
@@ -13,7 +13,7 @@ namespace {
 
 using Calls = std::vector<std::string>;
 
-// A printf whose n-th attempt (from 0) fails; the error is left alone where it is none.
+// A vsnprintf whose n-th attempt (from 0) fails, with that error or with errno as it is.
 class FailingFormat {
 public:
     FailingFormat(int nth, std::optional<int> error) : left_(nth), error_(error) {}
@@ -43,7 +43,7 @@ __attribute__((format(printf, 1, 2))) char *format_list(const char *format, ...)
     return text;
 }
 
-// A failure handler in its scope that provides what was asked for, like a program with a reserve.
+// In its scope a failure handler provides the storage from a reserve of its own.
 struct Reserve {
     Reserve() : before(zel_malloc_set_failure_handler(provide)) { sizes.clear(); }
     ~Reserve() { zel_malloc_set_failure_handler(before); }
@@ -235,7 +235,7 @@ TEST(ZelPrintfStrdup, WhatAHandlerReturnsForAFailedResizeIsTheBufferFromThenOn) 
     EXPECT_EQ(text, Reserve::block);
     EXPECT_EQ(Reserve::sizes, std::vector<unsigned long>{42});
     zel_free(text);
-    zel_free(before); // like after any resize that failed, it is still there
+    zel_free(before); // a block that cannot be resized stays
 }
 
 TEST(ZelPrintfStrdup, WhatAHandlerReturnsIsReleasedWhenTheTextCannotBeFormatted) {
@@ -253,7 +253,7 @@ TEST(ZelPrintfStrdup, WhatAHandlerReturnsIsReleasedWhenTheTextCannotBeFormatted)
     EXPECT_EQ(released, std::vector<void *>{Reserve::block});
 }
 
-// The sizes that these hold: a text starts with 16 bytes.
+// These tests hold the first size of a text, 16 bytes.
 #ifndef ZEL_SMALL_CONSTANTS
 
 TEST(ZelPrintfStrdupSize, OneSpareByteIsDemanded) {
@@ -278,7 +278,7 @@ TEST(ZelPrintfStrdupSize, AnErrorWithoutANumberDoublesTheBuffer) {
     for (const std::optional<int> error : {std::optional<int>(), std::optional<int>(0), std::optional<int>(ERANGE)}) {
         const AllocatorLog log;
         const FailingFormat failing(0, error);
-        errno = EINVAL; // what stood there before is no error of the formatting
+        errno = EINVAL; // an error from before the call
         char *text = zel_printf_strdup("%s", "text");
         EXPECT_STREQ(text, "text");
         EXPECT_EQ(log.calls, (Calls{"malloc 16", "realloc 32"}));

@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// What a process has open and whom it has started.
+// The open descriptors and the children of this process.
 #include <support/census.h>
 
 #include <cerrno>

@@ -1,5 +1,6 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// What a process has open and whom it has started: compared before and after each test.
+// The open descriptors and the children of this process. They are compared before and
+// after each test.
 #ifndef ZEL_TESTS_SUPPORT_CENSUS_H
 #define ZEL_TESTS_SUPPORT_CENSUS_H
 
@@ -7,7 +8,7 @@
 
 namespace zel::test {
 
-// The descriptors that are open.
+// The numbers of all open descriptors.
 std::set<int> open_descriptors();
 
 // Whether the process has children, ended or not, that nobody waited for.

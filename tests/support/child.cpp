@@ -16,9 +16,9 @@ namespace {
 
 constexpr unsigned kSecondsAllowed = 60;
 
-// A file without a name: it holds what a pipe would block on.
+// A file without a name. Unlike a pipe it takes any amount of output.
 int open_scratch() {
-    // Nothing is left to fill in here: mkostemp wants six X at the end, and writes a name that nobody has over them.
+    // mkostemp replaces the six X by a name that is free.
     char name[] = "/tmp/zel-test-XXXXXX";
     const int fd = mkostemp(name, O_CLOEXEC);
     unlink(name);
@@ -36,7 +36,8 @@ std::string read_from_start(int fd) {
     return text;
 }
 
-// What a body throws must not reach the test program around it, which would go on with its other tests in the child.
+// noexcept: an exception must not reach the test program, which would run its other tests
+// in the child.
 [[noreturn]] void run_body(const std::function<void()> &body, int out, int err) noexcept {
     alarm(kSecondsAllowed);
     const int in = open("/dev/null", O_RDONLY);

@@ -10,7 +10,7 @@
 namespace zel::test {
 
 ScratchFolder::ScratchFolder() {
-    // Nothing is left to fill in here: mkdtemp wants six X at the end, and writes a name that nobody has over them.
+    // mkdtemp replaces the six X by a name that is free.
     char name[] = "/tmp/zel-test-XXXXXX";
     path = mkdtemp(name);
 }

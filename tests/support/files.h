@@ -7,7 +7,7 @@
 
 namespace zel::test {
 
-// An empty folder of its own, removed with all it holds where its scope ends.
+// An empty folder, removed with its contents at the end of its scope.
 struct ScratchFolder {
     ScratchFolder();
     ~ScratchFolder();
@@ -16,10 +16,12 @@ struct ScratchFolder {
     std::string path;
 };
 
+// The contents of a file; empty when it cannot be read.
 std::string read_file(const std::string &path);
+// Creates or replaces a file.
 void write_file(const std::string &path, const std::string &contents);
 
-// Where the companion program of that name was built.
+// The path of a companion program, by its name.
 std::string companion_path(const std::string &name);
 
 } // namespace zel::test

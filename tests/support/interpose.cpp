@@ -1,23 +1,25 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// Replacing functions of the C library: the linker sends each call of SYMBOL to __wrap_SYMBOL.
+// Replacing functions of the C library: the linker sends each call of SYMBOL to
+// __wrap_SYMBOL.
 #include <support/interpose.h>
 
 #include <cstdarg>
 
-// Defines the hook of a function, and its wrapper under the name that calls of it have on this target.
+// Defines the hook of a function, and its wrapper under the name that calls of it have on
+// this target.
 #define HOOK(result, name, symbol, parameters, arguments)                                                              \
     extern "C" result real_##name parameters __asm__("__real_" symbol);                                                \
     extern "C" result wrap_##name parameters __asm__("__wrap_" symbol);                                                \
     namespace zel::test::hook {                                                                                        \
     Hook<result parameters> name = {.real = real_##name, .replacement = {}};                                           \
     }                                                                                                                  \
-    /* Calls that come before the hook is constructed find it empty. */                                                \
+    /* A call before the hook is constructed finds it empty. */                                                        \
     result wrap_##name parameters {                                                                                    \
         const auto &hook = zel::test::hook::name;                                                                      \
         return hook.replacement ? hook.replacement arguments : real_##name arguments;                                  \
     }
 
-// With 64-bit offsets and times, 32-bit x86 has other names for some functions.
+// With 64-bit file offsets and times some functions have other names on x86.
 #ifdef __i386__
 #define TIME64(symbol, symbol_x86) symbol_x86
 #else

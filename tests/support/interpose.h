@@ -1,10 +1,12 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// Replacing functions of the C library for the scope of a test, in the library and in the test itself.
+// Replacing functions of the C library for the scope of a test, in the library and in the
+// test itself.
 //
 //   Interposed failing(hook::send, [](int, const void *, size_t, int) -> ssize_t { errno = EPIPE; return -1; });
 //
-// A replacement may call the real function: hook::send.real(...). Replacements are inherited by a forked child. Those
-// of malloc, realloc and free must neither allocate nor release, but by the real ones.
+// A replacement may call the real function: hook::send.real(...). A forked child inherits
+// the replacements. Those of malloc, realloc and free allocate through the real functions
+// alone.
 #ifndef ZEL_TESTS_SUPPORT_INTERPOSE_H
 #define ZEL_TESTS_SUPPORT_INTERPOSE_H
 
@@ -36,7 +38,7 @@ struct Hook<Result(Arguments...)> {
     std::function<Result(Arguments...)> replacement;
 };
 
-// Puts a replacement in place, and what was there before back where its scope ends.
+// Puts a replacement in place. The end of its scope restores the one before.
 template <typename Signature>
 class Interposed {
 public:
@@ -55,7 +57,8 @@ private:
 template <typename Signature, typename Replacement>
 Interposed(Hook<Signature> &, Replacement) -> Interposed<Signature>;
 
-// A replacement whose n-th call (from 0) fails with that errno and result; all others are the real function.
+// A replacement whose n-th call (from 0) fails with that error and result. All other
+// calls go to the real function.
 template <typename Result, typename... Arguments>
 std::function<Result(Arguments...)> fail_nth(Hook<Result(Arguments...)> &hook, int nth, int error,
                                              std::type_identity_t<Result> result) {
@@ -68,7 +71,7 @@ std::function<Result(Arguments...)> fail_nth(Hook<Result(Arguments...)> &hook, i
     };
 }
 
-// A replacement that fails every time.
+// A replacement whose every call fails with that error and result.
 template <typename Result, typename... Arguments>
 std::function<Result(Arguments...)> fail_always(Hook<Result(Arguments...)> & /*hook*/, int error,
                                                 std::type_identity_t<Result> result) {

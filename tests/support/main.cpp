@@ -1,5 +1,6 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// The entry of every test program. After each test the world must be as it was: descriptors, children, environment.
+// The main function of every test program. A test that leaves descriptors, children or
+// variables behind fails.
 #include <support/census.h>
 
 #include <gtest/gtest.h>
@@ -44,13 +45,14 @@ extern "C" const char *__lsan_default_suppressions() {
     return kLeaksOnPurpose;
 }
 
-// A request that no system provides fails like without the sanitizer, and nothing is added to what a child writes.
+// A request that no system provides returns null, as without the sanitizer. A list of the
+// suppressed leaks would stand in the standard error of a child, which tests compare.
 extern "C" const char *__asan_default_options();
 extern "C" const char *__asan_default_options() {
     return "allocator_may_return_null=1:print_suppressions=0";
 }
 
-// A list of what was suppressed would stand in the standard error of a child, which tests compare.
+// No list of the suppressed leaks.
 extern "C" const char *__lsan_default_options();
 extern "C" const char *__lsan_default_options() {
     return "print_suppressions=0";
@@ -58,9 +60,9 @@ extern "C" const char *__lsan_default_options() {
 
 int main(int argc, char **argv) {
     testing::InitGoogleTest(&argc, argv);
-    umask(022); // what tests make for others to read is readable, whatever mask the user has
-    // Behind the printer: the end of a test is told to the listeners in reverse order, so that the test has been looked
-    // at when the printer says how it ended.
+    umask(022); // files for other users are readable under any mask of the caller
+    // Listeners hear of the end of a test in reverse order: the last one checks the test
+    // before the printer writes its result.
     testing::UnitTest::GetInstance()->listeners().Append(new CleanWorld);
     return RUN_ALL_TESTS();
 }

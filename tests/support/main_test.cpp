@@ -1,6 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// What every test program does for its tests. The look at the world after each of them: who leaves something behind has
-// failed, in its own line and in the summary. And the child in which a body runs.
+// The check after each test for things left behind, and the child in which a body runs.
 #include <support/child.h>
 
 #include <gtest/gtest.h>
@@ -44,7 +43,7 @@ private:
     void (*body_)();
 };
 
-// Tests that are there only for a run that asks for them.
+// These tests exist only in a run that asks for them.
 void add_leaving(const char *name, void (*body)()) {
     testing::RegisterTest("Leaving", name, nullptr, nullptr, __FILE__, __LINE__,
                           [body]() -> testing::Test * { return new Leaving(body); });
@@ -68,7 +67,7 @@ Outcome run_leaving() {
     return run_program({"env", std::string(kWanted) + "=1", self, "--gtest_filter=Leaving.*", "--gtest_color=no"});
 }
 
-// Whether the printer says what was found, then in the test's own line that it failed, before the next test begins.
+// Whether the printer writes the finding and then the failure in the test's own line.
 bool failed_by(const std::string &out, const std::string &name, const std::string &found) {
     const size_t begin = out.find("[ RUN      ] Leaving." + name + "\n");
     const size_t end = out.find("[  FAILED  ] Leaving." + name + " (", begin);
