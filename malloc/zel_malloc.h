@@ -16,8 +16,12 @@
  *   zel_free(path);
  *   zel_free(table);
  *
- * The entries. Form F is described by function and purpose, form L by name, line and
- * file; these follow the arguments shown. Form E is described by the entry's own name.
+ * The entries, by the form of the description of their caller:
+ *
+ *   F  function and purpose, which follow the arguments shown
+ *   L  name, line and file, which follow the arguments shown
+ *   M  name, line and file, which the macro fills in
+ *   E  the entry's own name alone
  *
  *   entry                form  arguments      null without a request     out of memory
  *   -------------------  ----  -------------  -------------------------  -------------
@@ -33,8 +37,8 @@
  *   zel_realloc_fl       L     pointer, size  size 0: pointer released   reported
  *   zel_strdup_fl        L     text           text null                  reported
  *   zel_strdup2_fl       L     a, b           -                          reported
- *   ZEL_MALLOC_ARRAY     L     type, count    count 0                    reported
- *   ZEL_STRDUP           L     text           text null                  reported
+ *   ZEL_MALLOC_ARRAY     M     type, count    count 0                    reported
+ *   ZEL_STRDUP           M     text           text null                  reported
  *   zel_malloc_if_room   E     size           size 0                     quiet: null
  *   zel_calloc_if_room   E     count, size    count 0 or size 0          quiet: null
  *   zel_realloc_if_room  E     pointer, size  size 0: pointer released   quiet: null
