@@ -1,10 +1,10 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// The start-up hook: the marker, the variable, and what a request does.
+// The start-up hook: finding a request and carrying it out.
 #include <components/platform/debug_hooks.h>
 
-#include <components/platform/base/allocation.h>
 #include <components/platform/base/path.h>
 #include <components/platform/base/sleep.h>
+#include <components/platform/debug_hooks/request.h>
 #include <components/platform/environment.h>
 #include <msg/base/variables.h>
 
@@ -18,6 +18,10 @@
 
 namespace {
 
+using zel::debug_hooks::allocate_text;
+using zel::debug_hooks::copy_text;
+using zel::debug_hooks::Request;
+
 constexpr const char *kMarker = "__ZEL_DEBUG__";
 constexpr int32_t kScanBound = 511;
 constexpr unsigned kDefaultDelay = 30;
@@ -29,23 +33,6 @@ constexpr std::array<const char *, 8> kVariables = {
 
 // The caller's own arguments, ended by null.
 using ArgumentsBefore = std::array<char *, kScanBound>;
-
-// The texts here come from the C library's allocator: the hook runs before the program has decided on its debug heap,
-// and an allocation of the memory library would decide for it. Their length is whatever the command line's was.
-void *allocate(size_t size) {
-    return zel::allocate_or_end(size, "platform_debug_hooks");
-}
-
-char *allocate_text(size_t length) {
-    return static_cast<char *>(allocate(length + 1));
-}
-
-char *copy_text(std::string_view text) {
-    char *copy = allocate_text(text.size());
-    memcpy(copy, text.data(), text.size());
-    copy[text.size()] = '\0';
-    return copy;
-}
 
 // The words from the first to the last, joined with single blanks.
 char *join(char *const *first, char *const *last) {
@@ -71,46 +58,6 @@ char *join_list(char *const *words) {
         ++last;
     }
     return join(words, last);
-}
-
-// A request taken apart. The words are those behind the op.
-struct Request {
-    char *line;   // the copy that the words stand in
-    char **words; // line, op and all; ended by null
-    const char *op;
-    char **arguments;
-};
-
-char *next_word(char **position) {
-    char *word = *position + strspn(*position, " \t");
-    if (*word == '\0') {
-        return nullptr;
-    }
-    char *end = word + strcspn(word, " \t");
-    *position = *end == '\0' ? end : end + 1;
-    *end = '\0';
-    return word;
-}
-
-Request take_apart(const char *text) {
-    const size_t length = strlen(text);
-    Request request = {.line = copy_text({text, length}), .words = nullptr, .op = nullptr, .arguments = nullptr};
-    // Words of one character and a blank each, and the null behind them.
-    request.words = static_cast<char **>(allocate((length / 2 + 2) * sizeof(char *)));
-    char *position = request.line;
-    size_t count = 0;
-    for (char *word = next_word(&position); word != nullptr; word = next_word(&position)) {
-        request.words[count++] = word;
-    }
-    request.words[count] = nullptr;
-    request.op = request.words[0];
-    request.arguments = request.words + (count == 0 ? 0 : 1);
-    return request;
-}
-
-void release(const Request &request) {
-    free(request.words);
-    free(request.line);
 }
 
 const char *user_shell() {
@@ -271,13 +218,13 @@ void start_with_raised_rights(int32_t argc, char **argv, const char *name) {
 } // namespace
 
 void platform_debug_op(const char *program, char **args_before, const char *request) {
-    const Request parts = take_apart(request);
+    const Request parts = zel::debug_hooks::take_apart(request);
     if (parts.op == nullptr) {
         describe_program(program, args_before);
         become_shell_command(user_shell());
     }
     carry_out(parts, program, args_before);
-    release(parts);
+    zel::debug_hooks::release(parts);
 }
 
 void platform_debug_hooks_named(int32_t *argc, char **argv, const char *name) {

@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// Status and access tests, and small changes to directories.
+// Status and access tests.
 #include <components/platform/file_control.h>
 
 #include <pwd.h>
@@ -8,8 +8,6 @@
 #include <unistd.h>
 
 namespace {
-
-constexpr mode_t kDirectoryMode = 0777;
 
 bool read_status(const char *path, struct stat *status) {
     return path != nullptr && stat(path, status) == 0;
@@ -70,27 +68,6 @@ const char *platform_file_owner(const char *path) {
     }
     const struct passwd *entry = getpwuid(status.st_uid);
     return entry == nullptr ? nullptr : entry->pw_name;
-}
-
-int platform_remove_file(const char *path) {
-    struct stat status;
-    return path != nullptr && lstat(path, &status) == 0 && remove(path) == 0 ? 1 : 0;
-}
-
-int platform_rename(const char *from, const char *to) {
-    return from != nullptr && to != nullptr && rename(from, to) == 0 ? 1 : 0;
-}
-
-int platform_mkdir(const char *path) {
-    return path != nullptr && mkdir(path, kDirectoryMode) == 0 ? 1 : 0;
-}
-
-int platform_make_dir(const char *path) {
-    return platform_mkdir(path);
-}
-
-int platform_rmdir(const char *path) {
-    return path != nullptr && rmdir(path) == 0 ? 1 : 0;
 }
 
 int64_t platform_free_space(const char *path) {
