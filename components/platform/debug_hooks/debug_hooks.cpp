@@ -186,7 +186,7 @@ int32_t find_marker(int32_t bound, char **argv, ArgumentsBefore &before) {
 }
 
 // DELIBERATE: a process that was started through the marker opens no diagnostics file and echoes nothing: a developer
-// runs it by hand, and its output is its own. Held by the test DebugHooksMarker.NoDiagnosticsAreOpened.
+// runs it by hand, and its output is its own. Held by the test DebugHooksMarker.AMarkerOpensNoDiagnostics.
 void act_on_marker(int32_t index, int32_t *argc, char **argv, ArgumentsBefore &before) {
     char *request = join(argv + index + 1, argv + *argc);
     *argc = index;

@@ -268,7 +268,7 @@ TEST(DebugOp, TheVariablesOfAnotherProgramAreReplacedEvenByNothing) {
     EXPECT_EQ(outcome.out, "<debug prog|prog|>\n");
 }
 
-TEST(DebugOp, ThePromptHasWhatFollowsTheLastSlashAndTheNameIsHandedOnUnchanged) {
+TEST(DebugOp, ThePromptTextIsTheLastComponentAndTheNameStaysWhole) {
     const char *print = "using echo \"$ZEL_DEBUG_PROMPT|$ZEL_EXE\"";
     EXPECT_EQ(run_hook({"/opt/x/prog.x.bin"}, print).out, "debug prog.x.bin|/opt/x/prog.x.bin\n");
     EXPECT_EQ(run_hook({".//../prog"}, print).out, "debug prog|.//../prog\n");
@@ -286,7 +286,7 @@ TEST(DebugOp, AScriptWithoutAnInterpreterCannotBeStarted) {
     EXPECT_EQ(outcome.status, 1);
 }
 
-TEST(DebugOp, WhatItTookIsGivenBackButForTheVariable) {
+TEST(DebugOp, WhatARequestTookIsGivenBackButForTheVariable) {
     const Outcome outcome = run_in_child([] {
         const FakeClock clock;
         unsetenv("ZEL_DIAGNOSTICS_PATH");

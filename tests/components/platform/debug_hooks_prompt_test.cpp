@@ -26,7 +26,7 @@ struct Pipe {
             exit(2);
         }
     }
-    // What the pipe still holds, read from the descriptor.
+    // The rest of the pipe, read from the descriptor.
     std::string rest() const {
         close(writer);
         std::string text;
@@ -41,11 +41,11 @@ struct Pipe {
 
 } // namespace
 
-TEST(DebugOp, APromptWithWordsWritesEachAndABlank) {
+TEST(DebugPrompt, APromptWithWordsWritesEachAndABlank) {
     EXPECT_EQ(run_hook({"prog"}, "prompt attach \t now").err, "attach now \n");
 }
 
-TEST(DebugOp, APromptReadsAtMost254Characters) {
+TEST(DebugPrompt, APromptReadsAtMost254Characters) {
     const ScratchFolder folder;
     write_file(folder.path + "/input", std::string(300, 'x') + "\n");
     const Outcome outcome = run_in_child([&folder] {
@@ -62,7 +62,7 @@ TEST(DebugOp, APromptReadsAtMost254Characters) {
     EXPECT_EQ(outcome.out, std::to_string(301 - 254));
 }
 
-TEST(DebugOp, APromptTakesOneLineFromAPipeAndNotAByteMore) {
+TEST(DebugPrompt, APromptTakesOneLineFromAPipeAndNotAByteMore) {
     const Outcome outcome = run_in_child([] {
         const Pipe input("first\nsecond\n");
         carry_out("prompt");
@@ -71,7 +71,7 @@ TEST(DebugOp, APromptTakesOneLineFromAPipeAndNotAByteMore) {
     EXPECT_EQ(outcome.out, "second\n");
 }
 
-TEST(DebugOp, OfALineThatIsTooLongThePromptLeavesTheRest) {
+TEST(DebugPrompt, OfALineThatIsTooLongThePromptLeavesTheRest) {
     const Outcome outcome = run_in_child([] {
         const Pipe input(std::string(254, 'x') + "rest\nsecond\n");
         carry_out("prompt");
@@ -80,7 +80,7 @@ TEST(DebugOp, OfALineThatIsTooLongThePromptLeavesTheRest) {
     EXPECT_EQ(outcome.out, "rest\nsecond\n");
 }
 
-TEST(DebugOp, APromptTakesWhatStdioHasReadAlreadyFirst) {
+TEST(DebugPrompt, APromptTakesWhatStdioHasReadAlreadyFirst) {
     const Outcome outcome = run_in_child([] {
         const Pipe input("1\nfirst\nsecond\n");
         printf("%c ", getchar());
@@ -95,7 +95,7 @@ TEST(DebugOp, APromptTakesWhatStdioHasReadAlreadyFirst) {
 }
 
 // The line begins in what stdio has read and ends in what the pipe holds.
-TEST(DebugOp, APromptTakesALineOfWhichStdioHasReadAPart) {
+TEST(DebugPrompt, APromptTakesALineOfWhichStdioHasReadAPart) {
     const Outcome outcome = run_in_child([] {
         const Pipe input("1fir");
         printf("%c ", getchar());
@@ -107,7 +107,7 @@ TEST(DebugOp, APromptTakesALineOfWhichStdioHasReadAPart) {
     EXPECT_EQ(outcome.out, "1 second\nnothing else");
 }
 
-TEST(DebugOp, ASignalDoesNotAnswerAPrompt) {
+TEST(DebugPrompt, ASignalDoesNotAnswerAPrompt) {
     const Outcome outcome = run_in_child([] {
         const Pipe input("first\nsecond\n");
         int calls = 0;
@@ -126,7 +126,7 @@ TEST(DebugOp, ASignalDoesNotAnswerAPrompt) {
     EXPECT_EQ(outcome.out, "second\n");
 }
 
-TEST(DebugOp, APromptWaitsForInputThatSomebodyMadeNonBlocking) {
+TEST(DebugPrompt, APromptWaitsForInputThatSomebodyMadeNonBlocking) {
     const Outcome outcome = run_in_child([] {
         const Pipe input("");
         fcntl(STDIN_FILENO, F_SETFL, O_NONBLOCK);
@@ -147,7 +147,7 @@ TEST(DebugOp, APromptWaitsForInputThatSomebodyMadeNonBlocking) {
     EXPECT_EQ(outcome.out, "1 second\n");
 }
 
-TEST(DebugOp, AnInputThatCannotBeReadIsAnAnswerToo) {
+TEST(DebugPrompt, AnInputThatCannotBeReadIsAnAnswerToo) {
     const Outcome outcome = run_in_child([] {
         close(STDIN_FILENO);
         carry_out("prompt");
@@ -157,7 +157,7 @@ TEST(DebugOp, AnInputThatCannotBeReadIsAnAnswerToo) {
     EXPECT_EQ(outcome.status, 0);
 }
 
-TEST(DebugOp, APromptIsWrittenOutBeforeTheLineIsRead) {
+TEST(DebugPrompt, APromptIsWrittenOutBeforeTheLineIsRead) {
     for (const std::string request : {"prompt", "prompt attach now"}) {
         const Outcome outcome = run_in_child([&request] {
             hold_back_errors();

@@ -102,7 +102,7 @@ TEST(DebugHooksMarker, ADelayCutsMarkerAndRequestFromTheArguments) {
     }
 }
 
-TEST(DebugHooksMarker, NoDiagnosticsAreOpened) {
+TEST(DebugHooksMarker, AMarkerOpensNoDiagnostics) {
     const Outcome outcome = run_in_child([] {
         setenv("ZEL_DIAGNOSTICS_PATH", "stderr", 1);
         FakeClock clock;
@@ -113,7 +113,7 @@ TEST(DebugHooksMarker, NoDiagnosticsAreOpened) {
     EXPECT_EQ(outcome.status, 0);
 }
 
-TEST(DebugHooksMarker, ItWinsOverTheVariableWhichIsLeftAlone) {
+TEST(DebugHooksMarker, TheMarkerWinsOverTheVariableWhichIsLeftAlone) {
     const Outcome outcome = run_in_child([] {
         setenv("ZEL_DEBUG", "frob", 1);
         FakeClock clock;
@@ -129,13 +129,13 @@ TEST(DebugHooksMarker, TheProgramsOwnNameIsNoMarker) {
     EXPECT_EQ(outcome.status, 0);
 }
 
-TEST(DebugHooksMarker, OnlyTheFirstOneCounts) {
+TEST(DebugHooksMarker, OnlyTheFirstMarkerCounts) {
     const Outcome outcome = run_hook({"prog", "__ZEL_DEBUG__", "frob", "__ZEL_DEBUG__"});
     EXPECT_EQ(outcome.err, "\"__ZEL_DEBUG__ frob\" not a recognized debug op.\n");
     EXPECT_EQ(outcome.status, 1);
 }
 
-TEST(DebugHooksMarker, ItIsSeenAtIndex510AndNotAt511) {
+TEST(DebugHooksMarker, TheMarkerIsSeenAtIndex510AndNotAt511) {
     std::vector<std::string> words(510, "a");
     words.insert(words.end(), {"__ZEL_DEBUG__", "frob"});
     EXPECT_EQ(run_hook(words).status, 1);
@@ -154,7 +154,7 @@ TEST(DebugHooksMarker, TheRequestReachesBeyondTheScannedArguments) {
     EXPECT_EQ(outcome.out.size(), std::string("end\n").size() + 600 * 2);
 }
 
-TEST(DebugHooksMarker, AsTheLastArgumentItStartsTheUsersShell) {
+TEST(DebugHooksMarker, AMarkerAsTheLastArgumentStartsTheUsersShell) {
     const ScratchFolder folder;
     const std::string shell = script(folder, "shell", kPrintVariables);
     const Outcome outcome = run_hook({"/opt/x/prog", "a", "b c", "__ZEL_DEBUG__"}, nullptr, shell.c_str());
@@ -181,7 +181,7 @@ TEST(DebugHooksMarker, EachMixtureOfSmallAndCapitalLettersIsTheMarker) {
     EXPECT_EQ(outcome.out, "256");
 }
 
-TEST(DebugHooksMarker, WhereverItStandsTheArgumentsEndThereAndThoseBeforeItStay) {
+TEST(DebugHooksMarker, WhereverTheMarkerStandsTheArgumentsEndThere) {
     const Outcome outcome = run_in_child([] {
         for (size_t position = 1; position <= 510; ++position) {
             std::vector<std::string> words(520, "a");
@@ -201,7 +201,7 @@ TEST(DebugHooksMarker, WhereverItStandsTheArgumentsEndThereAndThoseBeforeItStay)
     EXPECT_EQ(outcome.status, 0);
 }
 
-TEST(DebugHooksMarker, AWordThatContainsItOrIsAPartOfItIsAnArgument) {
+TEST(DebugHooksMarker, AWordThatContainsTheMarkerOrIsAPartOfItIsAnArgument) {
     for (const char *word :
          {"__ZEL_DEBUG__x", "x__ZEL_DEBUG__", "__ZEL_DEBUG_", "_ZEL_DEBUG__", "__ZEL_DEBUG__ frob"}) {
         const Outcome outcome = run_hook({"prog", word, "frob"});
@@ -220,13 +220,13 @@ TEST(DebugHooksMarker, TheArgumentsAreCutBeforeTheRequestIsCarriedOut) {
     EXPECT_EQ(outcome.status, 1);
 }
 
-TEST(DebugHooksMarker, EmptyArgumentsBeforeItKeepTheirPlace) {
+TEST(DebugHooksMarker, EmptyArgumentsBeforeTheMarkerKeepTheirPlace) {
     const Outcome outcome =
         run_hook({"prog", "", "a", "", "", "b", "__ZEL_DEBUG__", "using", "echo", "\"<$ZEL_EXE_PARMS>\""});
     EXPECT_EQ(outcome.out, "< a   b>\n");
 }
 
-TEST(DebugHooksMarker, EmptyArgumentsBehindItAreAnEmptyRequest) {
+TEST(DebugHooksMarker, EmptyArgumentsAfterTheMarkerAreAnEmptyRequest) {
     const ScratchFolder folder;
     const std::string shell = script(folder, "shell", "echo here");
     EXPECT_EQ(run_hook({"prog", "__ZEL_DEBUG__", ""}, nullptr, shell.c_str()).out, "here\n");
@@ -237,7 +237,7 @@ TEST(DebugHooksMarker, AnArgumentWithBlanksIsSeveralWordsOfTheRequest) {
     EXPECT_EQ(run_hook({"prog", "__ZEL_DEBUG__", "prompt attach", "to\tit"}).err, "attach to it \n");
 }
 
-TEST(DebugHooksMarker, APromptOpensNoDiagnosticsEither) {
+TEST(DebugHooksMarker, APromptOfTheMarkerOpensNoDiagnostics) {
     const Outcome outcome = run_in_child([] {
         setenv("ZEL_DIAGNOSTICS_PATH", "stderr", 1);
         hook_and_print({"prog", "a", "__ZEL_DEBUG__", "prompt"});
@@ -263,13 +263,13 @@ TEST(DebugHooksVariable, APromptWaitsForALineAndTheVariableIsEmptied) {
     EXPECT_EQ(outcome.out, "2: prog a; ZEL_DEBUG ''\nsecond\n");
 }
 
-TEST(DebugHooksVariable, TheEndOfTheInputIsAnAnswerToo) {
+TEST(DebugHooksVariable, TheEndOfTheInputAnswersAPrompt) {
     const Outcome outcome = run_hook({"prog"}, "prompt");
     EXPECT_EQ(outcome.err, "ZEL_DEBUG prompt>\n");
     EXPECT_EQ(outcome.out, "1: prog; ZEL_DEBUG ''\n");
 }
 
-TEST(DebugHooksVariable, AnEmptyOneDoesNothing) {
+TEST(DebugHooksVariable, AnEmptyVariableDoesNothing) {
     const Outcome outcome = run_hook({"prog"}, "");
     EXPECT_EQ(outcome.out, "1: prog; ZEL_DEBUG ''\n");
     EXPECT_EQ(outcome.err, "");
@@ -290,7 +290,7 @@ TEST(DebugHooksVariable, AllArgumentsAreTheProgramsOwn) {
     EXPECT_EQ(outcome.out, "[debug prog]\n[prog]\n[a b]\n[]\n");
 }
 
-TEST(DebugHooksVariable, ItIsEmptiedBeforeTheRequestIsCarriedOut) {
+TEST(DebugHooksVariable, TheVariableIsEmptiedBeforeTheRequestIsCarriedOut) {
     const Outcome outcome = run_hook({"prog"}, "using echo \"<$ZEL_DEBUG>\"");
     EXPECT_EQ(outcome.out, "<>\n");
 }
@@ -318,7 +318,7 @@ TEST(DebugHooksVariable, WithoutAnyArgumentsTheProgramHasTheEmptyName) {
     EXPECT_EQ(outcome.out, "[debug ]\n[]\n[]\n[]\n");
 }
 
-TEST(DebugHooksVariable, ItIsNotCutEither) {
+TEST(DebugHooksVariable, ALongRequestIsNotCut) {
     const std::string request = "using echo " + std::string(9000, 'x') + " y";
     EXPECT_EQ(run_hook({"prog"}, request.c_str()).out, std::string(9000, 'x') + " y\n");
 }

@@ -223,7 +223,7 @@ TEST(PlatformDiagnostics, ADirectoryWithoutWritePermissionIsReplaced) {
     EXPECT_EQ(outcome.out, opening("/a", "x"));
 }
 
-TEST(PlatformDiagnostics, AFallbackDirectoryIsUsedWithoutATestAndAFileThatCannotBeOpenedIsNotReported) {
+TEST(PlatformDiagnostics, AFallbackDirectoryIsNotTestedAndItsFailureNotReported) {
     const ScratchFolder folder;
     const Outcome outcome = open_and_write({{"ZEL_DIAGNOSTICS_PATH", "/no/such/directory"},
                                             {"ZEL_TMPDIR", folder.path + "/missing"},

@@ -57,11 +57,11 @@ TEST(PlatformDistName, ALongWordIsCut) {
     EXPECT_EQ(name_in(std::string(100000, 'a')), "'" + std::string(255, 'a') + "'\n");
 }
 
-TEST(PlatformDistName, WithoutTheVariableThereIsNone) {
+TEST(PlatformDistName, ThereIsNoNameWithoutTheVariable) {
     EXPECT_EQ(run_with({}, print_name).out, "null\n");
 }
 
-TEST(PlatformDistName, WithoutTheFileThereIsNoneAndNoReport) {
+TEST(PlatformDistName, ThereIsNoNameAndNoReportWithoutTheFile) {
     const ScratchFolder folder;
     const Outcome outcome = run_with({{"ZEL_DIST", folder.path}, {"ZEL_PERROR", "1"}}, print_name);
     EXPECT_EQ(outcome.out, "null\n");

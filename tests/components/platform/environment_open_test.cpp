@@ -82,7 +82,7 @@ TEST_F(PlatformKeptFile, AFileWithASecondLinkIsNoDiagnosticsFile) {
     EXPECT_EQ(read_file(other), "somebody's");
 }
 
-// What the program writes to its closed output is lost, as without a diagnostics file.
+// Output that the program writes to its closed stream is lost, as without a diagnostics file.
 TEST_F(PlatformKeptFile, OutputThatIsClosedDoesNotLandInTheDiagnosticsFile) {
     run_with({{"ZEL_DIAGNOSTICS_PATH", folder.path}}, [] {
         const StandingClock clock;
@@ -103,7 +103,7 @@ TEST_F(PlatformKeptFile, ProgramsDoNotInheritTheDiagnosticsFile) {
     EXPECT_EQ(outcome.out, "sleep 1\nclose-on-exec above");
 }
 
-TEST_F(PlatformKeptFile, TheDistributionFileStandsAboveTheStandardOnesAndIsNotInherited) {
+TEST_F(PlatformKeptFile, TheDistributionFileIsAboveTheStandardOnesAndNotInherited) {
     std::filesystem::create_directory(folder.path + "/dist");
     const std::string path = folder.path + "/dist/DISTRIBUTION";
     write_file(path, "rel-4.2 final");

@@ -173,7 +173,7 @@ TEST(PlatformPerror, PercentSignsInTheTextConvertNothing) {
     EXPECT_EQ(doubled.out, "50%%: Operation not permitted\n");
 }
 
-TEST(PlatformPerror, AsTheFirstCallOfAProcessItNeedsNoMemoryEither) {
+TEST(PlatformPerror, TheFirstReportOfAProcessNeedsNoMemory) {
     const Outcome outcome = run_in_child([] {
         const Interposed failing(hook::malloc, fail_always(hook::malloc, ENOMEM, nullptr));
         errno = ENOENT;

@@ -61,7 +61,7 @@ struct NoFiles {
                                                     }};
 };
 
-// What StandingClock and NoFiles write about a diagnostics file of kTuesday: the pause, then the opening.
+// The text that StandingClock and NoFiles write about a diagnostics file of kTuesday: the pause, then the opening.
 std::string opening(const std::string &directory, const std::string &name);
 
 } // namespace zel::test

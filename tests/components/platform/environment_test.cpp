@@ -79,23 +79,23 @@ TEST(PlatformIsWritableDir, ADirectoryOfOnesOwnIsWritable) {
     EXPECT_EQ(platform_is_writable_dir(folder.path.c_str()), 1);
 }
 
-TEST(PlatformIsWritableDir, AFileIsNot) {
+TEST(PlatformIsWritableDir, AFileIsNoWritableDirectory) {
     const ScratchFolder folder;
     write_file(folder.path + "/file", "");
     EXPECT_EQ(platform_is_writable_dir((folder.path + "/file").c_str()), 0);
 }
 
-TEST(PlatformIsWritableDir, AMissingDirectoryIsNot) {
+TEST(PlatformIsWritableDir, AMissingDirectoryIsNotWritable) {
     const ScratchFolder folder;
     EXPECT_EQ(platform_is_writable_dir((folder.path + "/missing").c_str()), 0);
     EXPECT_EQ(platform_is_writable_dir(""), 0);
 }
 
-TEST(PlatformIsWritableDir, ANullPathIsNot) {
+TEST(PlatformIsWritableDir, ANullPathIsNoWritableDirectory) {
     EXPECT_EQ(platform_is_writable_dir(nullptr), 0);
 }
 
-TEST(PlatformIsWritableDir, ADirectoryWithoutWritePermissionIsNot) {
+TEST(PlatformIsWritableDir, ADirectoryWithoutWritePermissionIsNotWritable) {
     const ScratchFolder folder;
     chmod(folder.path.c_str(), 0555);
     const Outcome outcome = run_with({}, [&folder] {

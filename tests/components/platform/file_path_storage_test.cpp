@@ -61,7 +61,7 @@ void free_and_spoil_errno(void *pointer) {
 
 } // namespace
 
-TEST(Resolve, WithoutABuffer4097BytesAreAllocated) {
+TEST(ResolveEdges, WithoutABuffer4097BytesAreAllocated) {
     const unsigned long before = zel_malloc_total_requested();
     EXPECT_EQ(take(platform_resolve("/tmp", nullptr)), "/tmp");
     EXPECT_EQ(zel_malloc_total_requested() - before, 4097U);
@@ -69,7 +69,7 @@ TEST(Resolve, WithoutABuffer4097BytesAreAllocated) {
     EXPECT_EQ(zel_malloc_total_requested() - before, 2 * 4097U);
 }
 
-TEST(Resolve, FromADirectoryTheProcessComesBackAlsoWhenThePathIsMissing) {
+TEST(ResolveEdges, FromADirectoryTheProcessComesBackAlsoWhenThePathIsMissing) {
     const InFolder anywhere("/");
     char buffer[4097];
     EXPECT_EQ(platform_resolve_in("/tmp", "there/is/none", buffer), nullptr);
@@ -79,7 +79,7 @@ TEST(Resolve, FromADirectoryTheProcessComesBackAlsoWhenThePathIsMissing) {
     EXPECT_STREQ(buffer, "/tmp");
 }
 
-TEST(Resolve, TheBufferMayBeThePathsOwn) {
+TEST(ResolveEdges, TheBufferMayBeThePathsOwn) {
     char buffer[4097] = "/tmp/../tmp/.";
     EXPECT_EQ(platform_resolve(buffer, buffer), buffer);
     EXPECT_STREQ(buffer, "/tmp");
@@ -87,13 +87,13 @@ TEST(Resolve, TheBufferMayBeThePathsOwn) {
     EXPECT_STREQ(platform_resolve_static(first), "/tmp");
 }
 
-TEST(RelativePath, TheBufferMayBeTheTargetsOwn) {
+TEST(RelativePathEdges, TheBufferMayBeTheTargetsOwn) {
     char buffer[4097] = "/a/x/y";
     EXPECT_EQ(platform_relative_path("/a/b/c/d", buffer, buffer), buffer);
     EXPECT_STREQ(buffer, "../../../x/y");
 }
 
-TEST(WorkingDirectory, ANullPathIsReportedAsABadAddress) {
+TEST(WorkingDirectoryEdges, ANullPathIsReportedAsABadAddress) {
     const Outcome outcome = run_in_child([] {
         msg_add_stream(MSG_DIAG, stderr);
         printf("%d", platform_set_cwd(nullptr));
@@ -158,7 +158,7 @@ TEST(PathStorage, BuffersAndCopiesAreAskedForUnderTheirCategoryUnitAndLine) {
     EXPECT_EQ(different.size(), 7U) << "each service has a line of its own";
 }
 
-TEST(WorkingDirectory, InAllocatedStorageItHasUpTo4095Characters) {
+TEST(WorkingDirectoryEdges, AllocatedStorageTakesUpTo4095Characters) {
     for (const size_t length : {size_t{4095}, size_t{4096}}) {
         const ScratchFolder folder;
         const Outcome outcome = run_in_child([&folder, length] {
@@ -170,7 +170,7 @@ TEST(WorkingDirectory, InAllocatedStorageItHasUpTo4095Characters) {
     }
 }
 
-TEST(WorkingDirectory, WhatCannotBeToldLeavesNoStorageAndItsReason) {
+TEST(WorkingDirectoryEdges, WhatCannotBeToldLeavesNoStorageAndItsReason) {
     const ScratchFolder folder;
     const Outcome outcome = run_in_child([&folder] {
         if (chdir(folder.path.c_str()) != 0 || rmdir(folder.path.c_str()) != 0) {
@@ -183,13 +183,13 @@ TEST(WorkingDirectory, WhatCannotBeToldLeavesNoStorageAndItsReason) {
     EXPECT_EQ(outcome.out, "0 1 1");
 }
 
-TEST(Resolve, WhatCannotBeResolvedLeavesItsReasonInErrno) {
+TEST(ResolveEdges, WhatCannotBeResolvedLeavesItsReasonInErrno) {
     const Interposed spoiling(hook::free, free_and_spoil_errno);
     EXPECT_EQ(platform_resolve("/there/is/no/such/place", nullptr), nullptr);
     EXPECT_EQ(errno, ENOENT);
 }
 
-TEST(Resolve, AWayBackThatIsClosedLeavesTheReasonOfTheResolutionInErrno) {
+TEST(ResolveEdges, AWayBackThatIsClosedLeavesTheReasonOfTheResolutionInErrno) {
     const ScratchFolder folder;
     const std::string closed = folder.path + "/closed";
     ASSERT_EQ(mkdir(closed.c_str(), 0755), 0);
@@ -208,7 +208,7 @@ TEST(Resolve, AWayBackThatIsClosedLeavesTheReasonOfTheResolutionInErrno) {
 
 namespace {
 
-// What platform_resolve_in makes of a relative and of an absolute path in a directory that has no name; whether the
+// The results of platform_resolve_in for a relative and an absolute path in a directory that has no name; whether the
 // process has stayed in it; and what was reported.
 std::string resolved_without_way_back(const std::function<void()> &enter) {
     const Outcome outcome = run_in_child([&enter] {
@@ -231,7 +231,7 @@ std::string resolved_without_way_back(const std::function<void()> &enter) {
 
 } // namespace
 
-TEST(Resolve, FromADirectoryThatWasRemovedTheProcessGoesNowhere) {
+TEST(ResolveEdges, FromADirectoryThatWasRemovedTheProcessGoesNowhere) {
     const ScratchFolder folder;
     const std::string report = "platform_set_cwd: No such file or directory\n";
     EXPECT_EQ(resolved_without_way_back([&folder] {
@@ -242,14 +242,14 @@ TEST(Resolve, FromADirectoryThatWasRemovedTheProcessGoesNowhere) {
               "1 reason untouched 1 /tmp 1 1\n" + report + report + report + report);
 }
 
-TEST(Resolve, FromADirectoryTooDeepForANameTheProcessGoesNowhere) {
+TEST(ResolveEdges, FromADirectoryTooDeepForANameTheProcessGoesNowhere) {
     const ScratchFolder folder;
     const std::string report = "platform_set_cwd: Numerical result out of range\n";
     EXPECT_EQ(resolved_without_way_back([&folder] { enter_path_of_length(folder.path, 4096); }),
               "1 reason untouched 1 /tmp 1 1\n" + report + report + report + report);
 }
 
-TEST(Resolve, FromADirectoryOfTheLongestNameTheProcessComesBack) {
+TEST(ResolveEdges, FromADirectoryOfTheLongestNameTheProcessComesBack) {
     const ScratchFolder folder;
     const Outcome outcome = run_in_child([&folder] {
         enter_path_of_length(folder.path, 4095);
@@ -260,7 +260,7 @@ TEST(Resolve, FromADirectoryOfTheLongestNameTheProcessComesBack) {
     EXPECT_EQ(outcome.out, "/tmp 4095");
 }
 
-TEST(Resolve, NoPathGivesNoResult) {
+TEST(ResolveEdges, NoPathGivesNoResult) {
     char buffer[4097];
     EXPECT_EQ(platform_resolve(nullptr, nullptr), nullptr);
     EXPECT_EQ(platform_resolve(nullptr, buffer), nullptr);
@@ -270,7 +270,7 @@ TEST(Resolve, NoPathGivesNoResult) {
     EXPECT_EQ(errno, ENOENT);
 }
 
-TEST(Resolve, WithoutADirectoryTheChangeIsReportedAndTheWorkGoesOn) {
+TEST(ResolveEdges, WithoutADirectoryTheChangeIsReportedAndTheWorkGoesOn) {
     const Outcome outcome = run_in_child([] {
         msg_add_stream(MSG_DIAG, stderr);
         platform_set_cwd("/");
@@ -281,14 +281,14 @@ TEST(Resolve, WithoutADirectoryTheChangeIsReportedAndTheWorkGoesOn) {
     EXPECT_EQ(outcome.err, "platform_set_cwd: Bad address\n");
 }
 
-TEST(Resolve, ThePathMayStandInTheBufferAlsoFromADirectory) {
+TEST(ResolveEdges, ThePathMayStandInTheBufferAlsoFromADirectory) {
     const InFolder anywhere("/");
     char buffer[4097] = "../tmp/.";
     EXPECT_EQ(platform_resolve_in("/", buffer, buffer), buffer);
     EXPECT_STREQ(buffer, "/tmp");
 }
 
-TEST(RelativePath, TheBufferMayBeTheBasesOwnOrThatOfBoth) {
+TEST(RelativePathEdges, TheBufferMayBeTheBasesOwnOrThatOfBoth) {
     char buffer[4097] = "/a/b/c/d";
     EXPECT_EQ(platform_relative_path(buffer, "/a/x/y", buffer), buffer);
     EXPECT_STREQ(buffer, "../../../x/y");
@@ -297,7 +297,7 @@ TEST(RelativePath, TheBufferMayBeTheBasesOwnOrThatOfBoth) {
     EXPECT_STREQ(buffer, ".");
 }
 
-TEST(RelativePath, ALongTargetInTheBufferIsMovedEitherWayWhole) {
+TEST(RelativePathEdges, ALongTargetInTheBufferIsMovedEitherWayWhole) {
     const std::string name = long_name();
     char buffer[4097];
     fill(buffer, "/a/" + name);
@@ -308,7 +308,7 @@ TEST(RelativePath, ALongTargetInTheBufferIsMovedEitherWayWhole) {
     EXPECT_EQ(std::string(buffer), "../" + name);
 }
 
-TEST(RelativePath, NoPathGivesNoResultAndNoStorage) {
+TEST(RelativePathEdges, NoPathGivesNoResultAndNoStorage) {
     EXPECT_EQ(blocks_left_by([] {
                   EXPECT_EQ(platform_relative_path(nullptr, "/a", nullptr), nullptr);
                   EXPECT_EQ(platform_relative_path("/a", nullptr, nullptr), nullptr);
@@ -317,7 +317,7 @@ TEST(RelativePath, NoPathGivesNoResultAndNoStorage) {
               0);
 }
 
-TEST(RelativePath, AWayThatDoesNotFitLeavesNoStorageAndItsReason) {
+TEST(RelativePathEdges, AWayThatDoesNotFitLeavesNoStorageAndItsReason) {
     const std::string name(4096, 'n');
     char *way = nullptr;
     EXPECT_EQ(blocks_left_by([&] { way = platform_relative_path("/a", ("/" + name).c_str(), nullptr); }), 0);
@@ -327,7 +327,7 @@ TEST(RelativePath, AWayThatDoesNotFitLeavesNoStorageAndItsReason) {
     EXPECT_EQ(errno, ENAMETOOLONG);
 }
 
-TEST(PathParts, EachPartMayStandInThePathsOwnBuffer) {
+TEST(PathPartsEdges, EachPartMayStandInThePathsOwnBuffer) {
     char buffer[4097] = "/abc/de.f.g";
     EXPECT_EQ(platform_stem(buffer, buffer), buffer);
     EXPECT_STREQ(buffer, "de.f");
@@ -340,7 +340,7 @@ TEST(PathParts, EachPartMayStandInThePathsOwnBuffer) {
     EXPECT_EQ(std::string(buffer), name);
 }
 
-TEST(PathParts, ANullPathGivesNullAndLeavesTheBufferAlone) {
+TEST(PathPartsEdges, ANullPathGivesNullAndLeavesTheBufferAlone) {
     char buffer[] = "before";
     EXPECT_EQ(platform_dirname(nullptr, buffer), nullptr);
     EXPECT_EQ(platform_basename(nullptr, buffer), nullptr);
@@ -350,7 +350,7 @@ TEST(PathParts, ANullPathGivesNullAndLeavesTheBufferAlone) {
     EXPECT_STREQ(buffer, "before");
 }
 
-TEST(PathParts, APartThatIsMissingTakesNoStorage) {
+TEST(PathPartsEdges, APartThatIsMissingTakesNoStorage) {
     const unsigned long before = zel_malloc_total_requested();
     EXPECT_EQ(platform_extension("/a/b.c/.profile", nullptr), nullptr);
     EXPECT_EQ(zel_malloc_total_requested(), before);

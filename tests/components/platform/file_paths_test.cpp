@@ -71,7 +71,7 @@ std::string random_text(std::mt19937 &generator, const std::string &characters, 
 
 } // namespace
 
-TEST(WorkingDirectory, ItIsWrittenIntoTheCallersBuffer) {
+TEST(WorkingDirectory, TheCallersBufferReceivesTheDirectory) {
     const ScratchFolder folder;
     const InFolder inside(folder.path);
     char buffer[PATH_MAX] = {};
@@ -79,7 +79,7 @@ TEST(WorkingDirectory, ItIsWrittenIntoTheCallersBuffer) {
     EXPECT_EQ(std::string(buffer), folder.path);
 }
 
-TEST(WorkingDirectory, WithoutABufferItIsAllocatedInOfTheMemoryLibrary) {
+TEST(WorkingDirectory, WithoutABufferTheMemoryLibraryAllocatesOne) {
     const ScratchFolder folder;
     const InFolder inside(folder.path);
     const unsigned long before = zel_malloc_total_requested();
@@ -94,7 +94,7 @@ TEST(WorkingDirectory, ABufferThatIsTooSmallGivesNull) {
     EXPECT_EQ(errno, ERANGE);
 }
 
-TEST(WorkingDirectory, ItIsChanged) {
+TEST(WorkingDirectory, TheDirectoryIsChanged) {
     const ScratchFolder folder;
     const InFolder anywhere("/");
     EXPECT_EQ(platform_set_cwd(folder.path.c_str()), 1);

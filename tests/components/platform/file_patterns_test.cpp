@@ -240,7 +240,7 @@ TEST_F(Glob, WithoutARecordNothingIsExpandedWhenAFailureHandlerLetsItPass) {
     EXPECT_EQ(outcome.out, "0 7 0");
 }
 
-TEST(Match, ThereAreNoFlags) {
+TEST(Match, MatchingHasNoFlags) {
     EXPECT_EQ(platform_match("*", "\\*"), 1) << "a backslash takes the meaning from what follows";
     EXPECT_EQ(platform_match("name", "\\*"), 0);
     EXPECT_EQ(platform_match("a/b", "a"), 0) << "the whole name must match";

@@ -25,7 +25,7 @@ namespace fs = std::filesystem;
 namespace {
 
 struct RemoveDir : Trees {
-    // What the removal returns to a user whom permissions bind, as text.
+    // The result of the removal for a user whom permissions bind, as text.
     std::string remove_without_root(const std::string &name) const {
         open_to_all();
         const Outcome outcome = run_in_child([&] {
@@ -44,7 +44,7 @@ TEST_F(RemoveDir, ATreeOfTreacherousNamesIsRemovedWhole) {
     EXPECT_FALSE(exists("tree"));
 }
 
-TEST_F(RemoveDir, ItStartsNoProgram) {
+TEST_F(RemoveDir, RemovalStartsNoProgram) {
     make_tree("tree");
     EXPECT_EQ(forks_during([this] { platform_remove_dir(path("tree").c_str()); }), 0);
     EXPECT_FALSE(exists("tree"));
@@ -258,7 +258,7 @@ TEST_F(RemoveDir, BothListsAreReleasedAlsoWhenAnEntryStopsTheWalk) {
     EXPECT_EQ(result, 0);
 }
 
-TEST_F(RemoveDir, ItKeepsNoStorageOfATreeOfSeveralLevels) {
+TEST_F(RemoveDir, RemovalKeepsNoStorageOfATreeOfSeveralLevels) {
     make_folder("tree");
     make_folder("tree/below");
     make_file("tree/below/file");

@@ -67,7 +67,7 @@ TEST_F(Spawn, AProgramIsFoundAlongThePathAndGetsItsArguments) {
     EXPECT_EQ(exit_code(platform_spawnl_quiet("sh", "sh", "-c", "exit 8", nullptr)), 8);
 }
 
-TEST_F(Spawn, AProgramThatCannotBeExecutedIsAChildThatEndsWith127AndRunsNoExitHandlers) {
+TEST_F(Spawn, AProgramThatCannotBeExecutedEndsWith127WithoutExitHandlers) {
     const Outcome outcome = run_in_child([] {
         atexit([] { dprintf(1, "handler in %s\n", getenv("WHO")); });
         setenv("WHO", "parent", 1);
@@ -367,7 +367,7 @@ TEST_F(Spawn, AQuietChildIsNotStartedWithoutTheNullDevice) {
     EXPECT_EQ(exit_code(platform_spawnl_quiet("true", "true", nullptr)), 0) << "and the next one is";
 }
 
-TEST_F(Spawn, ItKeepsNoStorageAndAsksTheMemoryLibraryForNone) {
+TEST_F(Spawn, SpawningKeepsNoStorageAndAsksTheMemoryLibraryForNone) {
     const unsigned long before = zel_malloc_total_requested();
     EXPECT_EQ(blocks_left_by([] { wait_for(platform_spawnl("true", "true", "x", nullptr)); }), 0);
     EXPECT_EQ(blocks_left_by([] { wait_for(platform_spawnl_quiet("true", "true", "x", nullptr)); }), 0);

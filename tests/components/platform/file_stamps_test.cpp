@@ -31,7 +31,7 @@ bool differ_in(uint32_t FileStamp::*word) {
 
 } // namespace
 
-TEST_F(FileStampTest, ItHoldsTheStatusInElevenWords) {
+TEST_F(FileStampTest, AStampHoldsTheStatusInElevenWords) {
     const std::string file = with_text("file", "12345");
     set_times(file, 1000000001, 1000000002);
     struct stat status;
@@ -84,7 +84,7 @@ TEST_F(FileStampTest, PathDescriptorAndStreamGiveTheSame) {
     fclose(stream);
 }
 
-TEST_F(FileStampTest, WithoutAStatusAllWordsAreZeroAndItIsNotValid) {
+TEST_F(FileStampTest, WithoutAStatusAllWordsAreZeroAndTheStampIsNotValid) {
     const FileStamp none = {};
     for (const FileStamp &stamp :
          {platform_file_stamp(path("missing").c_str()), platform_fd_stamp(-1), platform_stream_stamp(nullptr)}) {

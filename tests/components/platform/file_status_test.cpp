@@ -66,7 +66,7 @@ TEST_F(FileStatus, AccessIsThatOfTheProcess) {
     EXPECT_EQ(platform_is_executable(path("missing").c_str()), 0);
 }
 
-TEST_F(FileStatus, OnlyADirectoryIsOne) {
+TEST_F(FileStatus, OnlyADirectoryIsADirectory) {
     EXPECT_EQ(platform_is_dir(folder.path.c_str()), 1);
     EXPECT_EQ(platform_is_dir(with_text("file").c_str()), 0);
     EXPECT_EQ(platform_is_dir(path("missing").c_str()), 0);

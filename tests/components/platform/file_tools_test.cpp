@@ -31,7 +31,7 @@ int print_instead_of_executing(const char *file, char *const *argv) {
     _exit(0);
 }
 
-// What the standard descriptors of this process lead to.
+// The files that the standard descriptors of this process lead to.
 std::string standard_descriptors() {
     std::string found;
     for (const char *link : {"/proc/self/fd/0", "/proc/self/fd/1", "/proc/self/fd/2"}) {
@@ -86,7 +86,7 @@ TEST_F(Tools, TheArgumentsAreThoseOfTheTool) {
               "/bin/rm: /bin/rm -r -f x\n/bin/cp: /bin/cp -a a b\n/bin/mv: /bin/mv -f " + folder.path + " c\n");
 }
 
-TEST_F(Tools, TheyAreLookedForInBinThenUsrBinThenAlongThePath) {
+TEST_F(Tools, ToolsAreLookedForInBinThenUsrBinThenAlongThePath) {
     const Outcome outcome = run_in_child([this] {
         const Interposed printing(hook::execvp, print_instead_of_executing);
         std::set<std::string> hidden = {"/bin/rm"};
@@ -120,7 +120,7 @@ TEST_F(Tools, OnlyAWholeStatusOfZeroIsSuccess) {
     EXPECT_EQ(platform_remove_tree("x"), 0);
 }
 
-TEST_F(Tools, WhatTheyNeedIsNoAllocationOfTheProgram) {
+TEST_F(Tools, WhatToolsNeedIsNoAllocationOfTheProgram) {
     ASSERT_EQ(mkdir(path("tree").c_str(), 0755), 0);
     const unsigned long before = zel_malloc_total_requested();
     EXPECT_EQ(platform_copy_tree(path("tree").c_str(), path("copy").c_str()), 1);
@@ -163,7 +163,7 @@ TEST_F(Tools, AChildThatCannotBeWaitedForIsAFailure) {
     EXPECT_EQ(platform_remove_tree(path("missing").c_str()), 0);
 }
 
-TEST_F(Tools, TheyInheritAllThreeStandardDescriptors) {
+TEST_F(Tools, ToolsInheritAllThreeStandardDescriptors) {
     const std::string expected = standard_descriptors();
     const Interposed comparing(hook::execvp, [&expected](const char *, char *const *) -> int {
         _exit(standard_descriptors() == expected ? 0 : 1);
@@ -208,7 +208,7 @@ TEST_F(Tools, WhatAReadOnlyPlaceHoldsStaysAndIsAFailure) {
     ASSERT_EQ(chmod(path("place").c_str(), 0755), 0);
 }
 
-TEST_F(Tools, TheyKeepNoStorage) {
+TEST_F(Tools, ToolsKeepNoStorage) {
     const Outcome outcome = run_in_child([this] {
         if (chdir(folder.path.c_str()) != 0 || mkdir("-a", 0755) != 0) {
             exit(2);

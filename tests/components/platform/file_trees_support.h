@@ -34,7 +34,7 @@ private:
     const Interposed<int(int, const char *, int)> guard_;
 };
 
-// What a tree holds: each entry's name, and its text, its target or its kind.
+// The contents of a tree: each entry's name, and its text, its target or its kind.
 std::map<std::string, std::string> contents_of(const std::string &root);
 
 } // namespace zel::test

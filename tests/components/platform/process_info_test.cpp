@@ -109,7 +109,7 @@ uint64_t resident_kb_of(unsigned long pages, long page_size) {
     return memory_of(-1).resident_kb;
 }
 
-// The paths of the files that were opened for reading, each behind a blank.
+// The paths of the files that were opened for reading, each with a blank before it.
 std::string opened_by(const std::function<void()> &work) {
     std::string paths;
     const Interposed opening(hook::fopen, [&paths](const char *path, const char *mode) {
@@ -120,7 +120,7 @@ std::string opened_by(const std::function<void()> &work) {
     return paths;
 }
 
-// What a process's memory is read from, in this form.
+// The line from which a process's memory is read, in this form.
 std::string opened_for(pid_t pid) {
     const std::string number = std::to_string(pid);
     return " /proc/" + number + " /proc/" + number + "/stat";
@@ -154,7 +154,7 @@ TEST(ProcessExists, RunningProcessesExist) {
     EXPECT_EQ(platform_process_exists(static_cast<unsigned long>(child.pid)), 1);
 }
 
-TEST(ProcessExists, NumbersWithoutAProcessDoNot) {
+TEST(ProcessExists, NumbersWithoutAProcessDoNotExist) {
     EXPECT_EQ(platform_process_exists(0), 0);
     EXPECT_EQ(platform_process_exists(kNoProcess), 0);
     EXPECT_EQ(platform_process_exists(ULONG_MAX), 0);

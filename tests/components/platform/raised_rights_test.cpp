@@ -81,7 +81,7 @@ TEST(RaisedRights, TheHookTakesTheVariablesOutOfTheEnvironment) {
     EXPECT_EQ(outcome.out, "; /bin/sh");
 }
 
-TEST(RaisedRights, WithoutThemTheVariablesStay) {
+TEST(RaisedRights, WithoutRaisedRightsTheVariablesStay) {
     const Outcome outcome = run_in_child([] {
         set_all("0");
         unsetenv("ZEL_DEBUG");
@@ -149,7 +149,7 @@ TEST(RaisedRights, TheSystemsLookUpStaysAsItIs) {
     EXPECT_EQ(outcome.out, "/elsewhere");
 }
 
-TEST(RaisedRights, AskingForThemLeavesErrnoAlone) {
+TEST(RaisedRights, AskingForRaisedRightsLeavesErrnoAlone) {
     const Outcome outcome = run_in_child([] {
         const RaisedRights raised;
         errno = EDOM;
@@ -183,7 +183,7 @@ TEST(RaisedRights, NoToolIsSearchedAlongThePath) {
 
 // A program with a set-user-ID bit and another owner. Where this process or the file system cannot give it rights it is
 // an ordinary program, which does what it is told.
-TEST(RaisedRights, ARealProgramThatHasThemDoesNotObeyItsCaller) {
+TEST(RaisedRights, ARealProgramWithRaisedRightsDoesNotObeyItsCaller) {
     constexpr uid_t kNobody = 65534;
     const ScratchFolder folder;
     const std::string program = folder.path + "/program";
