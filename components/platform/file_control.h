@@ -51,6 +51,17 @@ typedef struct FileStamp {
     uint32_t zero;  /* 0 */
 } FileStamp;
 
+/* The flags of platform_mode_test: one kind, plus any number of permissions. */
+typedef enum PlatformMode {
+    PLATFORM_MODE_ANY = 0,        /* kind: any */
+    PLATFORM_MODE_REGULAR = 1,    /* kind: a regular file */
+    PLATFORM_MODE_DIR = 2,        /* kind: a directory */
+    PLATFORM_MODE_SOCKET = 3,     /* kind: a socket */
+    PLATFORM_MODE_READ = 0x100,   /* permission: the owner may read */
+    PLATFORM_MODE_WRITE = 0x200,  /* permission: the owner may write */
+    PLATFORM_MODE_EXECUTE = 0x400 /* permission: the owner may execute or search */
+} PlatformMode;
+
 /* ---- Patterns ---------------------------------------------------------------------------------------------------- */
 
 /* Expands a shell pattern in a directory. pattern: null or "" means "*". Returns 1 and fills the list; 0, the list left
@@ -201,8 +212,8 @@ int platform_file_changed(const char *path, FileStamp stamp);
 int platform_fd_changed(int fd, FileStamp stamp);
 int platform_stream_changed(FILE *stream, FileStamp stamp);
 
-/* 1 when the stamped file is of a kind and its owner has permissions. flags: 0 any kind, 1 regular file, 2 directory, 3
- * socket; plus 0x100 read, 0x200 write, 0x400 execute, all of which must be there. */
+/* 1 when the stamped file is of a kind and its owner has permissions. flags: one kind of PlatformMode plus permissions,
+ * all of which must be there. */
 int platform_mode_test(FileStamp stamp, uint32_t flags);
 
 #pragma GCC visibility pop

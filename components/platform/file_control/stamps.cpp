@@ -6,18 +6,20 @@
 
 namespace {
 
+// A stamp of nothing but zeros is told from that of an empty file by this pattern.
 constexpr uint32_t kCheckPattern = 0x404040;
 constexpr unsigned kHighWordShift = 32;
 static_assert(sizeof(FileStamp) == 11 * sizeof(uint32_t));
 
-constexpr FileStamp kNullStamp = {}; // its check word does not match: not valid
+constexpr FileStamp kNullStamp = {}; // not valid: its check word does not match its size
 
+// Numbers of 64 bits are compared by their low 32 bits alone, but for the size.
 constexpr uint32_t low_word(uint64_t value) {
     return static_cast<uint32_t>(value);
 }
 
-// DELIBERATE: the group and not the owner: a file handed to another group is another file to its readers. Held by the
-// test FileStamp.TheFirstWordIsTheGroupAndNotTheOwner.
+// DELIBERATE: the first word is the group and not the owner. Test:
+// FileStamp.TheFirstWordIsTheGroupAndNotTheOwner.
 FileStamp stamp_of(const struct stat &status) {
     const auto size = static_cast<uint64_t>(status.st_size);
     return {.group = status.st_gid,
@@ -33,27 +35,32 @@ FileStamp stamp_of(const struct stat &status) {
             .zero = 0};
 }
 
+// The parts of the flags of a mode test. Bits beyond them do not count.
 constexpr uint32_t kKindMask = 3;
 constexpr uint32_t kPermissionMask = 0x700;
+static_assert(PLATFORM_MODE_ANY == 0 && PLATFORM_MODE_REGULAR == 1 && PLATFORM_MODE_DIR == 2 &&
+              PLATFORM_MODE_SOCKET == kKindMask);
+static_assert(PLATFORM_MODE_READ == 0x100 && PLATFORM_MODE_WRITE == 0x200 && PLATFORM_MODE_EXECUTE == 0x400);
 
+// Tells whether a mode is of a kind of PlatformMode.
 bool is_of_kind(uint32_t mode, uint32_t kind) {
     switch (kind) {
-    case 1:
+    case PLATFORM_MODE_REGULAR:
         return S_ISREG(mode);
-    case 2:
+    case PLATFORM_MODE_DIR:
         return S_ISDIR(mode);
-    case 3:
+    case PLATFORM_MODE_SOCKET:
         return S_ISSOCK(mode);
     default:
         return true;
     }
 }
 
-// The owner's permissions in the order of the flags: read, write, execute from the lowest bit.
+// The owner's permissions as flags of PlatformMode.
 uint32_t owner_permissions(uint32_t mode) {
-    const uint32_t read = (mode & S_IRUSR) != 0 ? 0x100 : 0;
-    const uint32_t write = (mode & S_IWUSR) != 0 ? 0x200 : 0;
-    const uint32_t execute = (mode & S_IXUSR) != 0 ? 0x400 : 0;
+    const uint32_t read = (mode & S_IRUSR) != 0 ? PLATFORM_MODE_READ : 0;
+    const uint32_t write = (mode & S_IWUSR) != 0 ? PLATFORM_MODE_WRITE : 0;
+    const uint32_t execute = (mode & S_IXUSR) != 0 ? PLATFORM_MODE_EXECUTE : 0;
     return read | write | execute;
 }
 
@@ -77,6 +84,7 @@ int platform_stamp_valid(FileStamp stamp) {
     return stamp.zero == 0 && stamp.check == (stamp.size_low ^ kCheckPattern) ? 1 : 0;
 }
 
+// The access time and the check words are left out: reading a file is no change.
 int platform_stamps_differ(FileStamp a, FileStamp b) {
     const bool same = a.group == b.group && a.change_time == b.change_time && a.modify_time == b.modify_time &&
                       a.device == b.device && a.inode == b.inode && a.mode == b.mode && a.size_high == b.size_high &&

@@ -152,35 +152,54 @@ TEST_F(ModeTest, TheLowBitsChooseTheKind) {
     const FileStamp stamps[] = {platform_file_stamp(with_text("file").c_str()),
                                 platform_file_stamp(folder.path.c_str()), platform_file_stamp(socket_path.c_str())};
     for (uint32_t kind = 0; kind < 3; ++kind) {
-        EXPECT_EQ(platform_mode_test(stamps[kind], 0), 1);
-        for (uint32_t asked = 1; asked <= 3; ++asked) {
+        EXPECT_EQ(platform_mode_test(stamps[kind], PLATFORM_MODE_ANY), 1);
+        for (uint32_t asked = PLATFORM_MODE_REGULAR; asked <= PLATFORM_MODE_SOCKET; ++asked) {
             EXPECT_EQ(platform_mode_test(stamps[kind], asked), asked == kind + 1 ? 1 : 0) << kind << " " << asked;
         }
     }
 }
 
+TEST_F(ModeTest, TheNumbersOfTheFlagsAreThoseOfTheirNames) {
+    const std::string file = with_text("file");
+    const FileStamp folder_stamp = platform_file_stamp(folder.path.c_str());
+    constexpr std::pair<mode_t, uint32_t> kPermissions[] = {{0400, 0x100}, {0200, 0x200}, {0100, 0x400}};
+    for (const auto &[mode, number] : kPermissions) {
+        ASSERT_EQ(chmod(file.c_str(), mode), 0);
+        const FileStamp stamp = platform_file_stamp(file.c_str());
+        EXPECT_EQ(platform_mode_test(stamp, number), 1) << number;
+        EXPECT_EQ(platform_mode_test(stamp, number | 1), 1) << number;
+        EXPECT_EQ(platform_mode_test(stamp, 0x700 - number), 0) << number;
+    }
+    EXPECT_EQ(platform_mode_test(folder_stamp, 2), 1);
+    EXPECT_EQ(platform_mode_test(folder_stamp, 3), 0);
+    EXPECT_EQ(uint32_t{PLATFORM_MODE_SOCKET}, 3U);
+}
+
 TEST_F(ModeTest, AllPermissionsAskedForMustBeThereForTheOwner) {
+    constexpr uint32_t kAllPermissions = PLATFORM_MODE_READ | PLATFORM_MODE_WRITE | PLATFORM_MODE_EXECUTE;
     const std::string file = with_text("file");
     for (uint32_t owner = 0; owner < 8; ++owner) {
         // The others have what the owner has not: theirs must not count.
         const auto mode = static_cast<mode_t>(owner << 6 | (~owner & 7) << 3 | (~owner & 7));
         ASSERT_EQ(chmod(file.c_str(), mode), 0);
-        const uint32_t has =
-            ((owner & 4) != 0 ? 0x100U : 0) | ((owner & 2) != 0 ? 0x200U : 0) | ((owner & 1) != 0 ? 0x400U : 0);
+        const uint32_t has = ((owner & 4) != 0 ? uint32_t{PLATFORM_MODE_READ} : 0) |
+                             ((owner & 2) != 0 ? uint32_t{PLATFORM_MODE_WRITE} : 0) |
+                             ((owner & 1) != 0 ? uint32_t{PLATFORM_MODE_EXECUTE} : 0);
         const FileStamp stamp = platform_file_stamp(file.c_str());
-        for (uint32_t asked = 0; asked <= 0x700; asked += 0x100) {
+        for (uint32_t asked = 0; asked <= kAllPermissions; asked += PLATFORM_MODE_READ) {
             EXPECT_EQ(platform_mode_test(stamp, asked), (asked & ~has) == 0 ? 1 : 0) << owner << " " << asked;
-            EXPECT_EQ(platform_mode_test(stamp, asked | 1), (asked & ~has) == 0 ? 1 : 0);
-            EXPECT_EQ(platform_mode_test(stamp, asked | 2), 0);
+            EXPECT_EQ(platform_mode_test(stamp, asked | PLATFORM_MODE_REGULAR), (asked & ~has) == 0 ? 1 : 0);
+            EXPECT_EQ(platform_mode_test(stamp, asked | PLATFORM_MODE_DIR), 0);
         }
     }
 }
 
 TEST_F(ModeTest, OtherBitsOfTheFlagsDoNotCount) {
     const FileStamp stamp = platform_file_stamp(folder.path.c_str());
-    EXPECT_EQ(platform_mode_test(stamp, 0xFFFFF8FC), 1);
-    EXPECT_EQ(platform_mode_test(stamp, 0xFFFFF8FC | 1), 0);
-    EXPECT_EQ(platform_mode_test(stamp, 0xFFFFF8FC | 2), 1);
+    constexpr uint32_t kOtherBits = 0xFFFFF8FC;
+    EXPECT_EQ(platform_mode_test(stamp, kOtherBits), 1);
+    EXPECT_EQ(platform_mode_test(stamp, kOtherBits | PLATFORM_MODE_REGULAR), 0);
+    EXPECT_EQ(platform_mode_test(stamp, kOtherBits | PLATFORM_MODE_DIR), 1);
 }
 
 TEST_F(FileStampTest, AStreamWhoseFileHasGrownHasChanged) {
@@ -213,8 +232,9 @@ TEST_F(FileStampTest, ADescriptorOrStreamThatCannotBeReadAnyLongerHasChanged) {
 
 TEST_F(ModeTest, AStampThatCouldNotBeTakenIsOfNoKindAndHasNoPermissions) {
     const FileStamp none = platform_file_stamp(path("missing").c_str());
-    EXPECT_EQ(platform_mode_test(none, 0), 1) << "nothing is asked for";
-    for (const uint32_t flags : {1U, 2U, 3U, 0x100U, 0x200U, 0x400U}) {
+    EXPECT_EQ(platform_mode_test(none, PLATFORM_MODE_ANY), 1) << "nothing is asked for";
+    for (const PlatformMode flags : {PLATFORM_MODE_REGULAR, PLATFORM_MODE_DIR, PLATFORM_MODE_SOCKET, PLATFORM_MODE_READ,
+                                     PLATFORM_MODE_WRITE, PLATFORM_MODE_EXECUTE}) {
         EXPECT_EQ(platform_mode_test(none, flags), 0) << flags;
     }
 }
