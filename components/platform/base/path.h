@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// Paths as every unit of this folder holds them.
+// Storage for a path, and the parts of its last component.
 #ifndef ZEL_COMPONENTS_PLATFORM_BASE_PATH_H
 #define ZEL_COMPONENTS_PLATFORM_BASE_PATH_H
 
@@ -9,8 +9,13 @@
 
 namespace zel {
 
-// A path of up to 4096 characters. What would be longer is refused where it is built.
-using PathBuffer = std::array<char, 4097>;
+// The longest path that is held, in characters. A longer one is refused where it is
+// built.
+inline constexpr size_t kPathLength = 4096;
+
+// A path with its NUL. A caller's buffer for a whole path has this size as well.
+inline constexpr size_t kPathBufferSize = kPathLength + 1;
+using PathBuffer = std::array<char, kPathBufferSize>;
 
 // The part after the last "/", or the whole path when it has none.
 constexpr std::string_view last_component(std::string_view path) {

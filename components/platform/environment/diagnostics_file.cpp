@@ -1,5 +1,6 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// The start-up diagnostics: where they go, and the echo of the arguments.
+// The diagnostics file: choosing the destination of diagnostic lines, and the echo of the
+// arguments.
 #include <components/platform/environment.h>
 
 #include <components/platform/base/path.h>
@@ -15,13 +16,15 @@
 
 namespace {
 
-// Set by the first choice of a destination, also when nothing is opened.
+// Set by the first choice of a destination, also by one that opens nothing.
 constinit bool destination_chosen = false;
 
-// The directory, "/", the name of the file: a path of at most 4095 characters.
-using LogPath = std::array<char, 4096>;
+// The path of a log file with its NUL. It is shorter than a PathBuffer: a path of 4096
+// characters is refused.
+constexpr size_t kLogPathSize = 4096;
+using LogPath = std::array<char, kLogPathSize>;
 
-// Program names of the family carry one of these in front; the log says what is behind it.
+// The name of the log file leaves out one of these at the start of a program's name.
 constexpr std::array<std::string_view, 3> kFamilyPrefixes = {"kyrel", "zel", "kq_"};
 
 std::string_view without_family_prefix(std::string_view name) {
@@ -37,18 +40,19 @@ bool is_one_of(const char *value, const char *word, const char *digit) {
     return strcasecmp(value, word) == 0 || strcmp(value, digit) == 0;
 }
 
-// Used without a test of its own: whoever sets these variables says where files go.
+// DELIBERATE: a directory of these variables is not tested. Test:
+// PlatformDiagnostics.AFallbackDirectoryIsNotTestedAndItsFailureNotReported.
 const char *fallback_directory() {
     return zel::first_set({"ZEL_TMPDIR", "TMP", "TEMP"}, "");
 }
 
-// DELIBERATE: the month counts from 00. Log files of many years sort by this stamp. Held by the test
+// DELIBERATE: the month counts from 00. Test:
 // PlatformDiagnostics.TheFileNameCarriesTheLocalTimeWithTheMonthFromZero.
 bool compose_path(LogPath &path, const char *directory, const char *name) {
     constexpr int kCentury = 100;
     const time_t now = time(nullptr);
     struct tm local = {};
-    tzset(); // localtime_r reads the time zone once; the program may have set another since
+    tzset(); // localtime_r alone would not see a TZ that the program has set since
     localtime_r(&now, &local);
     return zel::format_text(path, "%s/zel%02d%02d%02d%02d%02d%02d%s.log", directory, local.tm_year - kCentury,
                             local.tm_mon, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
@@ -60,7 +64,8 @@ void open_log(const char *directory, const char *name) {
     if (!compose_path(path, directory, name)) {
         return;
     }
-    // Names have a resolution of one second: whoever starts after this pause has another.
+    // The names differ by the second. A process that starts after this pause has another
+    // name.
     zel::sleep_seconds(1);
     FILE *file = zel::open_log_file(path.data());
     if (file != nullptr) {

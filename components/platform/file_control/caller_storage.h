@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// What the files of the file-control unit share: its name, and storage for its callers under that name.
+// Storage that the file-control unit hands to its callers, and the unit's name in it.
 #ifndef ZEL_COMPONENTS_PLATFORM_FILE_CONTROL_CALLER_STORAGE_H
 #define ZEL_COMPONENTS_PLATFORM_FILE_CONTROL_CALLER_STORAGE_H
 
@@ -7,24 +7,20 @@
 
 namespace zel::file_control {
 
-inline constexpr const char *kUnitName = "components/platform/file_control";
+inline constexpr const char *kUnit = "components/platform/file_control";
 
-// What a path buffer takes when it is allocated, and the size that is used of it.
-inline constexpr size_t kAllocatedPathSize = 4097;
-inline constexpr size_t kPathSize = 4096;
+// DELIBERATE: the descriptions are ZEL_MALLOC_ARRAY and ZEL_STRDUP, the unit, and the
+// line of the service. Test:
+// PathStorage.BuffersAndCopiesAreAskedForUnderTheirCategoryUnitAndLine.
 
-} // namespace zel::file_control
-
-namespace zel::file_control {
-
-// Storage for a caller, described by this unit and the line of the service that asks for it.
+// Allocates a buffer for a caller. line: that of the service.
 inline char *allocate_chars(size_t count, int32_t line) {
-    return static_cast<char *>(zel_malloc_fl(count, "ZEL_MALLOC_ARRAY", line, kUnitName));
+    return static_cast<char *>(zel_malloc_fl(count, "ZEL_MALLOC_ARRAY", line, kUnit));
 }
 
-// The same for a copy of a text.
+// Allocates storage for the copy of a text. line: that of the service.
 inline char *allocate_copy(size_t count, int32_t line) {
-    return static_cast<char *>(zel_malloc_fl(count, "ZEL_STRDUP", line, kUnitName));
+    return static_cast<char *>(zel_malloc_fl(count, "ZEL_STRDUP", line, kUnit));
 }
 
 } // namespace zel::file_control

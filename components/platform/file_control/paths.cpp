@@ -14,23 +14,29 @@
 
 namespace {
 
-using zel::file_control::kAllocatedPathSize;
-using zel::file_control::kPathSize;
-static_assert(PATH_MAX <= kPathSize);
+// The bytes of a buffer that hold a current directory, its NUL included.
+constexpr size_t kDirectorySize = 4096;
+static_assert(kDirectorySize <= zel::kPathBufferSize);
+static_assert(PATH_MAX <= zel::kPathBufferSize, "realpath writes up to PATH_MAX bytes");
 
-constinit zel::PathBuffer resolved = {}; // of platform_resolve_static, overwritten by every call
+// The result of platform_resolve_static. Every call overwrites it.
+constinit zel::PathBuffer resolved = {};
 
-// A caller's buffer, or one that is allocated for it and released again when there is nothing to put into it.
+// The buffer of a result: the caller's, or an allocated one.
 struct PathResult {
     char *buffer;
     bool allocated;
 };
 
+// Allocates a buffer where the caller gives none. Its address is null when a failure
+// handler let the lack of memory pass.
 PathResult buffer_for(char *buf, int32_t line) {
-    char *buffer = buf == nullptr ? zel::file_control::allocate_chars(kAllocatedPathSize, line) : buf;
+    char *buffer = buf == nullptr ? zel::file_control::allocate_chars(zel::kPathBufferSize, line) : buf;
     return {.buffer = buffer, .allocated = buf == nullptr};
 }
 
+// Returns a filled buffer. Otherwise an allocated one is released, and the result is
+// null.
 char *finish(const PathResult &result, bool filled) {
     if (filled) {
         return result.buffer;
@@ -42,7 +48,8 @@ char *finish(const PathResult &result, bool filled) {
     return nullptr;
 }
 
-// Part of a path in the caller's buffer, which may be the path's own, or in one of precisely its length.
+// Copies a part of a path into the caller's buffer, or into one that is allocated for
+// precisely that part. The path may stand in the caller's buffer.
 char *copy_of(std::string_view part, char *buf, int32_t line) {
     char *target = buf == nullptr ? zel::file_control::allocate_copy(part.size() + 1, line) : buf;
     if (target == nullptr) {
@@ -53,12 +60,15 @@ char *copy_of(std::string_view part, char *buf, int32_t line) {
     return target;
 }
 
-// The path as it stands when it is absolute, else resolved into the buffer; null when that fails.
+// Returns an absolute path as it is. Any other is resolved into the buffer; null when
+// that fails.
 const char *absolute(const char *path, zel::PathBuffer &buffer) {
     return platform_is_absolute(path) ? path : platform_resolve(path, buffer.data());
 }
 
-// For a current directory that has no name to come back by: no other one is entered.
+// Resolves without leaving the current directory, which has no name that leads back.
+// DELIBERATE: the report says platform_set_cwd though no directory is changed. Test:
+// ResolveEdges.FromADirectoryThatWasRemovedTheProcessGoesNowhere.
 char *resolve_without_way_back(const char *path, char *buf) {
     const int reason = errno;
     platform_perror("platform_set_cwd");
@@ -76,7 +86,7 @@ char *platform_get_cwd(char *buf, size_t size) {
     if (result.buffer == nullptr) {
         return nullptr; // as a failure handler decided
     }
-    return finish(result, getcwd(result.buffer, result.allocated ? kPathSize : size) != nullptr);
+    return finish(result, getcwd(result.buffer, result.allocated ? kDirectorySize : size) != nullptr);
 }
 
 int platform_set_cwd(const char *path) {
@@ -90,7 +100,7 @@ int platform_set_cwd(const char *path) {
 
 char *platform_resolve(const char *path, char *buf) {
     const PathResult result = buffer_for(buf, __LINE__);
-    // Resolved beside the buffer, which may be the path's own.
+    // The path may stand in the caller's buffer.
     zel::PathBuffer whole;
     const bool found = result.buffer != nullptr && realpath(path, whole.data()) != nullptr;
     if (found) {
@@ -99,9 +109,10 @@ char *platform_resolve(const char *path, char *buf) {
     return finish(result, found);
 }
 
+// A change that fails has been reported by platform_set_cwd, and the work goes on.
 char *platform_resolve_in(const char *dir, const char *path, char *buf) {
     zel::PathBuffer before;
-    if (platform_get_cwd(before.data(), kPathSize) == nullptr) {
+    if (platform_get_cwd(before.data(), kDirectorySize) == nullptr) {
         return resolve_without_way_back(path, buf);
     }
     platform_set_cwd(dir);
@@ -132,7 +143,7 @@ char *platform_relative_path(const char *base, const char *target, char *buf) {
     if (result.buffer == nullptr) {
         return nullptr; // as a failure handler decided
     }
-    const bool fits = zel::compose_relative_path(from, to, {result.buffer, kAllocatedPathSize});
+    const bool fits = zel::compose_relative_path(from, to, {result.buffer, zel::kPathBufferSize});
     if (!fits) {
         errno = ENAMETOOLONG;
     }
@@ -151,6 +162,7 @@ char *platform_basename(const char *path, char *buf) {
     return path == nullptr ? nullptr : copy_of(zel::last_component(path), buf, __LINE__);
 }
 
+// The stem is the component up to the extension.
 char *platform_extension(const char *path, char *buf) {
     if (path == nullptr) {
         return nullptr;
