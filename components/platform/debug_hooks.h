@@ -1,39 +1,46 @@
 /* Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
- * The start-up hook: a process that another one starts can be stopped, or re-launched under a debugger, from outside.
+ * The start-up hook: a process that another one starts can be paused, or started again
+ * under a debugger, from outside.
  *
- * A program calls the hook first thing. A developer then asks for a pause or a debugger in one of two ways, and the
- * parent that starts the program need not change:
+ *   1. The program calls platform_debug_hooks before it does anything else.
+ *   2. A developer states a request. The parent that starts the program need not change.
+ *   3. The hook carries it out. Without a request the program runs as always.
  *
- *   - on the command line: the word __ZEL_DEBUG__, in any case of letters, and the request behind it. Both are cut from
- *     the arguments before the program sees them. No diagnostics file is opened and nothing echoed then.
- *   - in the environment: ZEL_DEBUG=request. The variable is emptied first, so that a program started from here does
- *     not stop again. The first program that calls the hook takes the request: a parent that calls it sets ZEL_DEBUG
- *     for its companion itself, or a script that sets the variable stands in for the companion.
- *
- * The request, a line of words separated by blanks or tabs; its first word counts in any case of letters:
- *
- *   delay [SECONDS]     sleeps that long, 30 seconds without a number; then the program goes on
- *   prompt [WORD...]    writes the words, or "ZEL_DEBUG prompt>", to standard error and waits for a line of input. Of
- *                       standard input it takes that line and not a byte more, and at most 254 characters of it.
- *   using [COMMAND]     becomes /bin/sh -c COMMAND; without a command the user's shell (SHELL, else tcsh)
- *   exec PROGRAM [ARG...]  becomes the program; PATH is not searched
- *
- * An empty request is "using" with the user's shell. The started command finds in ZEL_EXE the program, in ZEL_EXE_PARMS
- * its own arguments and in ZEL_DEBUG_PROMPT "debug NAME". The arguments are joined with single blanks: one that holds a
- * blank comes back as two.
- *
- * A process with rights that its caller lacks (set-user-ID and the like) sees no request. The marker and what follows
- * stay ordinary arguments, and the variables that direct the library count as unset everywhere in it. The hook takes
- * them out of the environment, so that no program that is started from here obeys them: ZEL_DEBUG, ZEL_PERROR,
- * ZEL_DIAGNOSTICS_PATH, ZEL_DIAG_DIR, ZEL_DIST, ZEL_TMPDIR, TMP and TEMP.
- *
- * Example: stop a companion before it does anything, while its parent starts it as always, and look at it:
+ * Example: stop a companion before it does anything, and look at it:
  *
  *   int main(int argc, char **argv) {
  *       platform_debug_hooks(&argc, argv);
  *       ...
  *
  *   $ ZEL_DEBUG='using gdb --args "$ZEL_EXE" $ZEL_EXE_PARMS' ./companion
+ *
+ * A request stands in one of two places:
+ *
+ *   prog ARG... __ZEL_DEBUG__ REQUEST   The marker, in any case of letters, and all after
+ *                                       it are cut. No diagnostics file is opened.
+ *   ZEL_DEBUG=REQUEST                   The variable is emptied first. The first program
+ *                                       that calls the hook takes the request.
+ *
+ * A request is words between blanks or tabs. Its op may be in any case of letters:
+ *
+ *   delay [SECONDS]        Sleeps that long, 30 seconds without a number, and goes on.
+ *   prompt [WORD...]       Writes the words, or "ZEL_DEBUG prompt>", to standard error,
+ *                          takes one line of standard input and not a byte more, at most
+ *                          254 characters, and goes on.
+ *   using [COMMAND]        Becomes /bin/sh -c COMMAND. Without a command, and for an
+ *                          empty request, it is the user's shell (SHELL, else tcsh).
+ *   exec PROGRAM [ARG...]  Becomes the program. PATH is not searched.
+ *
+ * The started command finds the program in ZEL_EXE and "debug NAME" in ZEL_DEBUG_PROMPT.
+ * ZEL_EXE_PARMS holds its own arguments, joined with single blanks: an argument that holds
+ * a blank comes back as two.
+ *
+ * A companion that is started without stdio_fds (zel_pair_connection.h) has no terminal,
+ * also under the debugger. Start it with stdio_fds to debug it.
+ *
+ * A process with rights that its caller lacks (set-user-ID and the like) sees no request.
+ * The hook removes what directs the library from its environment: ZEL_DEBUG, ZEL_PERROR,
+ * ZEL_DIAGNOSTICS_PATH, ZEL_DIAG_DIR, ZEL_DIST, ZEL_TMPDIR, TMP and TEMP.
  */
 #ifndef ZEL_COMPONENTS_PLATFORM_DEBUG_HOOKS_H
 #define ZEL_COMPONENTS_PLATFORM_DEBUG_HOOKS_H
@@ -45,19 +52,26 @@ extern "C" {
 #endif
 #pragma GCC visibility push(default)
 
-/* The hook, as the first thing a program does. argc, argv: its own; both are changed in place when a marker stands
- * among the first 510 arguments: the count becomes the marker's index and the entry there null. Returns when nothing
- * was asked for, and after "delay" and "prompt"; otherwise the process becomes another program, or ends with status 1
- * after a message. Unless the request came by the marker it opens the diagnostics destination and echoes the arguments
- * (platform_diag_startup). */
+/* Looks for a request and carries it out. The program calls it before anything else.
+ * - argc: the count. It becomes the index of a marker among the first 510 arguments.
+ * - argv: the arguments. The entry of the marker becomes null.
+ * - Returns without a request, and after "delay" and "prompt".
+ * - Otherwise the process becomes another program, or ends by exit(1) after a message.
+ * - Without a marker the diagnostics destination is opened and the arguments are echoed
+ *   (platform_diag_startup). */
 void platform_debug_hooks(int32_t *argc, char **argv);
 
-/* The same with a name for the diagnostics file; null derives it from the program's. */
+/* Does the same as platform_debug_hooks, with a name for the diagnostics file.
+ * - name: null derives it from the program's name. */
 void platform_debug_hooks_named(int32_t *argc, char **argv, const char *name);
 
-/* Carries out one request. program: argument 0. args_before: the program's own arguments, ended by null. Returns for
- * "delay" and "prompt" only. An unknown request, or a program that cannot be started, is a message on standard error
- * and exit(1). It carries out what it is given, also with rights that the caller of the process lacks. */
+/* Carries out one request: a line of words, the op first.
+ * - program: argument 0 of the program.
+ * - args_before: the program's own arguments, ended by null.
+ * - Returns after "delay" and "prompt" only.
+ * - An unknown op, or a program that cannot be started, is a message on standard error
+ *   and exit(1).
+ * - It carries out its request also in a process with rights that its caller lacks. */
 void platform_debug_op(const char *program, char **args_before, const char *request);
 
 #pragma GCC visibility pop

@@ -1,9 +1,11 @@
 /* Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
- * File control: patterns, trees, paths, children for commands, file stamps, status tests.
+ * File control: patterns, trees, children for commands, paths, status tests, file stamps.
  *
- * Every service says by its result whether it worked: 1 and 0 unless stated otherwise. Nothing here ends the process,
- * but for want of memory. Storage that a service allocates for its caller comes from the memory library: release it
- * with zel_free. A path buffer of the caller's has room for 4097 bytes.
+ *   1. Find entries by a shell pattern: platform_glob, then platform_glob_free.
+ *   2. Remove, copy and move trees and files; start a command as a child.
+ *   3. Resolve a path or take it apart. Storage for the result comes from the caller, or
+ *      from the memory library when the buffer is null.
+ *   4. Ask for the status of a path, or take a stamp of it and compare later.
  *
  * Example: has the file changed since it was read?
  *
@@ -14,8 +16,17 @@
  *       read_settings("settings");
  *   }
  *
- * A null path is treated like one that does not exist. Paths are byte strings: blanks, newlines, leading dashes and
- * bytes of no encoding are names like any other.
+ * What holds in the whole header, unless a declaration says otherwise:
+ *
+ *   Results   1 for success or yes, 0 for failure or no.
+ *   Null      A null path is treated like a path that does not exist.
+ *   Paths     They are byte strings: blanks, newlines, leading dashes and bytes of no
+ *             encoding are allowed. Relative ones start at the current directory.
+ *   Buffers   A buffer for a whole path has room for 4097 bytes: 4096 characters and
+ *             the NUL. A path may stand in the buffer of its own result.
+ *   Storage   A result that is allocated comes from the memory library. The caller
+ *             releases it with zel_free. A failed service leaves nothing allocated.
+ *   Memory    Without memory the process ends after a message. Nothing else here ends it.
  */
 #ifndef ZEL_COMPONENTS_PLATFORM_FILE_CONTROL_H
 #define ZEL_COMPONENTS_PLATFORM_FILE_CONTROL_H
@@ -29,26 +40,30 @@ extern "C" {
 #endif
 #pragma GCC visibility push(default)
 
-/* What a pattern expanded to. Released by platform_glob_free. */
+/* The paths that a pattern expanded to. platform_glob fills it, platform_glob_free
+ * releases it. */
 typedef struct PlatformFileList {
-    uint32_t count;    /* paths that matched */
-    char **paths;      /* them, owned by the record */
-    void *glob_record; /* the expansion; null when there is none */
+    uint32_t count;    /* how many paths matched */
+    char **paths;      /* the paths, owned by the record */
+    void *glob_record; /* the C library's expansion; null when there is none */
 } PlatformFileList;
 
-/* A file's status in eleven words, by which a change is told. Passed by value. */
+/* The status of a file in eleven words. Two stamps of a file tell whether it changed in
+ * between.
+ * - It is passed and returned by value.
+ * - Times are in seconds since 1970, their low 32 bits. */
 typedef struct FileStamp {
-    uint32_t group;       /* group number of the file; not its owner's */
-    uint32_t change_time; /* status change, seconds; this and all times: low 32 bits */
-    uint32_t modify_time; /* modification, seconds */
-    uint32_t access_time; /* access, seconds; never compared */
-    uint32_t device;      /* low 32 bits */
-    uint32_t inode;       /* low 32 bits */
+    uint32_t group;       /* number of the file's group; not of its owner */
+    uint32_t change_time; /* last change of the status */
+    uint32_t modify_time; /* last modification of the contents */
+    uint32_t access_time; /* last access; never compared */
+    uint32_t device;      /* number of the device, low 32 bits */
+    uint32_t inode;       /* number of the inode, low 32 bits */
     uint32_t mode;        /* kind and permission bits */
-    uint32_t size_low;    /* size in bytes, low and high word */
-    uint32_t size_high;
-    uint32_t check; /* size_low XOR 0x404040; a stamp that could not be taken has 0 */
-    uint32_t zero;  /* 0 */
+    uint32_t size_low;    /* size in bytes, low 32 bits */
+    uint32_t size_high;   /* size in bytes, high 32 bits */
+    uint32_t check;       /* size_low XOR 0x404040; 0 when the stamp could not be taken */
+    uint32_t zero;        /* always 0 */
 } FileStamp;
 
 /* The flags of platform_mode_test: one kind, plus any number of permissions. */
@@ -64,156 +79,289 @@ typedef enum PlatformMode {
 
 /* ---- Patterns ---------------------------------------------------------------------------------------------------- */
 
-/* Expands a shell pattern in a directory. pattern: null or "" means "*". Returns 1 and fills the list; 0, the list left
- * as it is, when nothing matches, list or dir is null, or dir is "". Special characters in dir are expanded too. */
+/* Expands a shell pattern in a directory.
+ * - dir: the directory. Special characters in it are expanded too.
+ * - pattern: null or "" means "*".
+ * - list: receives the paths, in order, each with dir in front.
+ * - Returns 1, or 0 when nothing matches, list or dir is null, or dir is "".
+ * - A result of 0 leaves the list as it was.
+ * - The list belongs to the caller, who releases it with platform_glob_free. */
 int platform_glob(const char *dir, const char *pattern, PlatformFileList *list);
 
-/* Releases what platform_glob put into the list. A null list, or one without a record: nothing happens. */
+/* Releases the paths and the record of a list, and clears the list.
+ * - list: a null list, or one without a record, is left alone. */
 void platform_glob_free(PlatformFileList *list);
 
-/* 1 when the name matches the shell pattern. pattern: null or "" means "*". A null name matches nothing. */
+/* Tells whether a name matches a shell pattern.
+ * - name: a null name matches nothing.
+ * - pattern: null or "" means "*". */
 int platform_match(const char *name, const char *pattern);
 
 /* ---- Trees and files --------------------------------------------------------------------------------------------- */
 
-/* Run the system's rm -r -f, cp -a and mv -f, and wait. Return 1 when the tool ended with status 0. They inherit the
- * standard descriptors, so what they complain of is seen. Only a directory that the process may write is moved: for
- * anything else platform_move_tree returns 0 and runs nothing. A process with rights that its caller lacks takes the
- * tools from /bin and /usr/bin alone, any other also along PATH; without the tool the result is 0. */
+/* The services on trees that run a tool of the system, and wait for it:
+ *
+ *   platform_remove_tree   rm -r -f PATH
+ *   platform_copy_tree     cp -a FROM TO
+ *   platform_move_tree     mv -f FROM TO
+ *
+ * The tool is looked for in /bin, then in /usr/bin, then along PATH. A process with
+ * rights that its caller lacks does not search PATH. The tool inherits the standard
+ * descriptors, so its complaints are seen. */
+
+/* Removes a tree, or a single file, by rm -r -f.
+ * - Returns 1 when the tool ended with status 0, also for a path that does not exist.
+ * - Returns 0 for a null path, without the tool, and when no child can be made. */
 int platform_remove_tree(const char *path);
+
+/* Copies a tree, or a single file, by cp -a.
+ * - Returns 1 when the tool ended with status 0.
+ * - Returns 0 for a null path, without the tool, and when no child can be made. */
 int platform_copy_tree(const char *from, const char *to);
+
+/* Moves a directory by mv -f.
+ * - from: a directory that the process may write. For anything else nothing runs.
+ * - Returns 1 when the tool ended with status 0.
+ * - Returns 0 for a null path, without the tool, and when no child can be made. */
 int platform_move_tree(const char *from, const char *to);
 
-/* Removes a directory and all below it, in this process. Each directory is listed once: plain entries, then hidden
- * ones, each in order. Returns 0 when the path is no directory that the process may write, at the first entry that
- * cannot be removed, and when something was added meanwhile; what was removed until then stays removed.
- * A link is removed and never followed. The path is left alone, 0, when it is itself a link, is "" or "/", or its last
- * component is "." or ".."; each "/" at its end is passed over first.
- * Nothing outside the tree is removed, also while another process exchanges a directory of it for a link. A directory
- * that is moved out of the tree while it is being emptied is emptied all the same. What is mounted in the tree is
- * emptied too; its directory is in use and cannot be removed, 0.
- * Takes up to 33 descriptors and needs /proc; without them it returns 0. The depth of the tree has no limit. */
+/* Removes a directory and all that it holds, in this process.
+ * - path: a directory that the process may write. Each "/" at its end is ignored.
+ * - path is refused when it is "", "/" or a link, or ends in the component "." or "..".
+ * - Returns 1 when everything is removed.
+ * - Returns 0 for a path that is refused, and at the first entry that cannot be removed.
+ *   Entries that were removed before it stay removed.
+ * - Returns 0 when an entry was added meanwhile; the directory is not empty then.
+ * - Each directory is listed once: plain entries first, then hidden ones, each in order.
+ * - A link is removed and never followed. Nothing outside the tree is removed, also while
+ *   another process exchanges a directory of the tree for a link.
+ * - A directory that another process moves out of the tree while it is being emptied is
+ *   emptied all the same.
+ * - A file system that is mounted in the tree is emptied. Its directory is in use and
+ *   cannot be removed: the result is 0.
+ * - Limits: up to 33 descriptors and /proc. Without them the result is 0. The depth of
+ *   the tree has no limit. */
 int platform_remove_dir(const char *path);
 
-/* Copies the bytes of a file. The target is created with mode 0666 before the mask, or truncated. Returns 0 when either
- * cannot be opened or both are the same file; else 1, also when a read failed or a write was cut short on the way. */
+/* Copies the bytes of a file.
+ * - to: created with mode 0666 before the mask, or truncated.
+ * - Returns 1 when both files could be opened, also when a read or a write failed on the
+ *   way. A caller that must know compares the sizes.
+ * - Returns 0 when a file cannot be opened, or both are the same file. */
 int platform_copy_file(const char *from, const char *to);
 
 /* ---- Children for commands --------------------------------------------------------------------------------------- */
 
-/* Starts a program, searched along PATH. fds: null, or the descriptors that become its standard input, output and
- * error, a negative one meaning the parent's own; each is closed in the child after its last use, unless it is in its
- * place already. An entry that is not open leaves the parent's own. Returns the child's process number, or -1. A
- * program that cannot be executed is a child that ends with status 127, and so is one whose standard descriptors find
- * no room at the limit of descriptors. The caller waits for it (platform_wait_child). Output streams are flushed
- * first. */
+/* Starts a program as a child.
+ * - file: the program, searched along PATH.
+ * - argv: its argument vector, ended by a null pointer.
+ * - fds: null, or three descriptors. See the table.
+ * - Returns the child's process number, or -1 when no child can be made.
+ * - A program that cannot be executed is a child that ends with status 127. So is a child
+ *   whose standard descriptors find no room at the limit of descriptors.
+ * - The caller waits for the child (platform_wait_child).
+ * - Output streams are flushed first.
+ *
+ *   fds                    standard input, output and error of the child
+ *   null                   the parent's own
+ *   entry N, 0 or more     a copy of that descriptor, which is closed in the child after
+ *                          its last use unless it is in its place already
+ *   entry N, negative      the parent's own descriptor N
+ *   entry N, not open      the parent's own descriptor N */
 int32_t platform_spawn(const char *file, char *const argv[], const int *fds);
 
-/* The same with the arguments as a list, ended by a null pointer of type char *; without redirection, and with
- * /dev/null as all three standard descriptors: -1 too when that cannot be opened. */
+/* Starts a program with its arguments as a list, like platform_spawn without fds.
+ * - arg0 and the texts after it: the argument vector, ended by a null pointer of type
+ *   char *.
+ * - Returns the child's process number, or -1 when no child can be made. */
 int32_t platform_spawnl(const char *file, const char *arg0, ...) __attribute__((sentinel));
+
+/* Starts a program like platform_spawnl, with /dev/null as all three standard
+ * descriptors.
+ * - Returns the child's process number, or -1 when no child can be made or /dev/null
+ *   cannot be opened. */
 int32_t platform_spawnl_quiet(const char *file, const char *arg0, ...) __attribute__((sentinel));
 
 /* ---- Working directory and paths --------------------------------------------------------------------------------- */
 
-/* The current directory, in buf of size bytes; null allocates 4097. Returns the buffer, or null with errno. */
+/* Tells the current directory.
+ * - buf: receives it. Null allocates 4097 bytes, of which 4096 are used.
+ * - size: the bytes of buf. It does not count when buf is null.
+ * - Returns the buffer, or null with errno. */
 char *platform_get_cwd(char *buf, size_t size);
 
-/* Changes the current directory. Returns 0 after the report "platform_set_cwd" (platform_perror) when that fails. */
+/* Changes the current directory.
+ * - Returns 1, or 0 after the report "platform_set_cwd" (platform_perror). A null path is
+ *   reported as EFAULT. */
 int platform_set_cwd(const char *path);
 
-/* The path with every link, "." and ".." resolved, in buf; null allocates. Returns the buffer, or null with errno.
- * platform_resolve_in does it from dir: it changes there and back, and reports a change that fails as platform_set_cwd
- * does, but goes on. A current directory without a name to come back by (it was removed, or has more than 4095
- * characters) is reported in the same way and not left: then an absolute path is resolved and any other gives null. */
+/* Resolves every link, "." and ".." of a path.
+ * - buf: receives the absolute path. Null allocates 4097 bytes.
+ * - Returns the buffer, or null with errno when the path cannot be resolved. */
 char *platform_resolve(const char *path, char *buf);
+
+/* Resolves a path as seen from a directory: it changes there, resolves, and changes back.
+ * - dir: where path starts. A change that fails is reported as by platform_set_cwd, and
+ *   the work goes on from where the process is.
+ * - buf: as for platform_resolve.
+ * - Returns the buffer, or null with errno when the path cannot be resolved.
+ * - A current directory that has no name is not left, since no path leads back: it was
+ *   removed, or its name has more than 4095 characters. Its failure is reported as
+ *   "platform_set_cwd". Then an absolute path is resolved, and any other gives null. */
 char *platform_resolve_in(const char *dir, const char *path, char *buf);
 
-/* The same in a static buffer that every call overwrites; on failure the path itself. */
+/* Resolves a path into a static buffer, which every call overwrites.
+ * - Returns the buffer, or path itself when it cannot be resolved. */
 const char *platform_resolve_static(const char *path);
 
-/* 1 when the path is not null and begins with "/". */
+/* Tells whether a path begins with "/". */
 int platform_is_absolute(const char *path);
 
-/* A path that leads from the directory base to target, in buf; null allocates. Each "/" of base behind the common part
- * is one step up, also one at the end of base: from "/a/b" to "/a/x" the way is "../x", and from "/a/b/" it is
- * "../../x". For the way from the directory itself give base without "/" at its end. A path that does not begin with
- * "/" is resolved first. Equal paths give ".". Returns the buffer; null, with errno, when a path cannot be resolved or
- * the result exceeds 4096 characters. */
+/* Composes the path that leads from one directory to a target.
+ * - base: the directory to start from. Each "/" of base after the common part is one step
+ *   up, also a "/" at its end. From "/a/b" to "/a/x" the result is "../x", from "/a/b/"
+ *   it is "../../x". To start from the directory itself leave out the "/" at the end.
+ * - target: the path to reach.
+ * - base and target are resolved first when they do not begin with "/".
+ * - buf: receives the result. Null allocates 4097 bytes.
+ * - Returns the buffer. Equal paths give ".".
+ * - Returns null with errno when a path cannot be resolved, and with ENAMETOOLONG when
+ *   the result exceeds 4096 characters. */
 char *platform_relative_path(const char *base, const char *target, char *buf);
 
-/* Parts of a path, copied into buf, which must have room for them; null allocates precisely what is needed. A null path
- * gives null.
- * dirname: all before the last "/", "" when there is none. basename: all behind it. extension: from the last "." of the
- * base name on, null when there is none behind its first character. stem: the base name without its extension. */
+/* The parts of a path. Only the text counts: nothing is looked up.
+ *
+ *   path              dirname    basename     extension   stem
+ *   "/a/b.c/d.tar.gz" "/a/b.c"   "d.tar.gz"   ".gz"       "d.tar"
+ *   "/a/.profile"     "/a"       ".profile"   null        ".profile"
+ *   "name"            ""         "name"       null        "name"
+ *   "/a/"             "/a"       ""           null        "" */
+
+/* Copies the part of a path before its last "/".
+ * - buf: receives the part and must have room for it. Null allocates precisely what is
+ *   needed.
+ * - Returns the buffer; "" when there is no "/". A null path gives null. */
 char *platform_dirname(const char *path, char *buf);
+
+/* Copies the part of a path after its last "/".
+ * - buf: as for platform_dirname.
+ * - Returns the buffer; the whole path when there is no "/". A null path gives null. */
 char *platform_basename(const char *path, char *buf);
+
+/* Copies the part of the base name from its last "." on.
+ * - buf: as for platform_dirname. It is left alone when the result is null.
+ * - Returns the buffer; null when no "." stands after the first character of the base
+ *   name. A null path gives null. */
 char *platform_extension(const char *path, char *buf);
+
+/* Copies the base name of a path without its extension.
+ * - buf: as for platform_dirname.
+ * - Returns the buffer. A null path gives null. */
 char *platform_stem(const char *path, char *buf);
 
 /* ---- Status ------------------------------------------------------------------------------------------------------ */
 
-/* 1 when the path exists; a link counts as what it points to. Both are the same. */
+/* Tells whether a path exists. A link counts as the file that it points to. */
 int platform_exists(const char *path);
+
+/* The same as platform_exists, under its second name. */
 int platform_file_exists(const char *path);
 
-/* 1 when the process has that access to the path. */
+/* Tells whether the process may read the path, by its real user and group. */
 int platform_is_readable(const char *path);
+
+/* Tells whether the process may write the path, by its real user and group. */
 int platform_is_writable(const char *path);
+
+/* Tells whether the process may execute the path, or search it when it is a directory, by
+ * its real user and group. */
 int platform_is_executable(const char *path);
 
-/* 1 when the path is a directory. */
+/* Tells whether the path is a directory, or a link to one. */
 int platform_is_dir(const char *path);
 
-/* Modification time in seconds since 1970, 0 when unknown. */
+/* Tells when a file was modified.
+ * - Returns the time in seconds since 1970, or 0 when it is not known. */
 int64_t platform_mtime(const char *path);
 
-/* Size in bytes, -1 when unknown. */
+/* Tells the size of a file.
+ * - Returns the size in bytes, or -1 when it is not known. */
 int64_t platform_file_size(const char *path);
 
-/* The login name of the file's owner; null when the file or its owner's entry is missing. Owned by the C library, valid
- * until its next such name. */
+/* Tells the login name of a file's owner.
+ * - Returns the name, or null when the file is missing or its owner has no entry in the
+ *   user database.
+ * - The text belongs to the C library. Its next look-up of a user may overwrite it. */
 const char *platform_file_owner(const char *path);
 
-/* Removes a file, a link or an empty directory. 0 when there is none of that name or it cannot be removed. */
+/* Tells how much an unprivileged process may still write to the file system of a path.
+ * - Returns the bytes, at most INT64_MAX.
+ * - Returns -1 for a null or empty path, and -2 when the file system cannot be asked. */
+int64_t platform_free_space(const char *path);
+
+/* ---- Entries of a directory -------------------------------------------------------------------------------------- */
+
+/* Removes a file, a link or an empty directory.
+ * - A link is removed itself, whether or not it points to anything.
+ * - Returns 1, or 0 when there is no such entry or it cannot be removed. */
 int platform_remove_file(const char *path);
 
-/* Renames; replaces what is at the target. 1 when it did, else 0. */
+/* Renames an entry.
+ * - to: an entry of that name is replaced.
+ * - Returns 1 when it did, else 0. */
 int platform_rename(const char *from, const char *to);
 
-/* Makes a directory of mode 0777 before the mask. 1 when it did, else 0. Both are the same. */
+/* Makes a directory of mode 0777 before the mask.
+ * - Returns 1 when it did, else 0. */
 int platform_mkdir(const char *path);
+
+/* The same as platform_mkdir, under its second name. */
 int platform_make_dir(const char *path);
 
-/* Removes an empty directory. 1 when it did, else 0. */
+/* Removes an empty directory.
+ * - Returns 1 when it did, else 0. */
 int platform_rmdir(const char *path);
-
-/* Bytes that an unprivileged process may still write to the path's file system, at most INT64_MAX; -1 for a null or
- * empty path, -2 when it cannot be asked. */
-int64_t platform_free_space(const char *path);
 
 /* ---- Stamps ------------------------------------------------------------------------------------------------------ */
 
-/* The stamp of a path, an open descriptor, an open stream. When the status cannot be read: all words zero, not valid.
- */
+/* Takes the stamp of a path. A link counts as the file that it points to.
+ * - Returns the stamp. When the status cannot be read all its words are 0: it is not
+ *   valid. */
 FileStamp platform_file_stamp(const char *path);
+
+/* Takes the stamp of an open descriptor.
+ * - Returns the stamp. When the status cannot be read all its words are 0: it is not
+ *   valid. */
 FileStamp platform_fd_stamp(int fd);
+
+/* Takes the stamp of an open stream.
+ * - stream: null gives the stamp that is not valid.
+ * - Returns the stamp. When the status cannot be read all its words are 0: it is not
+ *   valid. */
 FileStamp platform_stream_stamp(FILE *stream);
 
-/* 1 when the stamp was taken of a file. */
+/* Tells whether a stamp was taken of a file. */
 int platform_stamp_valid(FileStamp stamp);
 
-/* 1 when two stamps differ. Access times are not compared: reading a file is no change. */
+/* Tells whether two stamps differ.
+ * - Access times are not compared: reading a file is no change. */
 int platform_stamps_differ(FileStamp a, FileStamp b);
 
-/* 1 when a fresh stamp differs from the one given; a file that is gone has changed, unless it was missing when the
- * stamp was taken. */
+/* Tells whether a file has changed since its stamp was taken.
+ * - A file that is gone has changed, unless it was missing when the stamp was taken. */
 int platform_file_changed(const char *path, FileStamp stamp);
+
+/* Tells whether an open file has changed since its stamp was taken.
+ * - A descriptor that is not open has changed, unless the stamp is not valid either. */
 int platform_fd_changed(int fd, FileStamp stamp);
+
+/* Tells whether the file of a stream has changed since its stamp was taken.
+ * - stream: null has changed, unless the stamp is not valid either. */
 int platform_stream_changed(FILE *stream, FileStamp stamp);
 
-/* 1 when the stamped file is of a kind and its owner has permissions. flags: one kind of PlatformMode plus permissions,
- * all of which must be there. */
+/* Tells whether a stamped file is of a kind and its owner has permissions.
+ * - flags: one kind of PlatformMode plus permissions of it. Other bits do not count.
+ * - Returns 1 when the kind matches and the owner has every permission of flags. */
 int platform_mode_test(FileStamp stamp, uint32_t flags);
 
 #pragma GCC visibility pop

@@ -1,5 +1,10 @@
 /* Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
- * Process information from the /proc file system: the caller's number, whether a process exists, its memory use.
+ * Process information: the caller's number, whether a process exists, how much memory it
+ * uses.
+ *
+ *   1. platform_getpid tells the caller's own process number.
+ *   2. platform_process_exists tells whether a process is there.
+ *   3. platform_process_memory tells how much memory a process uses.
  *
  * Example:
  *
@@ -8,6 +13,8 @@
  *   if (platform_process_memory(-1, &virtual_kb, &resident_kb)) {
  *       msg_print("%llu KiB in use", (unsigned long long) resident_kb);
  *   }
+ *
+ * The last two calls read /proc. They need that file system and a free descriptor.
  */
 #ifndef ZEL_COMPONENTS_PLATFORM_PROCESS_INFO_H
 #define ZEL_COMPONENTS_PLATFORM_PROCESS_INFO_H
@@ -19,17 +26,30 @@ extern "C" {
 #endif
 #pragma GCC visibility push(default)
 
-/* The caller's process number. */
+/* Tells the caller's process number. */
 int32_t platform_getpid(void);
 
-/* 1 when a process of this number exists, else 0. A process that has ended but was not yet waited for still exists. */
+/* Tells whether a process exists.
+ * - pid: the process number.
+ * - Returns 1 when /proc/PID can be opened, else 0. No report is made.
+ * - A process that has ended exists until its parent waits for it.
+ * - With no descriptor free every process "does not exist": the result is 0. So it is
+ *   without /proc. A caller near its limit of descriptors must not take 0 for the end of
+ *   a process. */
 int platform_process_exists(unsigned long pid);
 
-/* Memory use of a process in KiB; a negative pid means the caller.
- * virtual_kb: the virtual size, rounded up; on 32-bit x86 it is computed in 32 bits, and one beyond them, as a process
- * of 64 bits may have, is 0. resident_kb: the resident size. Either may be null.
- * Returns 1, or 0 after a report (platform_perror) when the process's entry cannot be opened or read. A command name
- * with a blank in it shifts the fields of the entry: the values are then wrong (0), and nothing says so. */
+/* Tells how much memory a process uses.
+ * - pid: the process number; a negative one means the caller.
+ * - virtual_kb: receives the virtual size in KiB, rounded up; or null.
+ * - resident_kb: receives the resident size in KiB; or null.
+ * - Returns 1.
+ * - Returns 0 after a report (platform_perror) when the entry of the process in /proc
+ *   cannot be opened or read; with no descriptor free this is so for every process. The
+ *   results are left as they were.
+ * - A command name with a blank in it shifts the fields of the entry. The sizes are wrong
+ *   then, and the result is still 1.
+ * - Limits: on 32-bit x86 the virtual size is computed in 32 bits. A size beyond them, as
+ *   a process of 64 bits may have, comes out as 0. */
 int platform_process_memory(int32_t pid, uint64_t *virtual_kb, uint64_t *resident_kb);
 
 #pragma GCC visibility pop
