@@ -30,6 +30,10 @@ void close_keeping_errno(FILE *file) {
     fclose(file);
 }
 
+// DELIBERATE: the texts of the three reports are fixed, "pinfo" included. Tests:
+// ProcessMemory.AProcessThatDoesNotExistIsReported,
+// ProcessMemory.AStatFileThatCannotBeOpenedIsReported,
+// ProcessMemory.AStatFileThatCannotBeReadIsReported.
 bool read_stat_line(int32_t pid, StatLine &line) {
     ProcPath path;
     zel::format_text(path, "/proc/%d", pid);
@@ -56,23 +60,24 @@ struct MemoryFields {
     unsigned long resident_pages;
 };
 
-// DELIBERATE: the command is read as one word without blanks, so a command with a blank in it shifts the fields behind
-// it and the values come out as 0. Held by the test ProcessMemory.ACommandWithABlankShiftsTheFields.
+// DELIBERATE: a blank in the command shifts the fields after it: the command is read as
+// one word. Test: ProcessMemory.ACommandWithABlankShiftsTheFields.
 MemoryFields parse_stat_line(const char *line) {
     MemoryFields fields = {};
-    // Number, command, state; then 19 numbers up to the start time; the virtual size; the resident pages.
+    // The number, the command, the state; 19 numbers up to the start time; the virtual
+    // size; the resident pages.
     sscanf(line, "%*d %*s %*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %*d %*d %*d %*d %*d %*d %*u %*u %*d %lu %lu",
            &fields.virtual_bytes, &fields.resident_pages);
     return fields;
 }
 
-// DELIBERATE: in the width of the field, which on 32-bit x86 wraps for the last kibibyte of the address space. Held by
-// the test ProcessMemory.TheVirtualSizeIsRoundedUpToWholeKibibytes.
+// DELIBERATE: the sum is in the width of the field, and on 32-bit x86 it wraps in the
+// last kibibyte. Test: ProcessMemory.TheVirtualSizeIsRoundedUpToWholeKibibytes.
 uint64_t virtual_kibibytes(unsigned long bytes) {
     return (bytes + kKibibyteRest) >> kKibibyteShift;
 }
 
-// DELIBERATE: a page size of 1 is a system that reports kibibytes already, not a page of one byte. Held by the test
+// DELIBERATE: a page size of 1 counts as one kibibyte. Test:
 // ProcessMemory.APageSizeOfOneCountsAsOneKibibyte.
 uint64_t resident_kibibytes(unsigned long pages) {
     constexpr long double kKibibyte = 1024.0L;

@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// Storage of the C library's for the records that a caller never tests for null.
+// Allocation for callers that cannot go on without memory.
 #ifndef ZEL_COMPONENTS_PLATFORM_BASE_ALLOCATION_H
 #define ZEL_COMPONENTS_PLATFORM_BASE_ALLOCATION_H
 
@@ -9,7 +9,8 @@
 
 namespace zel {
 
-// Storage from malloc. Without memory an error names the function, and the process ends.
+// Returns storage from malloc. Without memory an error names the function, and the
+// process ends.
 inline void *allocate_or_end(size_t size, const char *function) {
     void *storage = malloc(size);
     if (storage == nullptr) {

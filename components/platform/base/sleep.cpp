@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// Sleeping a whole time.
+// Sleeping for a whole time, whatever signals arrive meanwhile.
 #include <components/platform/base/sleep.h>
 
 #include <cstdint>
@@ -21,8 +21,8 @@ int64_t milliseconds_now() {
 
 } // namespace
 
-// An interrupted sleep reports the seconds left, rounded down: under signals that arrive more often than once a second
-// the rest would be lost. So the clock decides whether to sleep again.
+// The clock decides whether to sleep again. The result of an interrupted sleep, the
+// seconds left, is rounded: several signals within a second would make it lose time.
 void sleep_seconds(unsigned int seconds) {
     const int64_t end = milliseconds_now() + seconds * kMillisecondsPerSecond;
     for (int64_t left = end - milliseconds_now(); left > 0; left = end - milliseconds_now()) {

@@ -1,11 +1,11 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// Sleeping a whole time, whatever signals arrive meanwhile.
+// Sleeping for a whole time, whatever signals arrive meanwhile.
 #ifndef ZEL_COMPONENTS_PLATFORM_BASE_SLEEP_H
 #define ZEL_COMPONENTS_PLATFORM_BASE_SLEEP_H
 
 namespace zel {
 
-// Returns when that many seconds have passed.
+// Returns after that many seconds.
 void sleep_seconds(unsigned int seconds);
 
 } // namespace zel

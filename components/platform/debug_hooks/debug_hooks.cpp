@@ -23,18 +23,23 @@ using zel::debug_hooks::copy_text;
 using zel::debug_hooks::Request;
 
 constexpr const char *kMarker = "__ZEL_DEBUG__";
+
+// DELIBERATE: a marker at index 511 or later is an argument. Test:
+// DebugHooksMarker.TheMarkerIsSeenAtIndex510AndNotAt511.
 constexpr int32_t kScanBound = 511;
+
 constexpr unsigned kDefaultDelay = 30;
 constexpr size_t kPromptLineLength = 254;
 
-// What the environment says to the library; a program with raised rights does not hand it on.
+// The variables that direct the library. A process with raised rights removes them from
+// its environment.
 constexpr std::array<const char *, 8> kVariables = {
     "ZEL_DEBUG", "ZEL_DIAGNOSTICS_PATH", "ZEL_DIAG_DIR", "ZEL_TMPDIR", "TMP", "TEMP", "ZEL_DIST", "ZEL_PERROR"};
 
 // The caller's own arguments, ended by null.
 using ArgumentsBefore = std::array<char *, kScanBound>;
 
-// The words from the first to the last, joined with single blanks.
+// Joins the words from first up to last, which is left out, with single blanks.
 char *join(char *const *first, char *const *last) {
     size_t length = 0;
     for (char *const *word = first; word != last; ++word) {
@@ -52,6 +57,7 @@ char *join(char *const *first, char *const *last) {
     return joined;
 }
 
+// Joins the words of a list that ends with null.
 char *join_list(char *const *words) {
     char *const *last = words;
     while (*last != nullptr) {
@@ -65,7 +71,7 @@ const char *user_shell() {
     return shell == nullptr ? "tcsh" : shell;
 }
 
-// What the started command needs to start the real program again.
+// Sets the variables by which the started command can start the program again.
 void describe_program(const char *program, char **args_before) {
     const std::string_view component = zel::last_component(program);
     constexpr std::string_view kPrompt = "debug ";
@@ -92,19 +98,21 @@ void delay(char **arguments) {
         zel::sleep_seconds(kDefaultDelay);
         return;
     }
+    // DELIBERATE: a word that is no number is 0 seconds. Test:
+    // DebugOp.ADelayTakesItsSecondsFromTheFirstWord.
     const long seconds = strtol(arguments[0], nullptr, 10);
     zel::sleep_seconds(static_cast<unsigned>(std::clamp<long>(seconds, 0, INT_MAX)));
 }
 
-// Whether standard input is worth reading again after a read that failed. Whoever shares a terminal or a pipe with this
-// process may have made it non-blocking; the prompt waits all the same.
+// Tells whether to read standard input again after a read that failed. Another process
+// may have made a shared terminal or pipe non-blocking: then this waits for input.
 bool wait_for_input() {
     struct pollfd entry = {.fd = STDIN_FILENO, .events = POLLIN, .revents = 0};
     return errno == EINTR || (errno == EAGAIN && (poll(&entry, 1, -1) != -1 || errno == EINTR));
 }
 
-// The next byte of standard input, or EOF. What stdio has read already comes before what the descriptor still holds;
-// the descriptor itself is read without stdio, which would take more than a byte.
+// Returns the next byte of standard input, or EOF. The bytes that stdio has buffered come
+// first. The descriptor is read without stdio, which would take more than a byte.
 int next_byte() {
     if (stdin->_IO_read_ptr < stdin->_IO_read_end) {
         return getc(stdin);
@@ -117,8 +125,8 @@ int next_byte() {
     return count == 1 ? byte : EOF;
 }
 
-// Takes one line and not a byte more: what follows belongs to whoever reads next, the program or one that it starts.
-// The end of the input is an answer like any other.
+// Takes one line and not a byte more: the bytes after it belong to the program, or to one
+// that it starts. The end of the input ends the line.
 void take_line() {
     int byte = 0;
     for (size_t taken = 0; taken < kPromptLineLength && byte != '\n' && byte != EOF; ++taken) {
@@ -139,6 +147,10 @@ void prompt(char **arguments) {
     take_line();
 }
 
+// DELIBERATE: the messages of the calls that cannot start a program or do not know an op
+// are fixed texts. Tests: DebugOp.AShellThatCannotBeStartedIsSaidAndEndsTheProcess,
+// DebugOp.ExecWithoutAProgramFailsLikeOneThatCannotBeStarted,
+// DebugOp.AnUnknownOpIsSaidAndEndsTheProcess.
 [[noreturn]] void become_shell_command(const char *command) {
     execl("/bin/sh", "sh", "-c", command, static_cast<char *>(nullptr));
     fail("\"__ZEL_DEBUG__ using\" w/execl() call failed.\n");
@@ -157,7 +169,7 @@ void prompt(char **arguments) {
     exit(1);
 }
 
-// Carries out a request that has words.
+// Carries out a request that has an op.
 void carry_out(const Request &request, const char *program, char **args_before) {
     if (strcasecmp(request.op, "delay") == 0) {
         delay(request.arguments);
@@ -174,7 +186,8 @@ void carry_out(const Request &request, const char *program, char **args_before) 
     }
 }
 
-// The index of the marker, or the bound when there is none. What stands before it is collected.
+// Returns the index of the marker, or the bound when there is none. The arguments before
+// it are collected.
 int32_t find_marker(int32_t bound, char **argv, ArgumentsBefore &before) {
     size_t count = 0;
     int32_t index = 1;
@@ -185,8 +198,8 @@ int32_t find_marker(int32_t bound, char **argv, ArgumentsBefore &before) {
     return index;
 }
 
-// DELIBERATE: a process that was started through the marker opens no diagnostics file and echoes nothing: a developer
-// runs it by hand, and its output is its own. Held by the test DebugHooksMarker.AMarkerOpensNoDiagnostics.
+// DELIBERATE: a process with a marker opens no diagnostics file and echoes nothing. Test:
+// DebugHooksMarker.AMarkerOpensNoDiagnostics.
 void act_on_marker(int32_t index, int32_t *argc, char **argv, ArgumentsBefore &before) {
     char *request = join(argv + index + 1, argv + *argc);
     *argc = index;
@@ -206,8 +219,9 @@ void act_on_variable(const char *program, ArgumentsBefore &before) {
     free(request);
 }
 
-// No request is seen in a process with raised rights: it would run whatever its caller says with rights that the caller
-// lacks. Programs that are started from here may take such a process for an ordinary one.
+// A request in a process with raised rights would run a command of its caller with rights
+// that the caller lacks: no request is looked for. A program that is started from here
+// may itself have no raised rights, and would obey the variables: they are removed.
 void start_with_raised_rights(int32_t argc, char **argv, const char *name) {
     for (const char *variable : kVariables) {
         unsetenv(variable);

@@ -15,6 +15,8 @@ void *allocate(size_t size) {
     return zel::allocate_or_end(size, "platform_debug_hooks");
 }
 
+// Returns the next word, ended in place by a NUL, and moves the position past it; null
+// when there is none.
 char *next_word(char **position) {
     char *word = *position + strspn(*position, " \t");
     if (*word == '\0') {
@@ -42,7 +44,8 @@ char *copy_text(std::string_view text) {
 Request take_apart(const char *text) {
     const size_t length = strlen(text);
     Request request = {.line = copy_text({text, length}), .words = nullptr, .op = nullptr, .arguments = nullptr};
-    // Words of one character and a blank each, and the null behind them.
+    // The most words are of one character, each followed by a blank. The null follows the
+    // last.
     request.words = static_cast<char **>(allocate((length / 2 + 2) * sizeof(char *)));
     char *position = request.line;
     size_t count = 0;
@@ -55,6 +58,7 @@ Request take_apart(const char *text) {
     return request;
 }
 
+// The words and the op stand in the line.
 void release(const Request &request) {
     free(request.words);
     free(request.line);

@@ -7,21 +7,28 @@
 
 namespace zel::debug_hooks {
 
-// A request taken apart. The words are those behind the op.
+// The texts of the hook come from malloc and not from the memory library: the debug heap
+// can be switched on only before the memory library's first allocation, and the hook runs
+// before the program can do so. Without memory the process ends after a message.
+
+// A request taken apart.
 struct Request {
-    char *line;   // the copy that the words stand in
-    char **words; // line, op and all; ended by null
-    const char *op;
-    char **arguments;
+    char *line;       // a copy of the request; the words stand in it
+    char **words;     // all words, the op first; ended by null
+    const char *op;   // null when the request has no word
+    char **arguments; // the words after the op; ended by null
 };
 
-// Takes a request apart. release gives its storage back.
+// Takes a request apart. The caller gives the storage back by release.
 Request take_apart(const char *text);
+
+// Releases the storage of a request.
 void release(const Request &request);
 
-// The texts here come from the C library's allocator: the hook runs before the program has decided on its debug heap,
-// and an allocation of the memory library would decide for it. Their length is whatever the command line's was.
+// Allocates a text of that length and its NUL. The caller releases it with free.
 char *allocate_text(size_t length);
+
+// Copies a text. The caller releases the copy with free.
 char *copy_text(std::string_view text);
 
 } // namespace zel::debug_hooks

@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// The distribution name.
+// The name of the installed distribution.
 #include <components/platform/environment.h>
 
 #include <components/platform/base/descriptor.h>
@@ -14,13 +14,11 @@ namespace {
 
 constexpr size_t kDistributionNameSize = 256;
 
-struct State {
-    std::array<char, kDistributionNameSize> distribution_name; // overwritten by each call
-};
+// The result of platform_dist_name. Every call overwrites it.
+constinit std::array<char, kDistributionNameSize> distribution_name = {};
 
-constinit State state = {};
-
-// Moves a file that stands on a standard descriptor, where it would be taken for the program's own input, above them.
+// Moves a file off the standard descriptors, where the program would take it for its own
+// input. Without a free descriptor the file is closed, and the result is null.
 FILE *above_standard(FILE *file) {
     if (fileno(file) > STDERR_FILENO) {
         return file;
@@ -37,7 +35,7 @@ FILE *above_standard(FILE *file) {
     return again;
 }
 
-// Opens a file that stays open. Programs that are executed later do not inherit it.
+// Opens a file that is never closed. Programs that are executed later do not inherit it.
 FILE *open_for_keeps(const char *path) {
     FILE *opened = fopen(path, "r");
     FILE *file = opened == nullptr ? nullptr : above_standard(opened);
@@ -47,16 +45,16 @@ FILE *open_for_keeps(const char *path) {
     return file;
 }
 
+// The word stays empty when the file holds none.
 bool read_first_word(FILE *file, std::array<char, kDistributionNameSize> &word) {
-    static_assert(kDistributionNameSize == 256, "the conversion below names the size");
+    static_assert(kDistributionNameSize == 256, "the conversion below states the size");
     word.front() = '\0';
     return fscanf(file, "%255s", word.data()) == 1;
 }
 
 } // namespace
 
-// DELIBERATE: the file stays open, so that the installed file can be told from /proc for as long as the process lives.
-// Held by the test PlatformDistName.TheFileStaysOpen.
+// DELIBERATE: the file is not closed. Test: PlatformDistName.TheFileStaysOpen.
 char *platform_dist_name() {
     const char *root = zel::variable("ZEL_DIST");
     zel::PathBuffer path;
@@ -67,6 +65,6 @@ char *platform_dist_name() {
     if (file == nullptr) {
         return nullptr;
     }
-    read_first_word(file, state.distribution_name);
-    return state.distribution_name.data();
+    read_first_word(file, distribution_name);
+    return distribution_name.data();
 }

@@ -1,5 +1,6 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// Environment variables, and the test of a directory that a variable names.
+// The core of the environment services: variables, and the test for a directory that can
+// be written.
 #include <components/platform/environment.h>
 
 #include <msg/base/text.h>

@@ -21,9 +21,8 @@ constinit State state = {};
 
 } // namespace
 
-// DELIBERATE: any value chooses standard output, "2" and "stderr" included. The stream is for a developer at a
-// terminal; standard error already carries what the program says itself. Held by the test
-// PlatformPerror.EveryNonEmptyValueChoosesStandardOutput.
+// DELIBERATE: any value that is not empty chooses standard output, "2" and "stderr"
+// included. Test: PlatformPerror.EveryNonEmptyValueChoosesStandardOutput.
 void platform_perror_init() {
     if (state.error_report_chosen) {
         return;
@@ -35,7 +34,7 @@ void platform_perror_init() {
 
 void platform_perror(const char *text) {
     const zel::ErrnoKept kept;
-    // A bounded copy on the stack: a report must get through when memory has run out.
+    // The copy is on the stack: a report must get through when memory has run out.
     std::array<char, kErrorTextSize> error_text;
     zel::format_text(error_text, "%s", strerror(kept.value));
     platform_perror_init();

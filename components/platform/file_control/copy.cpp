@@ -28,7 +28,7 @@ struct OpenFile {
     const int fd;
 };
 
-// Asked of what is open: a name may lead to the source by the time it is opened.
+// Compares open files: another process may exchange a name before it is opened.
 bool is_same_file(int one, int other) {
     struct stat source;
     struct stat target;
@@ -36,12 +36,13 @@ bool is_same_file(int one, int other) {
            source.st_dev == target.st_dev && source.st_ino == target.st_ino;
 }
 
-// Devices and pipes have nothing to empty.
+// Empties the target. Devices and pipes are left alone.
 bool make_empty(int fd) {
     struct stat status;
     return fstat(fd, &status) == 0 && (!S_ISREG(status.st_mode) || ftruncate(fd, 0) == 0);
 }
 
+// A read that a signal interrupts is repeated.
 ssize_t read_chunk(int fd, Chunk &chunk) {
     ssize_t count;
     do {
@@ -50,6 +51,7 @@ ssize_t read_chunk(int fd, Chunk &chunk) {
     return count;
 }
 
+// A write that a signal interrupts is repeated; one that is cut short is not.
 void write_chunk(int fd, const Chunk &chunk, size_t length) {
     ssize_t count;
     do {
@@ -59,8 +61,8 @@ void write_chunk(int fd, const Chunk &chunk, size_t length) {
 
 } // namespace
 
-// DELIBERATE: a write that is cut short and a read that fails do not show in the result; a caller that must know
-// compares sizes. Held by the tests CopyFile.AFullDiskDoesNotShowInTheResult and CopyFile.AReadThatFailsEndsTheCopy.
+// DELIBERATE: a short write and a failed read do not show in the result. Tests:
+// CopyFile.AFullDiskDoesNotShowInTheResult, CopyFile.AReadThatFailsEndsTheCopy.
 int platform_copy_file(const char *from, const char *to) {
     if (from == nullptr || to == nullptr) {
         return 0;

@@ -7,10 +7,12 @@
 
 namespace {
 
+// The mask of the process takes permissions away from it.
 constexpr mode_t kDirectoryMode = 0777;
 
 } // namespace
 
+// lstat sees a link that points nowhere, which remove can remove.
 int platform_remove_file(const char *path) {
     struct stat status;
     return path != nullptr && lstat(path, &status) == 0 && remove(path) == 0 ? 1 : 0;

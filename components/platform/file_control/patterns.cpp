@@ -11,11 +11,13 @@
 
 namespace {
 
+// An empty or null pattern stands for all names.
 const char *pattern_or_all(const char *pattern) {
     return pattern == nullptr || *pattern == '\0' ? "*" : pattern;
 }
 
-// Directory and pattern in one, in storage of the C library: it is no allocation of the program's.
+// Joins directory and pattern. The text comes from malloc: it is no allocation of the
+// program.
 char *join_pattern(const char *dir, const char *pattern) {
     const size_t length = strlen(dir);
     const char *separator = dir[length - 1] == '/' ? "" : "/";
@@ -31,11 +33,13 @@ int platform_glob(const char *dir, const char *pattern, PlatformFileList *list) 
     if (list == nullptr || dir == nullptr || *dir == '\0') {
         return 0;
     }
+    // DELIBERATE: the number 808 is part of the description. Test:
+    // Glob.TheRecordIsAskedForUnderItsOwnName.
     auto *record = static_cast<glob_t *>(zel_malloc(sizeof(glob_t), "components/platform/file_control:808", "glob_t"));
     if (record == nullptr) {
         return 0; // as a failure handler decided
     }
-    *record = {}; // it is released also when the expansion failed before it set it up
+    *record = {}; // globfree below also gets a record that a failed glob has not set up
     char *joined = join_pattern(dir, pattern_or_all(pattern));
     const int result = glob(joined, 0, nullptr, record);
     free(joined);

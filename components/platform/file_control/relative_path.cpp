@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// The way from one absolute path to another.
+// Composing the path that leads from one absolute path to another.
 #include <components/platform/file_control/relative_path.h>
 
 #include <msg/base/text.h>
@@ -10,7 +10,7 @@ namespace zel {
 
 namespace {
 
-// Where the last "/" stands that both paths have passed in common.
+// The position of the last "/" in the part that both paths have in common.
 size_t last_common_slash(std::string_view base, std::string_view target) {
     const auto differ = std::mismatch(base.begin(), base.end(), target.begin(), target.end());
     const auto common = static_cast<size_t>(differ.first - base.begin());
@@ -31,10 +31,11 @@ bool compose_relative_path(std::string_view base, std::string_view target, std::
     if (ups * kUp.size() + rest.size() >= result.size()) {
         return false;
     }
-    // The rest first, and to its place at once: the result may stand where the target stood.
-    char *const behind_ups = result.data() + ups * kUp.size();
-    memmove(behind_ups, rest.data(), rest.size());
-    behind_ups[rest.size()] = '\0';
+    // The result may overlap the target: its rest is moved before the steps up are
+    // written.
+    char *const after_ups = result.data() + ups * kUp.size();
+    memmove(after_ups, rest.data(), rest.size());
+    after_ups[rest.size()] = '\0';
     for (size_t up = 0; up < ups; ++up) {
         copy_part(result.subspan(up * kUp.size()), kUp);
     }

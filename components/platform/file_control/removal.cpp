@@ -1,8 +1,9 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // Removal of a directory with all that it holds, in this process.
 //
-// Directories are held by descriptor, and entries are removed relative to them. No path is followed twice: a name that
-// somebody exchanges for a link meanwhile leads nowhere.
+// Directories are held by descriptor, and entries are removed relative to them. No path
+// is followed twice. A path that was looked up again could lead out of the tree, since
+// another process may have exchanged a directory for a link.
 #include <components/platform/file_control.h>
 
 #include <components/platform/base/allocation.h>
@@ -20,25 +21,27 @@ namespace {
 
 constexpr int kHold = O_PATH | O_DIRECTORY | O_CLOEXEC;
 
-// The directory that is to be removed: its name, and the path of the directory that holds it.
+// The tree that is to be removed: the name of its directory, and the path of the
+// directory that holds it.
 struct Place {
     const char *parent;
     const char *name;
 };
 
-// A directory on the way from the parent of the tree down to the one that is being emptied. Levels stand on the C
-// library's heap: a tree may be deeper than the stack.
+// A directory on the way from the parent of the tree down to the one that is being
+// emptied. Levels come from malloc: a tree may be deeper than the stack.
 struct Level {
     Level *above;     // null for the parent of the tree
     const char *name; // in the level above
-    dev_t device;     // with the inode: which directory it is
+    dev_t device;     // with the inode: identifies the directory
     ino_t inode;
-    PlatformFileList lists[2]; // what it holds: plain entries, then hidden ones
+    PlatformFileList lists[2]; // its entries: plain ones, then hidden ones
     size_t list;               // the list that is being removed
     uint32_t entry;            // the next entry in it
 };
 
-// The levels of a removal under way. What is left of them is released where the scope ends.
+// The levels of a removal under way. Those that are left are released where the scope
+// ends.
 struct Walk {
     Walk() { held.fill(-1); }
     Walk(const Walk &) = delete;
@@ -46,7 +49,8 @@ struct Walk {
     ~Walk();
     Level *level = nullptr; // the innermost
     size_t depth = 0;       // how many levels there are
-    // The descriptors of the innermost levels, that of the n-th at n % kHeldLevels; -1 for one that was let go.
+    // The descriptors of the innermost levels. Level n stands at n % kHeldLevels; -1 is a
+    // level that was let go.
     std::array<int, zel::kHeldLevels> held;
 };
 static_assert(zel::kHeldLevels >= 2); // an emptied directory is removed through the one above it
@@ -55,9 +59,11 @@ int &descriptor(Walk &walk, size_t depth) {
     return walk.held[depth % walk.held.size()];
 }
 
+// Closes the descriptor of a level, if it is held.
 void let_go(int &fd) {
     if (fd != -1) {
-        fd = zel::close_keeping_errno(fd);
+        zel::close_keeping_errno(fd);
+        fd = -1;
     }
 }
 
@@ -79,7 +85,8 @@ Walk::~Walk() {
     }
 }
 
-// Makes the directory behind the descriptor the innermost level, which owns the descriptor from now on.
+// Makes the directory of the descriptor the innermost level. The level owns the
+// descriptor. Returns false when there is no descriptor, or it has no status.
 bool enter_level(Walk &walk, int fd, const char *name) {
     struct stat status;
     if (fd == -1 || fstat(fd, &status) != 0) {
@@ -100,8 +107,9 @@ bool enter_level(Walk &walk, int fd, const char *name) {
     return true;
 }
 
-// Lists what the directory holds, once. A list that cannot be had is an empty one: an empty directory need not be
-// readable.
+// Lists the entries of a directory, once. A list that cannot be made is empty: an empty
+// directory can be removed without being readable. Returns false for a directory that the
+// process may not write.
 bool list_level(Level &level, int fd) {
     std::array<char, sizeof "/proc/self/fd/2147483647"> path;
     zel::format_text(path, "/proc/self/fd/%d", fd);
@@ -113,7 +121,8 @@ bool list_level(Level &level, int fd) {
     return true;
 }
 
-// The level that has the place of the new one is let go first.
+// Enters a directory of the innermost level and lists it. The level whose place it takes
+// is let go first.
 bool enter_directory(Walk &walk, const char *name) {
     let_go(descriptor(walk, walk.depth + 1));
     const int fd = openat(descriptor(walk, walk.depth), name, kHold | O_NOFOLLOW);
@@ -124,7 +133,7 @@ bool is_self_or_parent(std::string_view name) {
     return name == "." || name == "..";
 }
 
-// The name of the next entry, or null when there is none.
+// Returns the name of the next entry, or null when there is none.
 const char *next_name(Level &level) {
     for (; level.list < std::size(level.lists); ++level.list, level.entry = 0) {
         const PlatformFileList &list = level.lists[level.list];
@@ -138,8 +147,9 @@ const char *next_name(Level &level) {
     return nullptr;
 }
 
-// A link is an entry of its own, whatever it points to; also one that points nowhere. A directory becomes the innermost
-// level, and is removed when it has been emptied.
+// Removes an entry that is no directory. A link is removed itself, whether or not it
+// points to anything. A directory becomes the innermost level, and is removed when it is
+// empty. An entry that is gone is no failure.
 bool remove_entry(Walk &walk, const char *name) {
     const int fd = descriptor(walk, walk.depth);
     struct stat status;
@@ -149,7 +159,8 @@ bool remove_entry(Walk &walk, const char *name) {
     return S_ISDIR(status.st_mode) ? enter_directory(walk, name) : unlinkat(fd, name, 0) == 0;
 }
 
-// Reaches a level that was let go from the one below it. One that was moved meanwhile has another one above it.
+// Opens a level that was let go again, as the parent of the level below it. Returns -1
+// when that is another directory: the level below was moved meanwhile.
 int hold_again(const Level &level, int below) {
     struct stat status;
     int fd = openat(below, "..", kHold | O_NOFOLLOW);
@@ -159,7 +170,8 @@ int hold_again(const Level &level, int below) {
     return fd;
 }
 
-// Removes the innermost level, which has been emptied, and goes on in the one above it.
+// Removes the innermost level, which has been emptied. The level above it becomes the
+// innermost.
 bool remove_level(Walk &walk) {
     int &above = descriptor(walk, walk.depth - 1);
     if (above == -1) {
@@ -186,8 +198,8 @@ bool remove_tree(const Place &place) {
     return true;
 }
 
-// Takes each "/" from the end of the path and splits it before its last component. Returns false when that is no name
-// of an entry: when there is none, or it is "." or "..".
+// Cuts each "/" from the end of the path and splits it before its last component. Returns
+// false when there is no component, or it is "." or "..".
 bool split(zel::PathBuffer &path, Place &place) {
     size_t length = strlen(path.data());
     while (length > 0 && path[length - 1] == '/') {

@@ -12,9 +12,11 @@
 
 namespace {
 
+// The status of a child whose program cannot be executed, as shells use it.
 constexpr int kCannotExecute = 127;
 
-// In the child. It leaves without running the exit handlers, which are its parent's.
+// Runs in the child. A failure ends it without the exit handlers, which belong to its
+// parent.
 [[noreturn]] void become_command(const char *file, char *const argv[], const zel::Standards *standards) {
     if (standards == nullptr || zel::redirect_standard(*standards)) {
         execvp(file, argv);
@@ -22,6 +24,7 @@ constexpr int kCannotExecute = 127;
     _exit(kCannotExecute);
 }
 
+// Counts the texts of a list up to its null. The list is left where it is.
 size_t count_texts(const char *first, va_list rest) {
     va_list texts;
     va_copy(texts, rest);
@@ -33,6 +36,7 @@ size_t count_texts(const char *first, va_list rest) {
     return count;
 }
 
+// Starts a program with the arguments of a list. The child has its own copy of the vector.
 int32_t spawn_list(const char *file, const int *fds, const char *arg0, va_list rest) {
     const size_t size = (count_texts(arg0, rest) + 1) * sizeof(char *);
     auto **argv = static_cast<char **>(zel::allocate_or_end(size, "platform_spawnl"));
@@ -66,9 +70,10 @@ int32_t platform_spawnl(const char *file, const char *arg0, ...) {
 }
 
 int32_t platform_spawnl_quiet(const char *file, const char *arg0, ...) {
+    // The null device is open once in a process: each caller takes and returns a reference.
     const int null_fd = platform_null_fd_open();
     if (null_fd == -1) {
-        return -1; // as standard descriptors, negative ones would mean the parent's own
+        return -1; // a negative entry would mean the parent's own descriptors
     }
     const std::array<int, 3> fds = {null_fd, null_fd, null_fd};
     va_list rest;

@@ -6,7 +6,7 @@
 
 namespace {
 
-// A stamp of nothing but zeros is told from that of an empty file by this pattern.
+// The check word of an empty file. The stamp that is not valid has the check word 0.
 constexpr uint32_t kCheckPattern = 0x404040;
 constexpr unsigned kHighWordShift = 32;
 static_assert(sizeof(FileStamp) == 11 * sizeof(uint32_t));

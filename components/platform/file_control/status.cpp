@@ -9,16 +9,19 @@
 
 namespace {
 
+// Reads the status of the file that a path leads to, through links.
 bool read_status(const char *path, struct stat *status) {
     return path != nullptr && stat(path, status) == 0;
 }
 
-// At most what the result can hold: a file system may say anything, and the negative numbers are codes.
+// A product that the result cannot hold becomes INT64_MAX: one that wrapped could be a
+// code, -1 or -2.
 int64_t saturated_product(uint64_t size, uint64_t count) {
     constexpr auto kMost = uint64_t{INT64_MAX};
     return static_cast<int64_t>(size != 0 && count > kMost / size ? kMost : size * count);
 }
 
+// access goes by the real user and group of the process.
 int has_access(const char *path, int mode) {
     return path != nullptr && access(path, mode) == 0 ? 1 : 0;
 }
@@ -61,6 +64,7 @@ int64_t platform_file_size(const char *path) {
     return read_status(path, &status) ? int64_t{status.st_size} : -1;
 }
 
+// The name is the C library's and is not copied.
 const char *platform_file_owner(const char *path) {
     struct stat status;
     if (!read_status(path, &status)) {
@@ -78,6 +82,7 @@ int64_t platform_free_space(const char *path) {
     if (statvfs(path, &status) != 0) {
         return -2;
     }
-    // The unit in which the system counts blocks; the block size that it prefers for transfers may be another.
+    // f_bavail counts in units of f_frsize. f_bsize is the preferred size of a transfer
+    // and may differ.
     return saturated_product(status.f_frsize, status.f_bavail);
 }

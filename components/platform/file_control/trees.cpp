@@ -1,5 +1,8 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// Trees: removed, copied and moved by the system's tools.
+// Trees: removed, copied and moved by tools of the system.
+//
+// The storage of these services comes from malloc: it is no allocation of the program,
+// and must not end the time in which the debug heap can be switched on.
 #include <components/platform/file_control.h>
 
 #include <components/platform/base/allocation.h>
@@ -12,12 +15,8 @@
 
 namespace {
 
-// What these services need for themselves comes from the C library: it is no allocation of the program's, and must not
-// decide for it whether the debug heap can still be switched on.
-
-// ---- The system's tools ---------------------------------------------------------------------------------------------
-
-// Where a tool is looked for, the last one along the search path.
+// The places of a tool, in the order in which it is looked for. The name is searched
+// along PATH.
 struct Tool {
     const char *in_bin;
     const char *in_usr_bin;
@@ -28,7 +27,8 @@ constexpr Tool kRemove = {.in_bin = "/bin/rm", .in_usr_bin = "/usr/bin/rm", .nam
 constexpr Tool kCopy = {.in_bin = "/bin/cp", .in_usr_bin = "/usr/bin/cp", .name = "cp"};
 constexpr Tool kMove = {.in_bin = "/bin/mv", .in_usr_bin = "/usr/bin/mv", .name = "mv"};
 
-// Where the tool is, or null. The search path is the caller's: a process with raised rights does not go by it.
+// Returns where the tool is, or null. PATH belongs to the caller: a process with raised
+// rights does not search it.
 const char *locate(const Tool &tool) {
     if (platform_is_executable(tool.in_bin)) {
         return tool.in_bin;
@@ -39,7 +39,8 @@ const char *locate(const Tool &tool) {
     return zel::has_raised_rights() ? nullptr : tool.name;
 }
 
-// The path as the tool must be given it: one that begins with "-" would be read as an option.
+// A path as an argument of a tool. One that begins with "-" gets "./" in front, or it
+// would be read as an option.
 struct ToolPath {
     explicit ToolPath(const char *path) : text(path) {
         if (path[0] == '-') {
@@ -56,6 +57,7 @@ struct ToolPath {
     char *owned = nullptr;
 };
 
+// Waits for the tool.
 int succeeded(int32_t pid) {
     int32_t status;
     return pid != -1 && platform_wait_child(pid, &status) == pid && status == 0 ? 1 : 0;
@@ -88,7 +90,7 @@ int platform_copy_tree(const char *from, const char *to) {
     return succeeded(platform_spawnl(tool, tool, "-a", source.text, target.text, nullptr));
 }
 
-// DELIBERATE: only a directory is moved this way; a single file has platform_rename. Held by the test
+// DELIBERATE: only a directory is moved. Test:
 // MoveTree.APlainFileIsNotMovedAndNothingRuns.
 int platform_move_tree(const char *from, const char *to) {
     if (!platform_is_writable_dir(from) || to == nullptr) {
