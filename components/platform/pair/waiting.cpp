@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// Waiting for processes, ending them, and the shared descriptor on /dev/null.
+// Waiting for processes and ending them.
 #include <components/platform/zel_pair_connection.h>
 
 #include <components/platform/base/descriptor.h>
@@ -10,40 +10,9 @@
 
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
 #include <sys/wait.h>
-#include <unistd.h>
 
 namespace {
-
-// The shared null descriptor: open while there are references.
-struct State {
-    int references;
-    int fd;
-    FILE *stream; // what it was opened through
-};
-
-constinit State shared_null = {.references = 0, .fd = -1, .stream = nullptr};
-
-constexpr const char *kNullMode = "r+";
-
-// The same file as a stream above the standard descriptors. The given one is closed.
-FILE *move_above_standard(FILE *stream) {
-    const int fd = zel::dup_above_standard(fileno(stream));
-    FILE *moved = fd == -1 ? nullptr : fdopen(fd, kNullMode);
-    const zel::ErrnoKept kept;
-    if (moved == nullptr && fd != -1) {
-        close(fd);
-    }
-    fclose(stream);
-    return moved;
-}
-
-// On a standard descriptor, closed in this process, it would be taken for the program's own.
-FILE *open_null_device() {
-    FILE *stream = fopen("/dev/null", kNullMode);
-    return stream == nullptr || fileno(stream) > STDERR_FILENO ? stream : move_above_standard(stream);
-}
 
 // A parent that ignores SIGCHLD has no child left when its child has ended.
 bool wait_to_the_end(int32_t pid) {
@@ -110,26 +79,4 @@ int zel::pair::kill_and_reap(int32_t pid, bool *ended) {
 int platform_kill_and_reap(int32_t pid) {
     bool ended;
     return zel::pair::kill_and_reap(pid, &ended);
-}
-
-int platform_null_fd_open() {
-    if (shared_null.references > 0) {
-        ++shared_null.references;
-        return shared_null.fd;
-    }
-    FILE *stream = open_null_device();
-    if (stream == nullptr) {
-        return -1;
-    }
-    zel::set_close_on_exec(fileno(stream));
-    shared_null = {.references = 1, .fd = fileno(stream), .stream = stream};
-    return shared_null.fd;
-}
-
-void platform_null_fd_close(int fd) {
-    if (shared_null.stream == nullptr || fd != shared_null.fd || --shared_null.references > 0) {
-        return;
-    }
-    fclose(shared_null.stream);
-    shared_null = {.references = 0, .fd = -1, .stream = nullptr};
 }

@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// Transfers over a connected socket, and its blocking mode.
+// Transfers over a connected socket.
 #include <components/platform/socket.h>
 
 #include <components/platform/base/descriptor.h>
@@ -7,7 +7,6 @@
 #include <components/platform/socket/transfer.h>
 
 #include <cerrno>
-#include <fcntl.h>
 
 namespace zel {
 
@@ -75,12 +74,4 @@ int platform_recv_guarded(int socket, void *buffer, int32_t length) {
         return -3;
     }
     return static_cast<int>(recv(socket, buffer, static_cast<size_t>(length), 0));
-}
-
-int platform_fd_is_blocking(int fd) {
-    return (fcntl(fd, F_GETFL) & O_NONBLOCK) == 0 ? 1 : 0;
-}
-
-int platform_fd_set_blocking(int fd, int blocking) {
-    return zel::set_blocking(fd, blocking != 0);
 }
