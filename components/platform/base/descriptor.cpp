@@ -93,10 +93,9 @@ void clear_own_close_on_exec(int fd) {
     }
 }
 
-int close_keeping_errno(int fd) {
+void close_keeping_errno(int fd) {
     const ErrnoKept kept;
     close(fd);
-    return -1;
 }
 
 int dup_above_standard(int fd) {
@@ -123,7 +122,7 @@ Readiness wait_readable(int fd, long seconds, long microseconds) {
     return wait(fd, seconds, microseconds);
 }
 
-bool is_interruption(int error) {
+bool is_temporary(int error) {
     return error == EINTR || error == EAGAIN;
 }
 

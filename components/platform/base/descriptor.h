@@ -14,8 +14,8 @@ void set_close_on_exec(int fd);
 // Takes back what set_close_on_exec did to a standard descriptor that still leads to the same file.
 void clear_own_close_on_exec(int fd);
 
-// Closes the descriptor and keeps errno. Returns -1, the number of no descriptor.
-int close_keeping_errno(int fd);
+// Closes the descriptor and keeps errno.
+void close_keeping_errno(int fd);
 
 // A copy of the descriptor above the standard ones, or -1 with errno.
 int dup_above_standard(int fd);
@@ -30,7 +30,7 @@ enum class Readiness { ready, timeout, failed };
 Readiness wait_readable(int fd, long seconds, long microseconds);
 
 // Whether a wait or an accept that failed with this errno is to be tried again.
-bool is_interruption(int error);
+bool is_temporary(int error);
 
 } // namespace zel
 

@@ -54,20 +54,18 @@ void ignore_signal(int signal) {
 namespace {
 
 using zel::pair::kKindHybrid;
-
-constexpr const char *kUnit = zel::pair::kUnitName;
+using zel::pair::kUnit;
 
 // A caller loops on EAGAIN by itself; it is never kept.
-int32_t keep_error(PairHandle *ph) {
+void keep_error(PairHandle *ph) {
     if (errno != EAGAIN) {
         ph->error_number = errno;
     }
-    return 0;
 }
 
-int32_t refuse_length(PairHandle *ph) {
+void refuse_length(PairHandle *ph) {
     errno = EINVAL;
-    return keep_error(ph);
+    keep_error(ph);
 }
 
 int companion_exists(const PairHandle *ph) {
@@ -122,19 +120,29 @@ int platform_pair_valid(const PairHandle *ph) {
 int32_t platform_pair_send(PairHandle *ph, const void *buffer, int32_t length) {
     ZEL_ASSERT(platform_pair_valid(ph));
     if (length < 0) {
-        return refuse_length(ph);
+        refuse_length(ph);
+        return 0;
     }
     const ssize_t count = send(ph->tx_fd, buffer, static_cast<size_t>(length), 0);
-    return count > 0 ? static_cast<int32_t>(count) : keep_error(ph);
+    if (count <= 0) {
+        keep_error(ph);
+        return 0;
+    }
+    return static_cast<int32_t>(count);
 }
 
 int32_t platform_pair_recv(PairHandle *ph, void *buffer, int32_t length) {
     ZEL_ASSERT(platform_pair_valid(ph));
     if (length < 0) {
-        return refuse_length(ph);
+        refuse_length(ph);
+        return 0;
     }
     const ssize_t count = recv(ph->rx_fd, buffer, static_cast<size_t>(length), 0);
-    return count >= 0 ? static_cast<int32_t>(count) : keep_error(ph);
+    if (count < 0) {
+        keep_error(ph);
+        return 0;
+    }
+    return static_cast<int32_t>(count);
 }
 
 // A hybrid companion's parent may be out of reach of a local test, so it always counts as alive.

@@ -8,7 +8,7 @@
 namespace zel::pair {
 
 // The name of the unit, as assertions print it.
-inline constexpr const char *kUnitName = "components/platform/zel_pair_connection";
+inline constexpr const char *kUnit = "components/platform/zel_pair_connection";
 
 // The forms of the environment string.
 inline constexpr int32_t kKindNone = 0;

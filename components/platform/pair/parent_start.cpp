@@ -20,7 +20,8 @@
 
 namespace {
 
-constexpr const char *kUnit = zel::pair::kUnitName;
+using zel::pair::kUnit;
+
 constexpr int kForkRetries = 30;
 constexpr int kMaxArguments = 256;
 
@@ -39,10 +40,9 @@ struct Start {
     int32_t parent_pid;
 };
 
-bool close_both(const SocketPair &ends) {
+void close_both(const SocketPair &ends) {
     zel::close_keeping_errno(ends.parent_end);
     zel::close_keeping_errno(ends.child_end);
-    return false;
 }
 
 // A parent whose standard descriptors are closed gets its sockets there, where the redirection of the child would
@@ -50,12 +50,14 @@ bool close_both(const SocketPair &ends) {
 bool move_above_standard(SocketPair &ends) {
     const int parent_end = zel::above_standard(ends.parent_end);
     if (parent_end == -1) {
-        return close_both(ends);
+        close_both(ends);
+        return false;
     }
     ends.parent_end = parent_end;
     const int child_end = zel::above_standard(ends.child_end);
     if (child_end == -1) {
-        return close_both(ends);
+        close_both(ends);
+        return false;
     }
     ends.child_end = child_end;
     return true;
@@ -84,10 +86,9 @@ int32_t fork_with_retries() {
     return pid;
 }
 
-PairHandle *fail(PairHandle *ph, const char *step) {
+void keep_failure(PairHandle *ph, const char *step) {
     ph->error_number = errno;
     ph->error_text = step;
-    return ph;
 }
 
 // ---- Between fork and exec ------------------------------------------------------------------------------------------
@@ -159,13 +160,15 @@ PairHandle *platform_pair_parent_open_vp(const char *env_name, int ignore_sigpip
                          .parent_pid = platform_getpid()};
     SocketPair ends;
     if (!create_sockets(ends)) {
-        return fail(ph, "socketpair create failed");
+        keep_failure(ph, "socketpair create failed");
+        return ph;
     }
     const int32_t pid = fork_with_retries();
     if (pid == -1) {
         // DELIBERATE: the two socket ends stay open in the parent. Held by the test
         // PairParentOpen.AFailedForkLeavesBothSocketEndsOpen.
-        return fail(ph, "fork failed");
+        keep_failure(ph, "fork failed");
+        return ph;
     }
     if (pid == 0) {
         become_companion(ph, start, ends);

@@ -54,7 +54,7 @@ int32_t platform_wait_child(int32_t pid, int32_t *status) {
             return result;
         }
         platform_perror("waitpid: ");
-        if (!zel::is_interruption(errno)) {
+        if (!zel::is_temporary(errno)) {
             return -1;
         }
         errno = 0;

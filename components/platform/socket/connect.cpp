@@ -9,7 +9,7 @@
 #include <cerrno>
 #include <netinet/in.h>
 
-namespace zel {
+namespace zel::socket {
 
 namespace {
 
@@ -23,7 +23,7 @@ struct addrinfo *look_up(const char *host, int port) {
         return nullptr;
     }
     std::array<char, 16> service;
-    zel::format_text(service, "%d", port);
+    format_text(service, "%d", port);
     struct addrinfo hints = {};
     hints.ai_family = AF_INET;
     hints.ai_socktype = SOCK_STREAM;
@@ -39,10 +39,10 @@ struct addrinfo *look_up(const char *host, int port) {
     return nullptr;
 }
 
-} // namespace zel
+} // namespace zel::socket
 
 int platform_connect_host(const char *host, int port) {
     // DELIBERATE: the result of the lookup is not freed; the text of an address may be asked for until the process
     // ends. Held by the test ConnectHost.TheResultOfTheLookupIsNotFreed.
-    return platform_socket_open(zel::look_up(host, port), 0, 0);
+    return platform_socket_open(zel::socket::look_up(host, port), 0, 0);
 }

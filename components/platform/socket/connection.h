@@ -5,7 +5,7 @@
 
 #include <components/platform/socket.h>
 
-namespace zel {
+namespace zel::socket {
 
 // Looks up the IPv4 TCP addresses of a host. Null, with errno set, when there are none.
 struct addrinfo *look_up(const char *host, int port);
@@ -13,6 +13,6 @@ struct addrinfo *look_up(const char *host, int port);
 // A message of several sends never waits for a delayed acknowledgement. On other than TCP sockets nothing happens.
 void send_without_delay(int fd);
 
-} // namespace zel
+} // namespace zel::socket
 
 #endif

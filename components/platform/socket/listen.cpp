@@ -30,10 +30,9 @@ bool can_listen_on(const struct addrinfo &entry) {
     return entry.ai_family == AF_INET6 || entry.ai_socktype != SOCK_STREAM || !is_multicast(entry);
 }
 
-int refuse_addresses(struct addrinfo *list) {
+void refuse_addresses(struct addrinfo *list) {
     freeaddrinfo(list);
     errno = EADDRNOTAVAIL;
-    return -1;
 }
 
 // The first port of the range that opens. A lookup that fails or is refused ends the search.
@@ -42,12 +41,13 @@ int search_port(int first_port, int end_port, int *chosen_port) {
         errno = EINVAL;
     }
     for (int port = first_port; port < end_port; ++port) {
-        struct addrinfo *list = zel::look_up("localhost", port);
+        struct addrinfo *list = zel::socket::look_up("localhost", port);
         if (list == nullptr) {
             return -1;
         }
         if (!can_listen_on(*list)) {
-            return refuse_addresses(list);
+            refuse_addresses(list);
+            return -1;
         }
         const int fd = platform_socket_open(list, 1, 1);
         if (fd != -1) {
@@ -86,11 +86,11 @@ int platform_accept_retry(int listening, struct sockaddr *address, socklen_t *ad
         const int fd = accept(listening, address, length);
         if (fd != -1) {
             zel::set_close_on_exec(fd);
-            zel::send_without_delay(fd);
+            zel::socket::send_without_delay(fd);
             return fd;
         }
         platform_perror("accept");
-        if (!zel::is_interruption(errno)) {
+        if (!zel::is_temporary(errno)) {
             break;
         }
     }
@@ -114,7 +114,7 @@ int platform_accept_timeout(int listening, int seconds) {
         case zel::Readiness::failed:
             break;
         }
-        if (errno != 0 && !zel::is_interruption(errno)) {
+        if (errno != 0 && !zel::is_temporary(errno)) {
             platform_perror("select failed");
             return -1;
         }

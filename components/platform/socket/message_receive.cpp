@@ -5,7 +5,6 @@
 #include <components/platform/base/allocation.h>
 #include <components/platform/socket/message_scan.h>
 #include <components/platform/socket/transfer.h>
-#include <components/platform/socket/unit.h>
 #include <msg/base/assertion.h>
 #include <msg/base/limits.h>
 #include <msg/base/text.h>
@@ -19,9 +18,9 @@ constinit MsgBuf *gMsgBuf = nullptr;
 
 namespace {
 
-using zel::MessageScan;
+using zel::socket::kUnit;
+using zel::socket::MessageScan;
 
-constexpr const char *kUnit = zel::kSocketUnit;
 constexpr int32_t kDrainSize = 2048;
 
 using ReceiveArea = std::array<char, zel::kReceiveSize>;
@@ -100,8 +99,8 @@ MessageScan start_scan(LineTable &table) {
 // Goes on with the search for the message at the start of the unparsed data. Returns its length, or 0.
 int32_t find_message(MessageScan &scan, LineTable &table) {
     for (;;) {
-        const int32_t length = zel::scan_message(scan, unparsed_length());
-        if (length != zel::kLineTableFull) {
+        const int32_t length = zel::socket::scan_message(scan, unparsed_length());
+        if (length != zel::socket::kLineTableFull) {
             return length;
         }
         grow(table);
@@ -130,7 +129,7 @@ bool is_untouched(const BufferMark &mark) {
 // Kept out of line: the receive area must not be on the stack while a handler or an idle function runs.
 [[gnu::noinline]] bool receive_more(int socket, const char *function) {
     ReceiveArea received;
-    const int count = zel::receive_waiting(socket, received.data(), received.size());
+    const int count = zel::socket::receive_waiting(socket, received.data(), received.size());
     if (count < 0) {
         return false;
     }
@@ -222,7 +221,7 @@ int platform_get_one_message(int socket, PlatformMessageHandler handler, Platfor
         if (length > 0) {
             return dispatch(socket, handler, table, length);
         }
-        if (zel::wait_for_input(socket, wait != 0, idle) < 0) {
+        if (zel::socket::wait_for_input(socket, wait != 0, idle) < 0) {
             return 0;
         }
         const bool untouched = is_untouched(searched);

@@ -3,10 +3,9 @@
 #include <components/platform/socket.h>
 
 #include <components/platform/socket/message_scan.h>
-#include <components/platform/socket/unit.h>
 #include <msg/base/assertion.h>
 
-namespace zel {
+namespace zel::socket {
 
 namespace {
 
@@ -40,9 +39,9 @@ bool is_full(const MessageScan &scan) {
     return scan.lines + 1 >= scan.capacity && scan.lines < PLATFORM_MAX_MESSAGE_LINES;
 }
 
-void add_line(MessageScan &scan, int32_t next_line) {
+void record_line(MessageScan &scan, int32_t next_line) {
     if (scan.lines >= PLATFORM_MAX_MESSAGE_LINES) {
-        assertion_failed("lines < PLATFORM_MAX_MESSAGE_LINES", kSocketUnit, "platform_parse_message");
+        assertion_failed("lines < PLATFORM_MAX_MESSAGE_LINES", kUnit, "platform_parse_message");
     }
     scan.line_table[scan.lines++] = scan.data + scan.line_start;
     scan.line_start = next_line;
@@ -81,18 +80,18 @@ int32_t scan_message(MessageScan &scan, int32_t length) {
             scan.searched = next_line - 1; // its LF is the first thing to be found when the search goes on
             return kLineTableFull;
         }
-        add_line(scan, next_line);
+        record_line(scan, next_line);
     }
 }
 
-} // namespace zel
+} // namespace zel::socket
 
 int platform_parse_message(char *data, int32_t length, char **line_table) {
-    zel::MessageScan scan = {.data = data,
-                             .line_table = line_table,
-                             .capacity = PLATFORM_MAX_MESSAGE_LINES + 1,
-                             .lines = 0,
-                             .line_start = 0,
-                             .searched = 0};
-    return zel::scan_message(scan, length);
+    zel::socket::MessageScan scan = {.data = data,
+                                     .line_table = line_table,
+                                     .capacity = PLATFORM_MAX_MESSAGE_LINES + 1,
+                                     .lines = 0,
+                                     .line_start = 0,
+                                     .searched = 0};
+    return zel::socket::scan_message(scan, length);
 }

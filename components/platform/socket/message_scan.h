@@ -5,7 +5,10 @@
 
 #include <cstdint>
 
-namespace zel {
+namespace zel::socket {
+
+// The name of the unit, as assertions print it.
+inline constexpr const char *kUnit = "components/platform/socket";
 
 // How far the search for one message has come. What was searched is not searched again when more data is there.
 struct MessageScan {
@@ -25,6 +28,6 @@ inline constexpr int32_t kLineTableFull = -1;
 // complete, or kLineTableFull. More than PLATFORM_MAX_MESSAGE_LINES lines: an assertion that aborts.
 int32_t scan_message(MessageScan &scan, int32_t length);
 
-} // namespace zel
+} // namespace zel::socket
 
 #endif

@@ -31,7 +31,7 @@ constexpr bool fits_area(std::string_view line) {
     return framed_size(line) + 1 <= zel::kFramingSize;
 }
 
-size_t frame(char *target, std::string_view line) {
+size_t copy_framed(char *target, std::string_view line) {
     memcpy(target, line.data(), line.size());
     memcpy(target + line.size(), kLineEnd.data(), kLineEnd.size());
     return framed_size(line);
@@ -57,29 +57,29 @@ bool send_long_line(Framing &framing, std::string_view line) {
     if (framed == nullptr) {
         return false;
     }
-    const bool sent = send_whole(framing.socket, framed, frame(framed, line));
+    const bool sent = send_whole(framing.socket, framed, copy_framed(framed, line));
     free(framed);
     return sent;
 }
 
-bool add_line(Framing &framing, std::string_view line) {
+bool frame_line(Framing &framing, std::string_view line) {
     if (!fits_area(line)) {
         return send_long_line(framing, line);
     }
     if (framing.used + framed_size(line) > framing.area.size() && !send_gathered(framing)) {
         return false;
     }
-    framing.used += frame(framing.area.data() + framing.used, line);
+    framing.used += copy_framed(framing.area.data() + framing.used, line);
     return true;
 }
 
 bool end_message(Framing &framing) {
-    return add_line(framing, "") && send_gathered(framing);
+    return frame_line(framing, "") && send_gathered(framing);
 }
 
-bool add_lines(Framing &framing, va_list lines) {
+bool frame_lines(Framing &framing, va_list lines) {
     for (const char *line = va_arg(lines, const char *); line != nullptr; line = va_arg(lines, const char *)) {
-        if (!add_line(framing, line)) {
+        if (!frame_line(framing, line)) {
             return false;
         }
     }
@@ -90,12 +90,12 @@ bool add_lines(Framing &framing, va_list lines) {
 
 int platform_send_message(int socket, const char *first, ...) {
     Framing framing(socket);
-    if (!add_line(framing, first == nullptr ? "" : first)) {
+    if (!frame_line(framing, first == nullptr ? "" : first)) {
         return 0;
     }
     va_list lines;
     va_start(lines, first);
-    const bool added = add_lines(framing, lines);
+    const bool framed = frame_lines(framing, lines);
     va_end(lines);
-    return added && end_message(framing) ? 1 : 0;
+    return framed && end_message(framing) ? 1 : 0;
 }

@@ -12,7 +12,7 @@
 #include <netinet/tcp.h>
 #include <unistd.h>
 
-namespace zel {
+namespace zel::socket {
 
 void send_without_delay(int fd) {
     const ErrnoKept kept;
@@ -20,7 +20,7 @@ void send_without_delay(int fd) {
     setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
 }
 
-} // namespace zel
+} // namespace zel::socket
 
 namespace {
 
@@ -36,7 +36,7 @@ bool connect_first(int fd, const struct addrinfo *list) {
     bool interrupted = false;
     for (const struct addrinfo *entry = list; entry != nullptr; entry = entry->ai_next) {
         if (connect(fd, entry->ai_addr, entry->ai_addrlen) == 0) {
-            zel::send_without_delay(fd);
+            zel::socket::send_without_delay(fd);
             return true;
         }
         interrupted = interrupted || errno == EINTR;

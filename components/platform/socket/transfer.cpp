@@ -8,7 +8,7 @@
 
 #include <cerrno>
 
-namespace zel {
+namespace zel::socket {
 
 namespace {
 
@@ -32,7 +32,7 @@ int wait_for_input(int socket, bool wait, PlatformIdle idle) {
             }
             continue;
         }
-        if (error != 0 && !is_interruption(error)) {
+        if (error != 0 && !is_temporary(error)) {
             errno = error;
             platform_perror("select failed");
             return -1;
@@ -46,14 +46,14 @@ int receive_waiting(int socket, void *buffer, size_t length) {
     return count == 0 ? -1 : static_cast<int>(count);
 }
 
-} // namespace zel
+} // namespace zel::socket
 
 int platform_select_recv(int socket, void *buffer, int32_t length, int wait, PlatformIdle idle) {
     if (length < 1) {
         return 0;
     }
-    const int ready = zel::wait_for_input(socket, wait != 0, idle);
-    return ready < 0 ? ready : zel::receive_waiting(socket, buffer, static_cast<size_t>(length));
+    const int ready = zel::socket::wait_for_input(socket, wait != 0, idle);
+    return ready < 0 ? ready : zel::socket::receive_waiting(socket, buffer, static_cast<size_t>(length));
 }
 
 int platform_send_all(int socket, const void *buffer, int32_t length) {

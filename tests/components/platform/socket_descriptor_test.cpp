@@ -20,17 +20,17 @@ bool same_file(int first, int second) {
     return fstat(first, &one) == 0 && fstat(second, &other) == 0 && one.st_ino == other.st_ino;
 }
 
-TEST(DescriptorIdioms, AnInterruptionIsOneOfTwoErrors) {
-    EXPECT_TRUE(zel::is_interruption(EINTR));
-    EXPECT_TRUE(zel::is_interruption(EAGAIN));
-    EXPECT_FALSE(zel::is_interruption(0));
-    EXPECT_FALSE(zel::is_interruption(EBADF));
+TEST(DescriptorIdioms, TheTemporaryErrorsAreEintrAndEagain) {
+    EXPECT_TRUE(zel::is_temporary(EINTR));
+    EXPECT_TRUE(zel::is_temporary(EAGAIN));
+    EXPECT_FALSE(zel::is_temporary(0));
+    EXPECT_FALSE(zel::is_temporary(EBADF));
 }
 
-TEST(DescriptorIdioms, ClosingKeepsErrnoAndReturnsTheNumberOfNone) {
+TEST(DescriptorIdioms, ClosingKeepsErrno) {
     const Interposed failing(hook::close, fail_always(hook::close, EIO, -1));
     errno = ENOENT;
-    EXPECT_EQ(zel::close_keeping_errno(77), -1);
+    zel::close_keeping_errno(77);
     EXPECT_EQ(errno, ENOENT);
 }
 

@@ -239,17 +239,17 @@ TEST(MessageLineLimit, TheLoopHandsOverAMessageOfAllLines) {
 struct GrowingScan {
     std::vector<char> data = std::vector<char>(1024);
     std::vector<char *> table = std::vector<char *>(kTableSize);
-    zel::MessageScan scan = {.data = data.data(),
-                             .line_table = table.data(),
-                             .capacity = kTableSize,
-                             .lines = 0,
-                             .line_start = 0,
-                             .searched = 0};
+    zel::socket::MessageScan scan = {.data = data.data(),
+                                     .line_table = table.data(),
+                                     .capacity = kTableSize,
+                                     .lines = 0,
+                                     .line_start = 0,
+                                     .searched = 0};
     int32_t length = 0;
     int32_t add(std::string_view piece) {
         std::copy(piece.begin(), piece.end(), data.begin() + length);
         length += static_cast<int32_t>(piece.size());
-        return zel::scan_message(scan, length);
+        return zel::socket::scan_message(scan, length);
     }
 };
 
@@ -294,8 +294,8 @@ TEST(MessageScan, ATableWithoutRoomForALineIsFullAndALargerOneGoesOn) {
     GrowingScan growing;
     growing.scan.capacity = 3;
     ASSERT_EQ(growing.add("A\r\nB\r\nC\r"), 0); // the third line has not ended yet
-    ASSERT_EQ(growing.add("\n"), zel::kLineTableFull);
-    ASSERT_EQ(growing.add("\r\n"), zel::kLineTableFull); // and stays so
+    ASSERT_EQ(growing.add("\n"), zel::socket::kLineTableFull);
+    ASSERT_EQ(growing.add("\r\n"), zel::socket::kLineTableFull); // and stays so
     EXPECT_EQ(growing.scan.lines, 2);
     std::vector<char *> larger(growing.table.begin(), growing.table.begin() + 2);
     larger.resize(4);
