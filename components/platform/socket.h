@@ -1,25 +1,30 @@
 /* Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
  * Sockets, and a loop that carries text messages over any stream socket.
  *
- * A message is one or more lines, each ended by CR LF, and one empty line behind them:
+ * A message is one or more lines, each ended by CR LF, and one empty line after them:
  *
- *   message = first *further end      first = *byte CR LF      further = 1*byte CR LF      end = CR LF
+ *   message = first *further end
+ *   first   = *byte CR LF
+ *   further = 1*byte CR LF
+ *   end     = CR LF
  *
- * "count" CR LF "README.md" CR LF CR LF is a message of the first line "count" and one further line. CR LF at the very
- * start of a message is an empty first line. A further line is never empty: an empty one is the end of the message. The
- * bytes of a line do not hold CR LF; a CR that no LF follows is part of its line. A line that holds NUL ends there for
- * the handler that gets it.
+ *   "count" CR LF "README.md" CR LF CR LF     first line "count", one further line
+ *   CR LF CR LF                               empty first line, no further line
  *
- * Sending checks none of this. A text from a user, a file or a peer is checked before it becomes a line: it must not
- * hold CR LF and, as a further line, must not be empty. What follows would else be taken for the next message.
+ * - The bytes of a line do not hold CR LF. A CR that no LF follows is part of its line.
+ * - A further line is never empty. An empty one is the end of the message.
+ * - A line ends at its first NUL for the handler. A NUL hides the rest of its line.
  *
- *   1. Create a receive buffer and make it current: platform_msgbuf_set(platform_msgbuf_create(65536)). It must be
- *      larger than the largest message and what may have arrived behind it (up to 8192 bytes): a peer that sends more
- *      ends the process by an assertion.
- *   2. Serve: platform_message_loop(fd, handler, NULL, 0), until the handler returns 0 or the peer closes; or take one
- *      message at a time with platform_get_one_message.
- *   3. Answer from inside the handler or outside: platform_send_message(fd, "done", "12", NULL).
- *   4. Between two connections: platform_msgbuf_reset. At the end: platform_msgbuf_set(NULL), platform_msgbuf_free.
+ * Steps:
+ *
+ *   1. Create a receive buffer and make it current:
+ *      platform_msgbuf_set(platform_msgbuf_create(65536)).
+ *   2. Serve with platform_message_loop(fd, handler, NULL, 0), until the handler returns
+ *      0 or the peer closes. Or take one message at a time with platform_get_one_message.
+ *   3. Answer with platform_send_message(fd, "done", "12", (char *) NULL), inside the
+ *      handler or outside.
+ *   4. Between two connections: platform_msgbuf_reset.
+ *   5. At the end: platform_msgbuf_set(NULL), then platform_msgbuf_free.
  *
  * Example of a handler:
  *
@@ -31,10 +36,27 @@
  *       return platform_send_message(socket, "you said", empty ? "nothing" : lines[0], (char *) NULL);
  *   }
  *
- * Invariant of the current buffer: pBuf <= p1 <= p2 and p2 - pBuf < len.
+ * Traps:
  *
- * Every send here uses MSG_NOSIGNAL: a peer that is gone is an error, EPIPE, and never a signal. Every socket made here
- * is close-on-exec; connected and accepted TCP sockets have TCP_NODELAY.
+ * - The loop reads ahead. It receives up to 8192 bytes at a time, and what follows a
+ *   message stays in the buffer. A value that the peer sends right after a message is
+ *   swallowed: no recv on the socket finds it. Send the value as a line of the message,
+ *   or send it after the receiver has acknowledged the message. zel_pair_connection.h
+ *   shows a complete example.
+ * - A peer can end its receiver. A message that does not fit into the buffer, or that has
+ *   more than PLATFORM_MAX_MESSAGE_LINES lines, is an assertion that aborts the receiving
+ *   process.
+ * - Sending checks no line. Check a text from a user, a file or a peer before it becomes
+ *   one: it holds no CR LF, and is not empty as a further line. Otherwise the receiver
+ *   takes the bytes after it for another line or another message.
+ *
+ * Invariants:
+ *
+ * - Current buffer: pBuf <= p1 <= p2 and p2 - pBuf < len.
+ * - Every message and every platform_send_all is sent with MSG_NOSIGNAL. A peer that is
+ *   gone is the error EPIPE and no signal.
+ * - Every socket made here is close-on-exec. Connected and accepted TCP sockets have
+ *   TCP_NODELAY.
  */
 #ifndef ZEL_COMPONENTS_PLATFORM_SOCKET_H
 #define ZEL_COMPONENTS_PLATFORM_SOCKET_H
@@ -51,8 +73,16 @@ extern "C" {
 /* Declared by <netdb.h>, which does not show it to a strictly conforming C program. */
 struct addrinfo;
 
-/* Lines in one message, at most; one more is an assertion that aborts. A line table has one entry more. */
+/* Limit: lines of one message. One more is an assertion that aborts. A line table has one
+ * entry more than this. */
 #define PLATFORM_MAX_MESSAGE_LINES 32768
+
+/* Results below 0 of the accept calls, platform_select_recv and platform_recv_guarded. */
+typedef enum PlatformSocketResult {
+    PLATFORM_SOCKET_FAILED = -1,    /* the call failed, or the peer closed (platform_select_recv) */
+    PLATFORM_SOCKET_NOT_READY = -2, /* nothing to receive, or nobody connected in time */
+    PLATFORM_SOCKET_BAD_LENGTH = -3 /* platform_recv_guarded: the length is below 1 */
+} PlatformSocketResult;
 
 /* A receive buffer of fixed capacity. */
 typedef struct MsgBuf {
@@ -62,125 +92,222 @@ typedef struct MsgBuf {
     char *p2;    /* end of the data received */
 } MsgBuf;
 
-/* The buffer that the loop operations work on; null until platform_msgbuf_set. */
+/* The current buffer, which the loop operations work on.
+ * - null until platform_msgbuf_set. */
 extern MsgBuf *gMsgBuf;
 
-/* Gets one message: its first line, and its further lines with a null pointer behind the last. The texts are valid
- * during the call only. Not 0: go on; 0: stop the loop. The handler may itself send on the socket, and may itself
- * receive messages, a thousand levels deep on a stack of 8 MiB. Receiving writes over the texts of the message at hand,
- * unless another buffer is current meanwhile. */
+/* A message handler of the program.
+ * - socket: the one that was given to the operation.
+ * - first_line: the first line of the message.
+ * - lines: the further lines, a null pointer after the last.
+ * - Result: not 0 goes on, 0 stops platform_message_loop.
+ * - Ownership: the texts are valid during the call only.
+ * - The handler may send on the socket.
+ * - The handler may itself receive messages, a thousand levels deep on a stack of 8 MiB.
+ *   Receiving writes over the texts of the message at hand, unless another buffer is
+ *   current meanwhile. */
 typedef int (*PlatformMessageHandler)(int socket, char *first_line, char **lines);
 
-/* Called after every wait for input, about ten times a second while the peer is quiet. Its result is ignored. */
+/* An idle function of the program.
+ * - Called after every wait for input, about ten times a second while the peer is quiet.
+ * - Result: ignored. */
 typedef int (*PlatformIdle)(void);
 
 /* ---- The receive buffer ------------------------------------------------------------------------------------------ */
 
-/* A new, empty buffer with size bytes of storage, from malloc. No memory for it ends the process with an error. */
+/* Creates an empty buffer.
+ * - size: bytes of storage. It must be larger than the largest message and the up to 8192
+ *   bytes that may have arrived after it.
+ * - Result: the buffer.
+ * - Errors: no memory ends the process with an error.
+ * - Ownership: the caller's, until platform_msgbuf_free. */
 MsgBuf *platform_msgbuf_create(int32_t size);
 
-/* Drops whatever the buffer holds, and returns the buffer. */
+/* Drops all data in the buffer.
+ * - Result: the buffer. */
 MsgBuf *platform_msgbuf_reset(MsgBuf *buffer);
 
-/* Releases storage and record; null is ignored. Set another buffer, or null, before the current one is freed. */
+/* Releases storage and record.
+ * - buffer: null is ignored.
+ * - Make another buffer, or null, current before the current one is freed. */
 void platform_msgbuf_free(MsgBuf *buffer);
 
-/* Makes the buffer current; null leaves none. The buffer stays the caller's. */
+/* Makes the buffer current.
+ * - buffer: null leaves no buffer current.
+ * - Ownership: the buffer stays the caller's. */
 void platform_msgbuf_set(MsgBuf *buffer);
 
-/* ---- The message loop -------------------------------------------------------------------------------------------- */
+/* ---- The message loop ----------------------------------------------------------------------------------------------
+ *
+ *   call                        receives             hands over
+ *   platform_message_loop       as often as needed   every message, until the handler returns 0
+ *   platform_get_one_message    as often as needed   one message
+ *   platform_recv_messages      once                 none
+ *   platform_process_messages   not at all           every complete message in the buffer
+ */
 
-/* Hands every message that arrives to the handler, until the handler returns 0, the peer closes or receiving fails.
- * drain_first not 0: what is already waiting on the socket is read and dropped first. idle may be null. Without a
- * current buffer a warning says so and nothing is received. Blocks while the peer is quiet. */
+/* Hands every message that arrives to the handler.
+ * - handler: its result 0 ends the loop.
+ * - idle: may be null.
+ * - drain_first: not 0 first reads and drops the data that waits on the socket.
+ * - Ends when the handler returns 0, the peer closes or receiving fails.
+ * - Errors: without a current buffer it warns and receives no message. Otherwise as
+ *   platform_get_one_message.
+ * - Reads ahead: data that follows a message is in the buffer, not in the socket.
+ * - Blocks while the peer is quiet. */
 void platform_message_loop(int socket, PlatformMessageHandler handler, PlatformIdle idle, int drain_first);
 
-/* Hands the next message to the handler and returns its result; a message already in the buffer needs no receive.
- * Returns 0 when no message is to be had: the peer closed, receiving failed or, with wait 0, nothing complete is there.
- * wait not 0 blocks until a message is complete. idle may be null.
- * More data than the buffer holds, a message of more than PLATFORM_MAX_MESSAGE_LINES lines, or no current buffer: an
- * assertion that aborts. The starts of more than 63 lines are kept in storage from malloc until the message has been
- * handed over; no memory for it ends the process with an error. */
+/* Hands the next message to the handler. A message that the buffer already holds needs no
+ * receive.
+ * - idle: may be null.
+ * - wait: not 0 blocks until a message is complete.
+ * - Result: the handler's. 0 also when the peer closed, receiving failed or, with wait 0,
+ *   no complete message is there.
+ * - Errors: more data than the buffer holds, a message of more than
+ *   PLATFORM_MAX_MESSAGE_LINES lines, or no current buffer is an assertion that aborts.
+ * - Memory: the starts of more than 63 lines stand in storage from malloc until the
+ *   message has been handed over. No memory for it ends the process with an error.
+ * - Reads ahead: data that follows the message is in the buffer, not in the socket. */
 int platform_get_one_message(int socket, PlatformMessageHandler handler, PlatformIdle idle, int wait);
 
-/* Receives once, at most 8192 bytes, and appends them to the current buffer. Returns what recv returned: a count, 0
- * when the peer closed, -1 with errno. Data that would fill the buffer: an assertion that aborts. */
+/* Receives once into the current buffer, at most 8192 bytes.
+ * - Result: that of recv: a count, 0 when the peer closed, -1 with errno.
+ * - Errors: data that would fill the buffer, or no current buffer, is an assertion that
+ *   aborts. */
 int platform_recv_messages(int socket);
 
-/* Hands every complete message in the current buffer to the handler, whose results are ignored. Returns 0. It ends as
- * platform_get_one_message does on too many lines, no current buffer and no memory. */
+/* Hands every complete message in the current buffer to the handler.
+ * - handler: its results are ignored.
+ * - Result: 0.
+ * - Errors: too many lines, no current buffer and no memory end the process as in
+ *   platform_get_one_message. */
 int platform_process_messages(int socket, PlatformMessageHandler handler);
 
-/* Parses the first message in length bytes of data. Returns the bytes it occupies and fills the line table: the start
- * of each line, then a null pointer; the CR of every line, the closing one too, becomes NUL. Returns 0, with the data
- * untouched, when no message is complete. line_table: PLATFORM_MAX_MESSAGE_LINES + 1 entries; a message of more lines
- * is an assertion that aborts. */
+/* Parses the first message in the data.
+ * - data, length: the bytes. In a complete message the CR of every line, and the closing
+ *   one, becomes NUL.
+ * - line_table: PLATFORM_MAX_MESSAGE_LINES + 1 entries. Gets the start of each line, then
+ *   a null pointer.
+ * - Result: the bytes that the message occupies; 0, with the data untouched, when no
+ *   message is complete.
+ * - Errors: a message of more lines than the limit is an assertion that aborts. */
 int platform_parse_message(char *data, int32_t length, char **line_table);
 
-/* Sends one message of the lines given, the last argument a null pointer of type char *. A null first line is sent as
- * an empty one; a null second line ends the message. No line may hold CR LF, and no further line may be empty; this is
- * not checked.
- * Returns 1 when the whole message went out; 0 at the first send that fails (errno says why) or when a line of more
- * than 8189 characters finds no memory. Part of the message may have gone then: the connection is of no more use.
- * Blocks while the peer does not read; in non-blocking mode that is a failure. Signals: as for platform_send_all. */
+/* Sends one message.
+ * - first: the first line. Null sends an empty one.
+ * - further arguments: the further lines, then a null pointer of type char *.
+ * - No line may hold CR LF. No further line may be empty. Nothing checks this.
+ * - Result: 1 when the whole message went out, else 0.
+ * - Errors: the first send that fails, with errno; a line of more than 8189 characters
+ *   for which there is no memory. Part of the message may have gone then: the connection
+ *   is of no more use.
+ * - Blocks while the peer does not read. On a non-blocking socket that is a failure.
+ * - Signals: as for platform_send_all. */
 int platform_send_message(int socket, const char *first, ...) __attribute__((sentinel));
 
 /* ---- Transfers --------------------------------------------------------------------------------------------------- */
 
-/* Waits until the socket can be read and receives once. wait not 0: waits for ever, in steps of 0.1 s; 0: does not
- * wait. idle, if not null, is called after every step. Any descriptor number is waited for, also one above FD_SETSIZE.
- * Returns the count received; 0 when length is below 1; -1 when the peer closed, the wait failed (reported as "select
- * failed") or the receive failed; -2 when nothing is there and wait is 0. */
+/* Waits until the socket can be read and receives once.
+ * - buffer, length: storage for the data and its size.
+ * - wait: not 0 waits for ever, in steps of 0.1 s. 0 does not wait.
+ * - idle: called after every step; may be null.
+ * - Result: the count received; 0 when length is below 1; PLATFORM_SOCKET_NOT_READY when
+ *   wait is 0 and nothing is there.
+ * - Errors: PLATFORM_SOCKET_FAILED when the peer closed, the wait failed (reported as
+ *   "select failed") or the receive failed.
+ * - Limits: none for the descriptor's number. It may be above FD_SETSIZE. */
 int platform_select_recv(int socket, void *buffer, int32_t length, int wait, PlatformIdle idle);
 
-/* Sends the whole buffer, however many sends that takes. Returns length, or -1 at the first send that fails; errno says
- * why, and how much had gone before is not told. A length below 1 returns 0. Blocks while the peer does not read.
- * A signal whose handler was installed without SA_RESTART ends a send that waits: -1, EINTR. A send that has moved part
- * of its bytes by then has not failed, and the rest is sent on. So a timer that is to limit the call must repeat. */
+/* Sends the whole buffer, in as many sends as that takes.
+ * - buffer, length: the data. A length below 1 returns 0.
+ * - Result: length.
+ * - Errors: -1 with errno at the first send that fails. How much went out before it is
+ *   not told.
+ * - Blocks while the peer does not read.
+ * - A signal whose handler was installed without SA_RESTART ends a send that waits: -1,
+ *   EINTR. A send that has moved part of its bytes by then does not fail, and the rest is
+ *   sent on. So a timer that is to limit the call must repeat. */
 int platform_send_all(int socket, const void *buffer, int32_t length);
 
-/* One recv. Returns its result, or -3 when length is below 1. */
+/* Receives once.
+ * - buffer, length: storage for the data and its size.
+ * - Result: that of recv: a count, 0 when the peer closed.
+ * - Errors: PLATFORM_SOCKET_FAILED with errno; PLATFORM_SOCKET_BAD_LENGTH when length is
+ *   below 1. */
 int platform_recv_guarded(int socket, void *buffer, int32_t length);
 
 /* ---- Connections ------------------------------------------------------------------------------------------------- */
 
-/* Opens a TCP socket that listens on localhost at the first free port from first_port up to but not including end_port.
- * chosen_port: gets the port; may be null. Returns the descriptor, or -1 after the report "server sock open failed "
- * when no port is free or the range is empty. Port 0 lets the system choose, and 0 is then stored. */
+/* Opens a TCP socket that listens on localhost.
+ * - first_port, end_port: the range. The first free port is taken; end_port is not in it.
+ *   Port 0 lets the system choose.
+ * - chosen_port: gets the port, 0 for one that the system chose; may be null.
+ * - Result: the descriptor.
+ * - Errors: -1 after the report "server sock open failed " when no port is free or the
+ *   range is empty. */
 int platform_server_socket_open(int first_port, int end_port, int *chosen_port);
 
-/* Waits for one connection, then closes the listening socket. Returns the connected descriptor; -1 when the wait
- * (reported as "select failed", the listening socket stays open) or the accept failed; -2 when nobody connected within
- * that many seconds: the listening socket stays open. An interruption starts the full time again. */
+/* Waits for one connection, then closes the listening socket.
+ * - seconds: the longest wait. An interruption starts the full time again.
+ * - Result: the connected descriptor; PLATFORM_SOCKET_NOT_READY when nobody connected in
+ *   time.
+ * - Errors: PLATFORM_SOCKET_FAILED when the wait (reported as "select failed") or the
+ *   accept failed.
+ * - Ownership: the listening socket stays open when nobody connected or the wait failed.
+ *   A failed accept closes it. */
 int platform_accept_timeout(int listening, int seconds);
 
-/* Accepts one connection and closes the listening socket. Returns the connected descriptor or -1. Blocks. */
+/* Accepts one connection and closes the listening socket.
+ * - Result: the connected descriptor.
+ * - Errors: PLATFORM_SOCKET_FAILED with errno. The listening socket is closed then too.
+ * - Blocks. */
 int platform_accept_once(int listening);
 
-/* Accepts one connection, again after an interruption and up to 500 times in all; each failure is reported as
- * "accept". address may be null; else it gets at most 16 bytes of the peer's address and address_length, if not null,
- * its length. Returns the connected descriptor or -1 with errno. */
+/* Accepts one connection. The listening socket stays open.
+ * - address: gets at most 16 bytes of the peer's address; may be null.
+ * - address_length: gets the length of the address; may be null. Untouched when address
+ *   is null.
+ * - Result: the connected descriptor.
+ * - Errors: PLATFORM_SOCKET_FAILED with errno. Each failed accept is reported as
+ *   "accept". After EINTR and EAGAIN it is tried again, up to 500 attempts in all.
+ * - Blocks. */
 int platform_accept_retry(int listening, struct sockaddr *address, socklen_t *address_length);
 
-/* Connects to a host and port by TCP over IPv4. Returns the descriptor, or -1 with the errno of what failed; a host
- * that has no address is EADDRNOTAVAIL, a port that is none EINVAL. Signals: as for platform_socket_open. The result of
- * the address lookup is not freed: some hundred bytes a call. */
+/* Connects to a host by TCP over IPv4.
+ * - host: a name or an address.
+ * - port: 0 to 65535.
+ * - Result: the descriptor.
+ * - Errors: -1 with the errno of the step that failed. EADDRNOTAVAIL: the host has no
+ *   address. EINVAL: no such port.
+ * - Memory: the result of the address lookup is not freed, some hundred bytes a call.
+ * - Signals: as for platform_socket_open. */
 int platform_connect_host(const char *host, int port);
 
-/* Makes a socket of the first address's kind. server not 0: binds it to that address and, if it is a stream socket,
- * listens with the backlog; 0: connects it to the first address that answers. The list stays the caller's.
- * Returns the descriptor, or -1 with the errno of what failed. A signal whose handler was installed without SA_RESTART
- * ends the attempt on one address, and the next is tried; when all fail, errno is EINTR. On the socket of an
- * interrupted attempt the next one may wait for the same peer: each address may take a signal of its own. */
+/* Makes a socket of the first address's kind, and binds or connects it.
+ * - list: the addresses. Null is a failure, errno untouched.
+ * - server: not 0 binds to the first address and, for a stream socket, listens. 0
+ *   connects to the first address that answers.
+ * - backlog: for listening.
+ * - Result: the descriptor.
+ * - Errors: -1 with the errno of the call that failed.
+ * - Ownership: the list stays the caller's.
+ * - A signal whose handler was installed without SA_RESTART ends the attempt on one
+ *   address, and the next address is tried. When all fail, errno is EINTR. On the socket
+ *   of an interrupted attempt the next one may wait for the same peer: each address may
+ *   take a signal of its own. */
 int platform_socket_open(const struct addrinfo *list, int server, int backlog);
 
-/* Shuts the socket down in both directions and closes it. Returns the result of close: 0, or -1 with errno. */
+/* Shuts the socket down in both directions and closes it.
+ * - Result: that of close: 0, or -1 with errno. */
 int platform_socket_close(int fd);
 
-/* 1 when the descriptor blocks, 0 when it is in non-blocking mode or not open. */
+/* Tells whether a descriptor blocks.
+ * - Result: 1 when it blocks, 0 when it is in non-blocking mode or not open. */
 int platform_fd_is_blocking(int fd);
 
-/* Makes the descriptor block (blocking not 0) or not. Returns 0, or -1 with errno. */
+/* Sets the blocking mode of a descriptor.
+ * - blocking: not 0 makes it block, 0 makes it non-blocking.
+ * - Result: 0, or -1 with errno. */
 int platform_fd_set_blocking(int fd, int blocking);
 
 #pragma GCC visibility pop

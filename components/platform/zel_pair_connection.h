@@ -1,46 +1,135 @@
 /* Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
- * The process pair: a parent starts a companion, and the two talk over one connected stream socket.
+ * The process pair: a parent starts a companion, and the two talk over one connected
+ * stream socket.
  *
  * The parent:
  *
- *   1. platform_pair_parent_open_lp starts the companion and leaves its end in the environment, under a name of the
- *      parent's choosing.
- *   2. platform_pair_errstr and platform_pair_ok: did that work? A program that could not be executed shows later, as
- *      a companion that ended at once with status 1.
- *   3. platform_pair_send and platform_pair_recv for values; the message loop of socket.h, on platform_pair_rx_fd, for
- *      text.
- *   4. platform_pair_companion_alive watches and reaps the companion; platform_pair_kill_child stops it.
- *   5. platform_pair_close releases the handle. The companion sees the end of the stream; it is neither waited for nor
- *      signalled.
+ *   1. platform_pair_parent_open_lp starts the companion. The companion finds its end in
+ *      an environment variable whose name the parent chooses.
+ *   2. platform_pair_ok, with error_text and platform_pair_errstr, tells whether that
+ *      worked. A program that cannot be executed shows later, as a companion that ended
+ *      with status 1.
+ *   3. platform_pair_send and platform_pair_recv carry values. The message calls of
+ *      socket.h carry text, on platform_pair_tx_fd and platform_pair_rx_fd.
+ *   4. platform_pair_companion_alive watches the companion, and reaps it when it has
+ *      ended.
+ *   5. platform_pair_close releases the handle. The companion sees the end of the stream.
+ *      It is neither waited for nor signalled: the parent waits for it, as the example
+ *      shows.
  *
  * The companion, early in its start-up:
  *
  *   1. platform_pair_child_open with the same name.
- *   2. platform_pair_ok; on failure a message with platform_pair_errno and platform_pair_errstr, and exit(1).
- *   3. Serves its parent until the stream ends.
+ *   2. platform_pair_ok and error_text tell whether that worked. On failure: a message,
+ *      exit(1).
+ *   3. It serves its parent until the stream ends.
  *
- * Example of a parent:
+ * Example of a parent, with an ending that cannot hang:
  *
+ *   static void end_companion(PairHandle *pair, int seconds) {
+ *       int32_t pid = platform_pair_companion_pid(pair);
+ *       struct timespec pause = {0, 10000000}; // 10 ms
+ *       platform_pair_close(pair);             // the companion sees the end of the stream
+ *       for (int left = 100 * seconds; left > 0 && platform_wait_nohang(pid, NULL, NULL) == 0; --left) {
+ *           nanosleep(&pause, NULL);
+ *       }
+ *       if (platform_wait_nohang(pid, NULL, NULL) == 0) { // not reaped: the number is still its own
+ *           kill(pid, SIGKILL);
+ *           platform_wait_child(pid, NULL);
+ *       }
+ *   }
+ *   ...
  *   PairHandle *pair = platform_pair_parent_open_lp("ECHO_PAIR", 1, 1, "./echo", NULL, "echo", (char *) NULL);
+ *   if (!platform_pair_ok(pair)) {
+ *       msg_fatal("%s: %s", pair->error_text, platform_pair_errstr(pair));
+ *   }
  *   int32_t value = 42;
  *   platform_pair_send(pair, &value, sizeof value);
  *   platform_pair_recv(pair, &value, sizeof value);
- *   platform_pair_kill_child(pair);
- *   platform_pair_close(pair);
+ *   end_companion(pair, 5);
+ *
+ * Example of text and values on one pair; the values wait for an acknowledgement:
+ *
+ *   static int receive_all(PairHandle *pair, void *buffer, int32_t length) {
+ *       for (int32_t done = 0; done < length;) {
+ *           int32_t count = platform_pair_recv(pair, (char *) buffer + done, length - done);
+ *           if (count == 0) { // the end of the stream, or an error
+ *               return 0;
+ *           }
+ *           done += count;
+ *       }
+ *       return 1;
+ *   }
+ *
+ *   static int sum(PairHandle *pair, const int32_t *values, int32_t count, int32_t *total) {
+ *       int fd = platform_pair_tx_fd(pair);
+ *       int32_t ready;
+ *       char text[16];
+ *       snprintf(text, sizeof text, "%d", (int) count);
+ *       return platform_send_message(fd, "sum", text, (char *) NULL) &&                 // text
+ *              receive_all(pair, &ready, sizeof ready) &&                               // acknowledged
+ *              platform_send_all(fd, values, count * (int32_t) sizeof *values) != -1 && // values
+ *              receive_all(pair, total, sizeof *total);
+ *   }
+ *
+ * Example of the companion of that parent, whose message loop reads ahead:
+ *
+ *   static PairHandle *pair;
+ *
+ *   static int on_message(int socket, char *first_line, char **lines) {
+ *       int32_t ready = 1;
+ *       int32_t total = 0;
+ *       if (strcmp(first_line, "sum") != 0 || lines[0] == NULL) {
+ *           return 0;
+ *       }
+ *       platform_send_all(socket, &ready, sizeof ready); // from here on the parent sends values
+ *       for (long left = strtol(lines[0], NULL, 10); left > 0; --left) {
+ *           int32_t value;
+ *           if (!receive_all(pair, &value, sizeof value)) {
+ *               return 0;
+ *           }
+ *           total += value;
+ *       }
+ *       return platform_send_all(socket, &total, sizeof total) != -1;
+ *   }
+ *   ...
+ *   pair = platform_pair_child_open("SUM_PAIR", 0, 1);
+ *   platform_msgbuf_set(platform_msgbuf_create(65536));
+ *   platform_message_loop(platform_pair_rx_fd(pair), on_message, NULL, 0);
  *
  * The environment string: parent pid, blank, number, blank, tag.
  *
- *   "4711 5 pid-rtx_fd_l"      kind 12: 5 is the companion's descriptor ("pid-rtx_fd", kind 10, the same)
- *   "4711 20311 pid-rtx_fd_w"  kind 13, the tag of the hybrid arrangement
+ *   value                      kind                            the number
+ *   "4711 5 pid-rtx_fd"        10  PLATFORM_PAIR_KIND_PLAIN    the companion's descriptor
+ *   "4711 5 pid-rtx_fd_l"      12  PLATFORM_PAIR_KIND_LOCAL    the companion's descriptor
+ *   "4711 20311 pid-rtx_fd_w"  13  PLATFORM_PAIR_KIND_HYBRID   a port, with NAME_HYBRID set
+ *   no such tag, or unset       0  PLATFORM_PAIR_KIND_NONE     not read
  *
- * Whatever the tag, the number is a TCP port on localhost when the variable NAME_HYBRID is set, not empty and begins
- * with none of 'f', 'F' and '0'; else a descriptor. A companion inherits that variable like any other: a parent that
- * was started with NAME_HYBRID set unsets it before it opens a local pair under NAME. Otherwise the companion takes its
- * descriptor for a port.
+ *   NAME_HYBRID                                the number, whatever the tag
+ *   unset, empty, or begins with f, F or 0     a descriptor
+ *   any other value, "no" too                  a TCP port on localhost
  *
- * Invariant: a handle is valid precisely when it is not null and its field self points at the record itself. Every
- * operation that takes a handle, except platform_pair_valid and platform_pair_describe, asserts that and aborts the
- * process otherwise.
+ * Traps:
+ *
+ * - The message loop reads ahead. A value sent right after a message is swallowed by the
+ *   receiver's buffer. Wait for an acknowledgement, as the example does, or send the
+ *   value as a line of the message.
+ * - platform_pair_kill_child waits for ever for a companion that ignores SIGTERM or is
+ *   stopped. End a companion as the example does.
+ * - On a non-blocking pair the end of the stream and EAGAIN are both the result 0. Set
+ *   errno to 0 before platform_pair_recv: EAGAIN leaves it at EAGAIN, the end of the
+ *   stream at 0.
+ * - With no descriptor free, or without /proc, every process "does not exist":
+ *   platform_pair_companion_alive is 0 then for a companion that lives.
+ * - A peer can end its receiver by a message that is too long (socket.h).
+ * - A NUL in a line of a message hides the rest of the line (socket.h).
+ * - A companion inherits NAME_HYBRID like any other variable and takes its descriptor for
+ *   a port. A parent unsets it before it opens a local pair under NAME.
+ * - Without stdio_fds a companion has no terminal, under a debugger neither.
+ *
+ * Invariant: a handle is valid precisely when it is not null and its field self points at
+ * the record itself. Every operation that takes a handle asserts that and aborts the
+ * process otherwise, except platform_pair_valid and platform_pair_describe.
  */
 #ifndef ZEL_COMPONENTS_PLATFORM_ZEL_PAIR_CONNECTION_H
 #define ZEL_COMPONENTS_PLATFORM_ZEL_PAIR_CONNECTION_H
@@ -52,130 +141,242 @@ extern "C" {
 #endif
 #pragma GCC visibility push(default)
 
-/* One end of a pair. Made by the open operations, released by platform_pair_close alone. */
+/* The field kind of a handle: the form of the environment string. */
+typedef enum PlatformPairKind {
+    PLATFORM_PAIR_KIND_NONE = 0,   /* the variable is unset, or no tag matched */
+    PLATFORM_PAIR_KIND_PLAIN = 10, /* "pid-rtx_fd" */
+    PLATFORM_PAIR_KIND_LOCAL = 12, /* "pid-rtx_fd_l"; every handle of a parent's open */
+    PLATFORM_PAIR_KIND_HYBRID = 13 /* "pid-rtx_fd_w" */
+} PlatformPairKind;
+
+/* The field error_number of a handle, where it is no number of the system. */
+typedef enum PlatformPairError {
+    PLATFORM_PAIR_BAD_VARIABLE = -1, /* the variable does not begin with two numbers */
+    PLATFORM_PAIR_HEALTHY = 0        /* no error so far */
+} PlatformPairError;
+
+/* The field child_exit_status of a handle, outside the range of exit codes. */
+typedef enum PlatformPairStatus {
+    PLATFORM_PAIR_STATUS_UNKNOWN = 256 /* the companion has not been reaped */
+} PlatformPairStatus;
+
+/* One end of a pair.
+ * - Ownership: made by the open operations, released by platform_pair_close alone. */
 typedef struct PairHandle {
-    int32_t companion_pid;      /* the process at the other end: the child, or the parent; 0 until known */
+    int32_t companion_pid;      /* the process at the other end; 0 until known */
     int32_t parent;             /* 1 on the parent's side, 0 on the companion's */
-    int32_t kind;               /* form of the environment string: 10, 12, 13, or 0 when none matched */
-    int32_t hybrid_environment; /* 1 precisely when kind is 13 */
+    int32_t kind;               /* a PlatformPairKind */
+    int32_t hybrid_environment; /* 1 precisely when kind is PLATFORM_PAIR_KIND_HYBRID */
     int32_t blocking;           /* not 0: transfers block */
     int32_t rx_fd;              /* descriptor to receive from; -1 until open */
     int32_t tx_fd;              /* descriptor to send to; the same number */
-    int32_t child_exit_status;  /* exit code of the child once reaped; 256 means not known */
+    int32_t child_exit_status;  /* exit code of a reaped child, else a PlatformPairStatus */
     int32_t child_term_signal;  /* signal that ended the child, 0 if none */
-    int32_t error_number;       /* last system error on this handle; 0: healthy; -1: bad environment string */
+    int32_t error_number;       /* last system error, or a PlatformPairError */
     const char *error_text;     /* start-up step that failed, a constant text, or null */
     struct PairHandle *self;    /* this record, while it is valid */
 } PairHandle;
 
-/* ---- Opening ----------------------------------------------------------------------------------------------------- */
+/* ---- Opening -------------------------------------------------------------------------------------------------------
+ *
+ *   stdio_fds               the companion's input, output and error
+ *   null                    /dev/null for each
+ *   {in, out, err}          these descriptors of the parent
+ *   an entry not open, -1   the parent's own descriptor of that place
+ *
+ *   error_text after a parent's open   error_number   open in the parent
+ *   null                               0              its end of the pair
+ *   "socketpair create failed"         the system's   nothing
+ *   "fork failed"                      the system's   both socket ends, in no handle
+ *
+ *   error_number after a companion's open   meaning
+ *   0, error_text null                      the end is open
+ *   0, error_text set                       the variable is unset or has no tag; the text is
+ *                                           "Failing to start due to wrong type on linux"
+ *   PLATFORM_PAIR_BAD_VARIABLE              the variable does not begin with two numbers
+ *   the system's                            the connection to a port failed
+ */
 
 /* Creates the pair and starts the companion.
- * env_name: the variable that will carry the companion's end. ignore_sigpipe not 0: the parent ignores SIGPIPE from
- * now on. blocking 0 puts both ends in non-blocking mode. file: the program, searched along PATH. stdio_fds: null gives
- * the companion /dev/null as its standard descriptors; else three descriptors that become its input, output and error,
- * each closed in the companion after its last use. An entry that is not open leaves the parent's own. arg0 and further
- * texts, then a null pointer of type char *: the companion's argument vector; a 257th text is an assertion that aborts.
- * Returns a handle in every case. Its error_text says what failed, error_number is the system's error:
- *   "socketpair create failed"   no companion, no descriptors
- *   "fork failed"                after up to 31 attempts; the two socket ends stay open in the parent
- * Output streams are flushed before the fork. The parent's end is close-on-exec. No memory for the handle ends the
- * process with an error.
- * A program that cannot be executed is a child that ends by exit(1), and so is one whose standard descriptors find no
- * room at the limit of descriptors. The caller's exit handlers run in that child, too: a handler that is for the parent
- * alone compares getpid() with the number that the parent noted. In that child every descriptor that can be read from
- * and has a position is /dev/null; the parent reads its files on where it was. */
+ * - env_name: the variable that carries the companion's end.
+ * - ignore_sigpipe: not 0 makes the parent ignore SIGPIPE from now on.
+ * - blocking: 0 puts both ends into non-blocking mode.
+ * - file: the program, searched along PATH.
+ * - stdio_fds: the companion's standard descriptors, see the table. Each is closed in the
+ *   companion after its last use.
+ * - arg0 and further texts, then a null pointer of type char *: the argument vector.
+ * - Result: a handle in every case.
+ * - Errors: in the handle, see the table. A fork that fails by EAGAIN is tried up to 31
+ *   times. No memory for the handle ends the process with an error. A 257th text is an
+ *   assertion that aborts.
+ * - A program that cannot be executed is a child that ends by exit(1). So is one whose
+ *   standard descriptors find no room at the limit of descriptors.
+ * - In such a child the parent's exit handlers run. A handler that is for the parent
+ *   alone compares getpid() with the number that the parent noted.
+ * - In such a child every descriptor that can be read from and has a position is
+ *   /dev/null. The parent reads its files on where it was.
+ * - State: output streams are flushed before the fork. The parent's end is
+ *   close-on-exec. */
 PairHandle *platform_pair_parent_open_lp(const char *env_name, int ignore_sigpipe, int blocking, const char *file,
                                          const int *stdio_fds, const char *arg0, ...) __attribute__((sentinel));
 
-/* The same with a ready argument vector, ended by a null pointer. */
+/* platform_pair_parent_open_lp with a ready argument vector.
+ * - argv: the texts, then a null pointer. Their number has no limit here. */
 PairHandle *platform_pair_parent_open_vp(const char *env_name, int ignore_sigpipe, int blocking, const char *file,
                                          const int *stdio_fds, char *const argv[]);
 
-/* Opens the companion's end from the variable env_name. ignore_signals not 0: SIGHUP, SIGINT, SIGQUIT, SIGABRT,
- * SIGPIPE, SIGTERM and SIGURG are ignored from now on (not in the hybrid arrangement). blocking: kept in the handle; in
- * the hybrid arrangement not 0 makes the socket block.
- * Returns a handle in every case, its descriptors -1 on failure:
- *   error_text "Failing to start due to wrong type on linux", error_number 0    the variable is unset or has no tag
- *   error_number -1                                                             it does not begin with two numbers
- *   error_number of the system                                                  hybrid: the connection failed
- * In the first case platform_pair_ok is 1 on purpose: test error_text too. */
+/* Opens the companion's end.
+ * - env_name: the variable that carries it.
+ * - ignore_signals: not 0 ignores SIGHUP, SIGINT, SIGQUIT, SIGABRT, SIGPIPE, SIGTERM and
+ *   SIGURG from now on. A number that is a port leaves all signals as they are.
+ * - blocking: kept in the handle. For a number that is a port, not 0 makes the socket
+ *   block.
+ * - Result: a handle in every case. Its descriptors are -1 after a failure.
+ * - Errors: in the handle, see the table. No memory for the handle ends the process with
+ *   an error.
+ * - DELIBERATE: without the variable platform_pair_ok is 1. Test error_text too. */
 PairHandle *platform_pair_child_open(const char *env_name, int ignore_signals, int blocking);
 
-/* 1 when the handle is not null and intact, else 0. Never asserts. */
+/* Tells whether a handle is valid.
+ * - ph: any pointer to readable storage, or null.
+ * - Result: 1 when it is not null and intact, else 0. Never asserts. */
 int platform_pair_valid(const PairHandle *ph);
 
-/* ---- Transfers --------------------------------------------------------------------------------------------------- */
+/* ---- Transfers -----------------------------------------------------------------------------------------------------
+ *
+ *   result 0 of platform_pair_recv      errno (set to 0 before)   error_number
+ *   the end of the stream               0                         unchanged
+ *   nothing there, non-blocking pair    EAGAIN                    unchanged
+ *   a failure                           the system's              the same
+ */
 
-/* One send, without MSG_NOSIGNAL: a parent that may write to a dead companion opens its pair with ignore_sigpipe.
- * Returns the count sent, which may be less than length. Otherwise 0, and the handle's error_number becomes errno,
- * unless that is EAGAIN, which is never stored. Sending zero bytes counts as a failure. A negative length is EINVAL. */
+/* Sends once, without MSG_NOSIGNAL. A parent that may write to a dead companion opens its
+ * pair with ignore_sigpipe.
+ * - Result: the count sent, which may be less than length; 0 on failure.
+ * - Errors: error_number becomes errno, unless that is EAGAIN, which is never stored. A
+ *   negative length is EINVAL. Zero bytes sent count as a failure.
+ * - Blocks on a blocking pair while the peer does not read. */
 int32_t platform_pair_send(PairHandle *ph, const void *buffer, int32_t length);
 
-/* One receive. Returns the count, which may be less than length; 0 at the end of the stream. On failure 0 too, and the
- * handle's error_number becomes errno, unless that is EAGAIN. A negative length is EINVAL. */
+/* Receives once.
+ * - Result: the count, which may be less than length; 0 at the end of the stream and on
+ *   failure, see the table.
+ * - Errors: error_number becomes errno, unless that is EAGAIN, which is never stored. A
+ *   negative length is EINVAL.
+ * - Blocks on a blocking pair until data is there. */
 int32_t platform_pair_recv(PairHandle *ph, void *buffer, int32_t length);
 
 /* ---- Watching and ending ----------------------------------------------------------------------------------------- */
 
-/* 1 while the process at the other end lives. On the parent's side a companion that has ended is reaped, its exit
- * status and signal go into the handle, and the result is 0; a child that somebody else waited for counts as alive
- * until its number is gone. Kind 13: a companion always finds its parent alive. The process is looked for in /proc,
- * which takes a free descriptor: without one, or without /proc, the result is 0, and nobody is reaped. */
+/* Tells whether the process at the other end lives.
+ * - Result: 1 while it lives, else 0.
+ * - Parent: a companion that has ended is reaped, its exit status and signal go into the
+ *   handle, and the result is 0. A child that somebody else waited for counts as alive
+ *   until its number is gone.
+ * - Companion of kind PLATFORM_PAIR_KIND_HYBRID: 1 always.
+ * - Limit: the process is looked for in /proc, which takes a free descriptor. Without
+ *   one, or without /proc, the result is 0, and nobody is reaped. */
 int platform_pair_companion_alive(PairHandle *ph);
 
-/* Parent: platform_kill_and_reap of the companion; the handle's status fields stay as they are. When the fields already
- * hold the companion's end, or an earlier call waited for it, nobody is signalled and the result is 0: the number may
- * belong to another process by now. Until its program runs, a companion has the signal handlers of its parent: a parent
- * that handles SIGTERM hears from its companion first, or the signal is used up there and the wait has no end.
- * Companion: 0. */
+/* Ends the companion by platform_kill_and_reap.
+ * - Result: that of platform_kill_and_reap. On the companion's side 0.
+ * - Blocks until the companion has ended: for ever when it ignores SIGTERM or is stopped.
+ *   The example at the head of this header shows an ending that cannot hang.
+ * - When the fields already hold the companion's end, or an earlier call waited for it,
+ *   nobody is signalled and the result is 0. The number may belong to another process by
+ *   then.
+ * - Until its program runs, a companion has the signal handlers of its parent. A parent
+ *   that handles SIGTERM hears from its companion first. Otherwise the handler may use
+ *   the signal up, and the wait has no end.
+ * - State: the status fields of the handle stay as they are. */
 int platform_pair_kill_child(PairHandle *ph);
 
-/* Closes the descriptors and releases the handle, which must not be used again. Kind 13: the connection is shut down
- * for every copy of its descriptor. Returns 1. */
+/* Closes the descriptors and releases the handle.
+ * - Result: 1.
+ * - Ownership: the handle must not be used again.
+ * - Kind PLATFORM_PAIR_KIND_HYBRID: the connection is shut down for every copy of its
+ *   descriptor.
+ * - The companion is neither waited for nor signalled. */
 int platform_pair_close(PairHandle *ph);
 
-/* One line of text that describes the handle; a damaged or null one too. buffer: 2048 bytes, or null for a static
- * buffer that every such call overwrites. Returns the buffer. When error_text is set the result is "zel: " and that
- * text, and nothing else. */
+/* Describes a handle in one line of text.
+ * - ph: a damaged handle or null is described too.
+ * - buffer: 2048 bytes, or null for a static buffer that every such call overwrites.
+ * - Result: the buffer.
+ * - DELIBERATE: with error_text set the text is "zel: ", error_text, and nothing else. */
 char *platform_pair_describe(const PairHandle *ph, char *buffer);
 
 /* ---- The fields of a handle -------------------------------------------------------------------------------------- */
 
-int32_t platform_pair_errno(const PairHandle *ph);              /* error_number */
-int32_t platform_pair_ok(const PairHandle *ph);                 /* 1 when error_number is 0, else 0 */
-int32_t platform_pair_parent(const PairHandle *ph);             /* parent */
-int32_t platform_pair_child(const PairHandle *ph);              /* 1 when parent is 0, else 0 */
-int32_t platform_pair_rx_fd(const PairHandle *ph);              /* rx_fd */
-int32_t platform_pair_tx_fd(const PairHandle *ph);              /* tx_fd */
-int32_t platform_pair_companion_pid(const PairHandle *ph);      /* companion_pid */
-int32_t platform_pair_child_exit_status(const PairHandle *ph);  /* child_exit_status, 256 until known */
-int32_t platform_pair_child_term_signal(const PairHandle *ph);  /* child_term_signal */
-int32_t platform_pair_hybrid_environment(const PairHandle *ph); /* hybrid_environment */
+/* Result: error_number, a number of the system or a PlatformPairError. */
+int32_t platform_pair_errno(const PairHandle *ph);
 
-/* The system's text for error_number; owned by the C library, valid until its next such text. */
+/* Result: 1 when error_number is 0, else 0. */
+int32_t platform_pair_ok(const PairHandle *ph);
+
+/* Result: 1 on the parent's side, 0 on the companion's. */
+int32_t platform_pair_parent(const PairHandle *ph);
+
+/* Result: 1 on the companion's side, 0 on the parent's. */
+int32_t platform_pair_child(const PairHandle *ph);
+
+/* Result: rx_fd, the descriptor to receive from; -1 until open. The handle keeps it. */
+int32_t platform_pair_rx_fd(const PairHandle *ph);
+
+/* Result: tx_fd, the descriptor to send to; -1 until open. The handle keeps it. */
+int32_t platform_pair_tx_fd(const PairHandle *ph);
+
+/* Result: companion_pid, the number of the process at the other end; 0 until known. */
+int32_t platform_pair_companion_pid(const PairHandle *ph);
+
+/* Result: child_exit_status; PLATFORM_PAIR_STATUS_UNKNOWN until it was reaped. */
+int32_t platform_pair_child_exit_status(const PairHandle *ph);
+
+/* Result: child_term_signal, the signal that ended the companion; 0 if none. */
+int32_t platform_pair_child_term_signal(const PairHandle *ph);
+
+/* Result: hybrid_environment, 1 when kind is PLATFORM_PAIR_KIND_HYBRID, else 0. */
+int32_t platform_pair_hybrid_environment(const PairHandle *ph);
+
+/* Result: the system's text for error_number.
+ * - Ownership: the C library's, valid until its next such text. */
 const char *platform_pair_errstr(const PairHandle *ph);
 
 /* ---- Waiting for processes --------------------------------------------------------------------------------------- */
 
-/* waitpid on the pid without blocking; returns its result. exit_code and signal, either null: zeroed first; when the
- * pid was reaped, its exit code after a normal exit, or the signal that ended it. */
+/* waitpid without blocking.
+ * - pid: the child.
+ * - exit_code: zeroed first; gets the exit code of a child that ended by exit. May be
+ *   null.
+ * - signal: zeroed first; gets the signal that ended the child. May be null.
+ * - Result: that of waitpid: pid when it was reaped, 0 while it runs, -1 with errno. */
 int32_t platform_wait_nohang(int32_t pid, int32_t *exit_code, int32_t *signal);
 
-/* waitpid on the pid, blocking, again after every interruption. status: the wait status; may be null. Returns the pid,
- * or -1. Each call that fails, an interruption too, is reported as "waitpid: " (platform_perror). */
+/* waitpid, again after every interruption.
+ * - pid: the child.
+ * - status: gets the wait status; may be null.
+ * - Result: pid.
+ * - Errors: -1. Each call that fails, an interruption too, is reported as "waitpid: "
+ *   (platform_perror).
+ * - Blocks until the child has ended. */
 int32_t platform_wait_child(int32_t pid, int32_t *status);
 
-/* Sends SIGTERM, or SIGKILL when SIGTERM cannot be sent, and waits for the process as platform_wait_child does. Returns
- * 1; 0 when neither signal could be sent. Blocks until the process has ended: there is no escalation after a time. A
- * pid below 1 is never signalled: 0. */
+/* Sends SIGTERM, or SIGKILL when SIGTERM cannot be sent, and waits for the process.
+ * - pid: below 1 nobody is signalled.
+ * - Result: 1; 0 when no signal could be sent.
+ * - Blocks until the process has ended, for ever when it ignores SIGTERM or is stopped.
+ *   There is no escalation to SIGKILL after a time. */
 int platform_kill_and_reap(int32_t pid);
 
-/* A shared descriptor on /dev/null, open for reading and writing; each open counts a reference. It stands above the
- * standard descriptors, and programs do not inherit it. -1 when it cannot be opened there. */
+/* Opens the shared descriptor on /dev/null, for reading and writing.
+ * - Result: the descriptor. It is above the standard descriptors, and programs do not
+ *   inherit it.
+ * - Errors: -1 when it cannot be opened there.
+ * - Ownership: each open counts a reference, given back by platform_null_fd_close. */
 int platform_null_fd_open(void);
 
-/* Gives one reference back; the last one closes the descriptor. Any other descriptor is ignored. */
+/* Gives one reference to the shared descriptor back. The last one closes it.
+ * - fd: the shared descriptor. Any other is ignored. */
 void platform_null_fd_close(int fd);
 
 #pragma GCC visibility pop

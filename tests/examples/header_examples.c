@@ -5,7 +5,10 @@
 #include <zel.h>
 
 #include <fcntl.h>
+#include <signal.h>
+#include <stdio.h>
 #include <string.h>
+#include <time.h>
 #include <unistd.h>
 
 void example_of_msg(void) {
@@ -79,12 +82,63 @@ void example_of_socket(int socket) {
     platform_msgbuf_free(buffer);
 }
 
+static void end_companion(PairHandle *pair, int seconds) {
+    int32_t pid = platform_pair_companion_pid(pair);
+    struct timespec pause = {0, 10000000}; // 10 ms
+    platform_pair_close(pair);             // the companion sees the end of the stream
+    for (int left = 100 * seconds; left > 0 && platform_wait_nohang(pid, NULL, NULL) == 0; --left) {
+        nanosleep(&pause, NULL);
+    }
+    if (platform_wait_nohang(pid, NULL, NULL) == 0) { // not reaped: the number is still its own
+        kill(pid, SIGKILL);
+        platform_wait_child(pid, NULL);
+    }
+}
+
 int32_t example_of_pair(void) {
     PairHandle *pair = platform_pair_parent_open_lp("ECHO_PAIR", 1, 1, "./echo", NULL, "echo", (char *) NULL);
+    if (!platform_pair_ok(pair)) {
+        msg_fatal("%s: %s", pair->error_text, platform_pair_errstr(pair));
+    }
     int32_t value = 42;
     platform_pair_send(pair, &value, sizeof value);
     platform_pair_recv(pair, &value, sizeof value);
-    platform_pair_kill_child(pair);
-    platform_pair_close(pair);
+    end_companion(pair, 5);
     return value;
+}
+
+void example_of_ending(PairHandle *pair, int seconds) {
+    end_companion(pair, seconds);
+}
+
+static int receive_all(PairHandle *pair, void *buffer, int32_t length) {
+    for (int32_t done = 0; done < length;) {
+        int32_t count = platform_pair_recv(pair, (char *) buffer + done, length - done);
+        if (count == 0) { // the end of the stream, or an error
+            return 0;
+        }
+        done += count;
+    }
+    return 1;
+}
+
+static int sum(PairHandle *pair, const int32_t *values, int32_t count, int32_t *total) {
+    int fd = platform_pair_tx_fd(pair);
+    int32_t ready;
+    char text[16];
+    snprintf(text, sizeof text, "%d", (int) count);
+    return platform_send_message(fd, "sum", text, (char *) NULL) &&                 // text
+           receive_all(pair, &ready, sizeof ready) &&                               // acknowledged
+           platform_send_all(fd, values, count * (int32_t) sizeof *values) != -1 && // values
+           receive_all(pair, total, sizeof *total);
+}
+
+int example_of_text_and_values(const int32_t *values, int32_t count, int32_t *totals, int rounds) {
+    PairHandle *pair = platform_pair_parent_open_lp("SUM_PAIR", 1, 1, "./adder", NULL, "adder", (char *) NULL);
+    int done = 0;
+    while (done < rounds && sum(pair, values, count, &totals[done])) {
+        ++done;
+    }
+    end_companion(pair, 5);
+    return done;
 }

@@ -3,6 +3,8 @@
 #ifndef ZEL_TESTS_EXAMPLES_HEADER_EXAMPLES_H
 #define ZEL_TESTS_EXAMPLES_HEADER_EXAMPLES_H
 
+#include <components/platform/zel_pair_connection.h>
+
 #include <stdint.h>
 
 #ifdef __cplusplus
@@ -18,6 +20,10 @@ void example_of_file_control(void (*read_settings)(const char *path), void (*in_
 void example_of_process_info(void);
 void example_of_socket(int socket);
 int32_t example_of_pair(void); /* the value received */
+void example_of_ending(PairHandle *pair, int seconds);
+
+/* Asks the companion for the sum of the values, in that many rounds. Returns the rounds that were answered. */
+int example_of_text_and_values(const int32_t *values, int32_t count, int32_t *totals, int rounds);
 
 #ifdef __cplusplus
 }

@@ -3,17 +3,23 @@
 #include "examples_support.h"
 #include "header_examples.h"
 
+#include <components/platform/process_info.h>
 #include <support/child.h>
 #include <support/files.h>
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <numeric>
 #include <string>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -86,7 +92,7 @@ TEST(HeaderExampleOfProcessInfo, PrintsANumber) {
     EXPECT_GT(atol(outcome.out.c_str()), 0);
 }
 
-// What the example of socket.h answers, up to "quit".
+// The answers of the example of socket.h, up to "quit".
 std::string answers_to(const std::string &requests) {
     return run_in_child([&requests] {
                int ends[2];
@@ -116,6 +122,41 @@ TEST(HeaderExampleOfPair, ReceivesTheAnswerOfItsCompanion) {
         printf("%d\n", example_of_pair());
     });
     EXPECT_EQ(outcome.out, "41\n");
+}
+
+// A companion that runs the script, up to its first stop.
+PairHandle *start_up_to_stop(const char *script) {
+    PairHandle *pair = platform_pair_parent_open_lp("STUBBORN_PAIR", 1, 1, "sh", nullptr, "sh", "-c", script,
+                                                    static_cast<char *>(nullptr));
+    waitid(P_PID, static_cast<id_t>(platform_pair_companion_pid(pair)), nullptr, WSTOPPED);
+    return pair;
+}
+
+TEST(HeaderExampleOfPair, ItsEndingKillsACompanionThatIsStopped) {
+    PairHandle *pair = start_up_to_stop("kill -STOP $$");
+    const int32_t pid = platform_pair_companion_pid(pair);
+    example_of_ending(pair, 0);
+    EXPECT_EQ(platform_process_exists(static_cast<unsigned long>(pid)), 0);
+}
+
+TEST(HeaderExampleOfPair, ItsEndingKillsACompanionThatIgnoresSigterm) {
+    PairHandle *pair = start_up_to_stop("trap '' TERM; kill -STOP $$; while :; do :; done");
+    const int32_t pid = platform_pair_companion_pid(pair);
+    kill(pid, SIGCONT);
+    example_of_ending(pair, 0);
+    EXPECT_EQ(platform_process_exists(static_cast<unsigned long>(pid)), 0);
+}
+
+TEST(HeaderExampleOfPair, TextAndValuesGoOverOnePair) {
+    const Outcome outcome = run_in_child([] {
+        EXPECT_EQ(chdir(ZEL_EXAMPLE_PARTS), 0);
+        std::vector<int32_t> values(200);
+        std::iota(values.begin(), values.end(), 1);
+        std::vector<int32_t> totals(60);
+        printf("%d", example_of_text_and_values(values.data(), 200, totals.data(), 60));
+        printf(" %d", static_cast<int>(std::count(totals.begin(), totals.end(), 20100)));
+    });
+    EXPECT_EQ(outcome.out, "60 60");
 }
 
 TEST(HeaderExampleOfDebugHooks, SeesItsOwnArgumentsAlone) {

@@ -55,20 +55,17 @@ bool is_shell_command(const std::string &line) {
     return line.starts_with("$ ");
 }
 
-// The example is what is indented behind the line that announces it.
-Fragments example_of(const std::string &header) {
-    const Lines lines = page(header);
-    const auto announced =
-        std::find_if(lines.begin(), lines.end(), [](const std::string &line) { return line.starts_with(" Example"); });
-    Fragments fragments(1);
-    if (announced == lines.end()) {
-        return fragments;
-    }
-    for (auto line = announced + 1; line != lines.end() && is_indented(*line); ++line) {
-        const std::string code = squeezed(*line);
-        if (code == "...") {
+// The examples of a page: the indented lines after each line that announces one.
+Fragments examples_of(const std::string &header) {
+    Fragments fragments;
+    bool in_example = false;
+    for (const std::string &line : page(header)) {
+        const std::string code = squeezed(line);
+        const bool announces = line.starts_with(" Example");
+        in_example = announces || (in_example && is_indented(line));
+        if (announces || code == "...") {
             fragments.emplace_back();
-        } else if (!code.empty() && !is_shell_command(code)) {
+        } else if (in_example && !code.empty() && !is_shell_command(code)) {
             fragments.back().push_back(code);
         }
     }
@@ -92,7 +89,8 @@ bool stands_in(const Fragments &fragments, const std::string &source) {
 
 std::string compiled_examples() {
     return read_file(ZEL_SOURCE_DIR "/tests/examples/header_examples.c") +
-           read_file(ZEL_SOURCE_DIR "/tests/examples/header_example_hooks.c");
+           read_file(ZEL_SOURCE_DIR "/tests/examples/header_example_hooks.c") +
+           read_file(ZEL_SOURCE_DIR "/tests/examples/adder.c");
 }
 
 TEST(HeaderExamples, EachPublicHeaderShowsWhatIsCompiledHere) {
@@ -104,8 +102,8 @@ TEST(HeaderExamples, EachPublicHeaderShowsWhatIsCompiledHere) {
             continue;
         }
         ++checked;
-        EXPECT_TRUE(stands_in(example_of(read_file(ZEL_SOURCE_DIR "/" + header)), source))
-            << header << ": its example is missing, or differs from tests/examples/header_examples.c";
+        EXPECT_TRUE(stands_in(examples_of(read_file(ZEL_SOURCE_DIR "/" + header)), source))
+            << header << ": its example is missing, or differs from the sources in tests/examples";
     }
     EXPECT_GE(checked, 6);
 }
@@ -114,18 +112,25 @@ constexpr const char *kSample = "/* A page.\n *\n * Example of a call:\n *\n *  
                                 " *   ...\n *   call(3);\n *   $ ./run\n *\n * More.\n */\nint call(int);\n";
 
 TEST(HeaderExamples, AnExampleInTheSourceIsFoundHoweverItIsIndented) {
-    EXPECT_TRUE(stands_in(example_of(kSample), "f() {\n  call(1); // one\n  call(2);\n  other();\n\n  call(3);\n}\n"));
+    EXPECT_TRUE(stands_in(examples_of(kSample), "f() {\n  call(1); // one\n  call(2);\n  other();\n\n  call(3);\n}\n"));
 }
 
 TEST(HeaderExamples, AnExampleThatDiffersIsCaught) {
-    EXPECT_FALSE(stands_in(example_of(kSample), "call(1);\ncall(2);\ncall(3);\n"));
-    EXPECT_FALSE(stands_in(example_of(kSample), "call(1); // one\nother();\ncall(2);\ncall(3);\n"));
-    EXPECT_FALSE(stands_in(example_of(kSample), "call(3);\ncall(1); // one\ncall(2);\n"));
+    EXPECT_FALSE(stands_in(examples_of(kSample), "call(1);\ncall(2);\ncall(3);\n"));
+    EXPECT_FALSE(stands_in(examples_of(kSample), "call(1); // one\nother();\ncall(2);\ncall(3);\n"));
+    EXPECT_FALSE(stands_in(examples_of(kSample), "call(3);\ncall(1); // one\ncall(2);\n"));
+}
+
+TEST(HeaderExamples, ASecondExampleThatDiffersIsCaught) {
+    const std::string two =
+        "/* A page.\n *\n * Example:\n *\n *   call(1);\n *\n * Example of two:\n *\n *   call(2);\n */\n";
+    EXPECT_TRUE(stands_in(examples_of(two), "call(1);\ncall(2);\n"));
+    EXPECT_FALSE(stands_in(examples_of(two), "call(1);\ncall(3);\n"));
 }
 
 TEST(HeaderExamples, AHeaderWithoutAnExampleIsCaught) {
-    EXPECT_FALSE(stands_in(example_of("/* A page.\n */\nint call(int);\n"), "call(1);\n"));
-    EXPECT_FALSE(stands_in(example_of("/* A page.\n *\n * Example:\n *\n * none\n */\n"), "none\n"));
+    EXPECT_FALSE(stands_in(examples_of("/* A page.\n */\nint call(int);\n"), "call(1);\n"));
+    EXPECT_FALSE(stands_in(examples_of("/* A page.\n *\n * Example:\n *\n * none\n */\n"), "none\n"));
 }
 
 } // namespace
