@@ -119,7 +119,7 @@ int main(int argc, char **argv) {
     msg_print("Listening on localhost, port %d.", port);
     while (!server.stop) {
         int client = platform_accept_retry(listening, NULL, NULL); // keeps the listening socket open
-        if (client == -1) {
+        if (client == PLATFORM_SOCKET_FAILED) {
             msg_fatal_syserr("Cannot accept.");
         }
         serve(client);

@@ -33,9 +33,6 @@ constexpr int kEndPort = 21300;
 constexpr auto kEndTime = seconds(5);     // from "quit" to the companion's end
 constexpr auto kPause = milliseconds(10); // between two looks at a companion that is ending
 
-constexpr int32_t kStatusUnknown = 256; // what a handle holds until the companion has been reaped
-constexpr int32_t kKindHybrid = 13;
-
 // Starts the program with its end of a new pair under that name. SIGPIPE is ignored: sending to a companion that has
 // died must be an error that we can report. The companion shares our standard descriptors, so that its errors are seen.
 bool open_pair(Companion &companion, const char *env_name) {
@@ -58,8 +55,8 @@ bool open_pair(Companion &companion, const char *env_name) {
 // call as always, because that gives us a handle which knows the child's number, and so can watch, kill and reap it.
 // But that call sets the variable it is given in the child. So it gets the name of another one, which nobody reads, and
 // the variables that the companion does read are set here, for it to inherit. Once it has connected, the accepted
-// socket takes the place of the local one in the handle, whose kind becomes 13: from then on every operation goes over
-// TCP.
+// socket takes the place of the local one in the handle, whose kind becomes hybrid: from then on every operation goes
+// over TCP.
 
 constexpr const char *kStartName = "WORD_COUNT_START";
 
@@ -71,30 +68,31 @@ void announce_port(int port) {
 
 // Waits for the connection in steps of a second. Between them it looks whether there still is somebody who could
 // connect: a companion that has died is not waited for. One that lives is, for as long as it takes; it may stand in a
-// debugger. Returns -1 in vain. The listening socket is closed.
+// debugger. Returns PLATFORM_SOCKET_FAILED in vain. The listening socket is closed.
 int accept_companion(PairHandle *pair, int listening) {
-    int fd = -2;
-    for (bool alive = true; fd == -2 && alive;) {
+    int fd = PLATFORM_SOCKET_NOT_READY;
+    for (bool alive = true; fd == PLATFORM_SOCKET_NOT_READY && alive;) {
         alive = platform_pair_companion_alive(pair) == 1;
         fd = platform_accept_timeout(listening, alive ? 1 : 0);
     }
-    if (fd == -2) { // nobody came; an accepted connection has closed the listening socket already
+    if (fd ==
+        PLATFORM_SOCKET_NOT_READY) { // nobody came; an accepted connection has closed the listening socket already
         platform_socket_close(listening);
     }
-    return fd < 0 ? -1 : fd;
+    return fd < 0 ? PLATFORM_SOCKET_FAILED : fd;
 }
 
 void use_connection(PairHandle *pair, int fd) {
     close(pair->rx_fd);
     pair->rx_fd = fd;
     pair->tx_fd = fd;
-    pair->kind = kKindHybrid;
+    pair->kind = PLATFORM_PAIR_KIND_HYBRID;
     pair->hybrid_environment = 1;
 }
 
 bool connect_companion(Companion &companion, int listening) {
     const int fd = accept_companion(companion.pair, listening);
-    if (fd == -1) {
+    if (fd == PLATFORM_SOCKET_FAILED) {
         give_up_companion(companion, "The companion did not connect.");
         return false;
     }
@@ -123,7 +121,8 @@ bool start_hybrid(Companion &companion) {
 // Whether the companion has ended. It has then been reaped, and the handle holds its exit status. Once that is so the
 // process is not looked for again: its number may by now be another's.
 bool has_ended(PairHandle *pair) {
-    return platform_pair_child_exit_status(pair) != kStatusUnknown || !platform_pair_companion_alive(pair);
+    return platform_pair_child_exit_status(pair) != PLATFORM_PAIR_STATUS_UNKNOWN ||
+           !platform_pair_companion_alive(pair);
 }
 
 // A companion under a debugger ends when the developer lets it.

@@ -17,9 +17,6 @@
 
 namespace {
 
-using zel::pair::kBadEnvironmentString;
-using zel::pair::kKindNone;
-
 struct Tag {
     const char *text;
     int32_t kind;
@@ -27,9 +24,9 @@ struct Tag {
 
 // The longer tags first: the short one is a prefix of both.
 constexpr std::array<Tag, 3> kTags = {{
-    {"pid-rtx_fd_l", zel::pair::kKindLocal},
-    {"pid-rtx_fd_w", zel::pair::kKindHybrid},
-    {"pid-rtx_fd", zel::pair::kKindPlain},
+    {"pid-rtx_fd_l", PLATFORM_PAIR_KIND_LOCAL},
+    {"pid-rtx_fd_w", PLATFORM_PAIR_KIND_HYBRID},
+    {"pid-rtx_fd", PLATFORM_PAIR_KIND_PLAIN},
 }};
 
 // What a companion may be told to ignore, in this order.
@@ -43,14 +40,14 @@ struct Address {
 
 int32_t kind_of(const char *value) {
     if (value == nullptr) {
-        return kKindNone;
+        return PLATFORM_PAIR_KIND_NONE;
     }
     for (const Tag &tag : kTags) {
         if (strstr(value, tag.text) != nullptr) {
             return tag.kind;
         }
     }
-    return kKindNone;
+    return PLATFORM_PAIR_KIND_NONE;
 }
 
 // Reads a decimal number; the position moves behind it. A number beyond 32 bits does not count as one.
@@ -90,7 +87,7 @@ void open_descriptor(PairHandle *ph, const char *value, bool ignore_signals) {
     }
     Address address;
     if (!parse_address(value, &address)) {
-        ph->error_number = kBadEnvironmentString;
+        ph->error_number = PLATFORM_PAIR_BAD_VARIABLE;
         return;
     }
     ph->companion_pid = address.pid;
@@ -100,7 +97,7 @@ void open_descriptor(PairHandle *ph, const char *value, bool ignore_signals) {
 void open_connection(PairHandle *ph, const char *value) {
     Address address;
     if (!parse_address(value, &address)) {
-        ph->error_number = kBadEnvironmentString;
+        ph->error_number = PLATFORM_PAIR_BAD_VARIABLE;
         return;
     }
     ph->companion_pid = address.pid;
@@ -122,7 +119,7 @@ PairHandle *platform_pair_child_open(const char *env_name, int ignore_signals, i
     const char *value = platform_getenv(env_name);
     const int32_t kind = kind_of(value);
     PairHandle *ph = zel::pair::create_handle(false, kind, blocking, "platform_pair_child_open");
-    if (kind == kKindNone) {
+    if (kind == PLATFORM_PAIR_KIND_NONE) {
         // DELIBERATE: errno stays 0, so such a handle counts as healthy: no system call failed. The text and the
         // descriptors show that it is not open. Held by the test
         // PairChildOpen.AnUnsetVariableIsAHealthyHandleOfTheWrongType.

@@ -26,11 +26,11 @@ PairHandle *create_handle(bool parent, int32_t kind, int blocking, const char *f
     *ph = {.companion_pid = 0,
            .parent = parent ? 1 : 0,
            .kind = kind,
-           .hybrid_environment = kind == kKindHybrid ? 1 : 0,
+           .hybrid_environment = kind == PLATFORM_PAIR_KIND_HYBRID ? 1 : 0,
            .blocking = blocking,
            .rx_fd = kNoDescriptor,
            .tx_fd = kNoDescriptor,
-           .child_exit_status = kExitStatusUnknown,
+           .child_exit_status = PLATFORM_PAIR_STATUS_UNKNOWN,
            .child_term_signal = 0,
            .error_number = 0,
            .error_text = nullptr,
@@ -53,7 +53,6 @@ void ignore_signal(int signal) {
 
 namespace {
 
-using zel::pair::kKindHybrid;
 using zel::pair::kUnit;
 
 // A caller loops on EAGAIN by itself; it is never kept.
@@ -73,7 +72,7 @@ int companion_exists(const PairHandle *ph) {
 }
 
 int child_alive(PairHandle *ph) {
-    if (ph->kind == kKindHybrid && ph->companion_pid == 0) {
+    if (ph->kind == PLATFORM_PAIR_KIND_HYBRID && ph->companion_pid == 0) {
         return 1;
     }
     if (companion_exists(ph) == 0) {
@@ -151,7 +150,7 @@ int platform_pair_companion_alive(PairHandle *ph) {
     if (ph->parent != 0) {
         return child_alive(ph);
     }
-    return ph->kind == kKindHybrid ? 1 : companion_exists(ph);
+    return ph->kind == PLATFORM_PAIR_KIND_HYBRID ? 1 : companion_exists(ph);
 }
 
 int platform_pair_kill_child(PairHandle *ph) {
@@ -164,7 +163,7 @@ int platform_pair_kill_child(PairHandle *ph) {
 // PairClose.BothFieldsAreClosedThoughTheyHoldOneNumber.
 int platform_pair_close(PairHandle *ph) {
     ZEL_ASSERT(platform_pair_valid(ph));
-    if (ph->kind == kKindHybrid) {
+    if (ph->kind == PLATFORM_PAIR_KIND_HYBRID) {
         platform_socket_close(ph->rx_fd);
     } else {
         close(ph->rx_fd);

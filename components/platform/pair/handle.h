@@ -10,18 +10,6 @@ namespace zel::pair {
 // The name of the unit, as assertions print it.
 inline constexpr const char *kUnit = "components/platform/zel_pair_connection";
 
-// The forms of the environment string.
-inline constexpr int32_t kKindNone = 0;
-inline constexpr int32_t kKindPlain = 10;  // "pid-rtx_fd"
-inline constexpr int32_t kKindLocal = 12;  // "pid-rtx_fd_l"
-inline constexpr int32_t kKindHybrid = 13; // "pid-rtx_fd_w"
-
-// Outside the range of exit codes: not known yet.
-inline constexpr int32_t kExitStatusUnknown = 256;
-
-// The errno field of a handle whose environment string does not begin with two numbers.
-inline constexpr int32_t kBadEnvironmentString = -1;
-
 inline constexpr int kNoDescriptor = -1;
 
 // A new handle of that kind with nothing open yet, in storage from malloc. The function is named when there is none.

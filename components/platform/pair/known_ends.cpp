@@ -47,7 +47,7 @@ Companion *give_up_oldest() {
 } // namespace
 
 bool has_known_end(const PairHandle *ph) {
-    return ph->child_exit_status != kExitStatusUnknown || find(companion_of(ph)) != nullptr;
+    return ph->child_exit_status != PLATFORM_PAIR_STATUS_UNKNOWN || find(companion_of(ph)) != nullptr;
 }
 
 void remember_end(const PairHandle *ph) {

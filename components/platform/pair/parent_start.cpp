@@ -149,7 +149,7 @@ PairHandle *keep_companion(PairHandle *ph, int32_t pid, const SocketPair &ends, 
 
 PairHandle *platform_pair_parent_open_vp(const char *env_name, int ignore_sigpipe, int blocking, const char *file,
                                          const int *stdio_fds, char *const argv[]) {
-    PairHandle *ph = zel::pair::create_handle(true, zel::pair::kKindLocal, blocking, "platform_pair_parent_open_vp");
+    PairHandle *ph = zel::pair::create_handle(true, PLATFORM_PAIR_KIND_LOCAL, blocking, "platform_pair_parent_open_vp");
     // Asked now: the sockets may take the number of a descriptor that is not open.
     const zel::Standards standards = stdio_fds != nullptr ? zel::choose_standards(stdio_fds) : zel::Standards{};
     const Start start = {.env_name = env_name,

@@ -94,7 +94,7 @@ int platform_accept_retry(int listening, struct sockaddr *address, socklen_t *ad
             break;
         }
     }
-    return -1;
+    return PLATFORM_SOCKET_FAILED;
 }
 
 int platform_accept_once(int listening) {
@@ -110,13 +110,13 @@ int platform_accept_timeout(int listening, int seconds) {
         case zel::Readiness::ready:
             return platform_accept_once(listening);
         case zel::Readiness::timeout:
-            return -2;
+            return PLATFORM_SOCKET_NOT_READY;
         case zel::Readiness::failed:
             break;
         }
         if (errno != 0 && !zel::is_temporary(errno)) {
             platform_perror("select failed");
-            return -1;
+            return PLATFORM_SOCKET_FAILED;
         }
     }
 }

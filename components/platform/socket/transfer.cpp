@@ -28,14 +28,14 @@ int wait_for_input(int socket, bool wait, PlatformIdle idle) {
         }
         if (readiness == Readiness::timeout) {
             if (!wait) {
-                return -2;
+                return PLATFORM_SOCKET_NOT_READY;
             }
             continue;
         }
         if (error != 0 && !is_temporary(error)) {
             errno = error;
             platform_perror("select failed");
-            return -1;
+            return PLATFORM_SOCKET_FAILED;
         }
         errno = 0;
     }
@@ -43,7 +43,7 @@ int wait_for_input(int socket, bool wait, PlatformIdle idle) {
 
 int receive_waiting(int socket, void *buffer, size_t length) {
     const ssize_t count = recv(socket, buffer, length, 0);
-    return count == 0 ? -1 : static_cast<int>(count);
+    return count == 0 ? PLATFORM_SOCKET_FAILED : static_cast<int>(count);
 }
 
 } // namespace zel::socket
@@ -71,7 +71,7 @@ int platform_send_all(int socket, const void *buffer, int32_t length) {
 
 int platform_recv_guarded(int socket, void *buffer, int32_t length) {
     if (length < 1) {
-        return -3;
+        return PLATFORM_SOCKET_BAD_LENGTH;
     }
     return static_cast<int>(recv(socket, buffer, static_cast<size_t>(length), 0));
 }

@@ -10,11 +10,12 @@
 
 namespace zel::socket {
 
-// Waits in steps, so that idle runs about ten times a second. Returns 1 when the socket can be read; -1 when the wait
-// failed, which has been reported; -2 when nothing is there and wait is false.
+// Waits in steps, so that idle runs about ten times a second. Returns 1 when the socket can be read;
+// PLATFORM_SOCKET_FAILED when the wait failed, which has been reported; PLATFORM_SOCKET_NOT_READY when nothing is there
+// and wait is false.
 int wait_for_input(int socket, bool wait, PlatformIdle idle);
 
-// Receives once. Returns the count, or -1 when the peer closed or the receive failed.
+// Receives once. Returns the count, or PLATFORM_SOCKET_FAILED when the peer closed or the receive failed.
 int receive_waiting(int socket, void *buffer, size_t length);
 
 } // namespace zel::socket
