@@ -3,10 +3,8 @@
  *
  * A message is one or more lines, each ended by CR LF, and one empty line after them:
  *
- *   message = first *further end
- *   first   = *byte CR LF
- *   further = 1*byte CR LF
- *   end     = CR LF
+ *   message = first *further end     further = 1*byte CR LF
+ *   first   = *byte CR LF            end     = CR LF
  *
  *   "count" CR LF "README.md" CR LF CR LF     first line "count", one further line
  *   CR LF CR LF                               empty first line, no further line
@@ -17,14 +15,12 @@
  *
  * Steps:
  *
- *   1. Create a receive buffer and make it current:
- *      platform_msgbuf_set(platform_msgbuf_create(65536)).
+ *   1. platform_msgbuf_set(platform_msgbuf_create(65536)) makes a receive buffer current.
  *   2. Serve with platform_message_loop(fd, handler, NULL, 0), until the handler returns
  *      0 or the peer closes. Or take one message at a time with platform_get_one_message.
- *   3. Answer with platform_send_message(fd, "done", "12", (char *) NULL), inside the
- *      handler or outside.
- *   4. Between two connections: platform_msgbuf_reset.
- *   5. At the end: platform_msgbuf_set(NULL), then platform_msgbuf_free.
+ *   3. Answer with platform_send_message(fd, "done", "12", (char *) NULL).
+ *   4. platform_msgbuf_reset between two connections; at the end
+ *      platform_msgbuf_set(NULL) and platform_msgbuf_free.
  *
  * Example of a handler:
  *
@@ -46,9 +42,8 @@
  * - A peer can end its receiver. A message that does not fit into the buffer, or that has
  *   more than PLATFORM_MAX_MESSAGE_LINES lines, is an assertion that aborts the receiving
  *   process.
- * - Sending checks no line. Check a text from a user, a file or a peer before it becomes
- *   one: it holds no CR LF, and is not empty as a further line. Otherwise the receiver
- *   takes the bytes after it for another line or another message.
+ * - Sending checks no line. A text with CR LF in it, and an empty further line, make the
+ *   receiver take the bytes after them for other lines or messages.
  *
  * Invariants:
  *
@@ -73,8 +68,7 @@ extern "C" {
 /* Declared by <netdb.h>, which does not show it to a strictly conforming C program. */
 struct addrinfo;
 
-/* Limit: lines of one message. One more is an assertion that aborts. A line table has one
- * entry more than this. */
+/* Lines of one message at most. A line table has one entry more. */
 #define PLATFORM_MAX_MESSAGE_LINES 32768
 
 /* Results below 0 of the accept calls, platform_select_recv and platform_recv_guarded. */
@@ -92,8 +86,7 @@ typedef struct MsgBuf {
     char *p2;    /* end of the data received */
 } MsgBuf;
 
-/* The current buffer, which the loop operations work on.
- * - null until platform_msgbuf_set. */
+/* The buffer that the loop operations work on; null until platform_msgbuf_set. */
 extern MsgBuf *gMsgBuf;
 
 /* A message handler of the program.
@@ -102,10 +95,9 @@ extern MsgBuf *gMsgBuf;
  * - lines: the further lines, a null pointer after the last.
  * - Result: not 0 goes on, 0 stops platform_message_loop.
  * - Ownership: the texts are valid during the call only.
- * - The handler may send on the socket.
- * - The handler may itself receive messages, a thousand levels deep on a stack of 8 MiB.
- *   Receiving writes over the texts of the message at hand, unless another buffer is
- *   current meanwhile. */
+ * - The handler may send on the socket and may itself receive messages, a thousand levels
+ *   deep on a stack of 8 MiB. Receiving writes over the texts of the message at hand,
+ *   unless another buffer is current meanwhile. */
 typedef int (*PlatformMessageHandler)(int socket, char *first_line, char **lines);
 
 /* An idle function of the program.
@@ -123,8 +115,7 @@ typedef int (*PlatformIdle)(void);
  * - Ownership: the caller's, until platform_msgbuf_free. */
 MsgBuf *platform_msgbuf_create(int32_t size);
 
-/* Drops all data in the buffer.
- * - Result: the buffer. */
+/* Drops the data in the buffer. Result: the buffer. */
 MsgBuf *platform_msgbuf_reset(MsgBuf *buffer);
 
 /* Releases storage and record.
@@ -132,9 +123,7 @@ MsgBuf *platform_msgbuf_reset(MsgBuf *buffer);
  * - Make another buffer, or null, current before the current one is freed. */
 void platform_msgbuf_free(MsgBuf *buffer);
 
-/* Makes the buffer current.
- * - buffer: null leaves no buffer current.
- * - Ownership: the buffer stays the caller's. */
+/* Makes the buffer current; null leaves none. The buffer stays the caller's. */
 void platform_msgbuf_set(MsgBuf *buffer);
 
 /* ---- The message loop ----------------------------------------------------------------------------------------------
@@ -147,8 +136,7 @@ void platform_msgbuf_set(MsgBuf *buffer);
  */
 
 /* Hands every message that arrives to the handler.
- * - handler: its result 0 ends the loop.
- * - idle: may be null.
+ * - handler: its result 0 ends the loop. idle: may be null.
  * - drain_first: not 0 first reads and drops the data that waits on the socket.
  * - Ends when the handler returns 0, the peer closes or receiving fails.
  * - Errors: without a current buffer it warns and receives no message. Otherwise as
@@ -259,8 +247,8 @@ int platform_accept_timeout(int listening, int seconds);
 
 /* Accepts one connection and closes the listening socket.
  * - Result: the connected descriptor.
- * - Errors: PLATFORM_SOCKET_FAILED with errno. The listening socket is closed then too.
- * - Blocks. */
+ * - Errors: PLATFORM_SOCKET_FAILED with errno. It closes the listening socket then too.
+ * - Blocks until somebody connects. */
 int platform_accept_once(int listening);
 
 /* Accepts one connection. The listening socket stays open.
@@ -297,12 +285,10 @@ int platform_connect_host(const char *host, int port);
  *   take a signal of its own. */
 int platform_socket_open(const struct addrinfo *list, int server, int backlog);
 
-/* Shuts the socket down in both directions and closes it.
- * - Result: that of close: 0, or -1 with errno. */
+/* Shuts the socket down in both directions and closes it. Result: that of close. */
 int platform_socket_close(int fd);
 
-/* Tells whether a descriptor blocks.
- * - Result: 1 when it blocks, 0 when it is in non-blocking mode or not open. */
+/* Result: 1 when the descriptor blocks, 0 when it does not block or is not open. */
 int platform_fd_is_blocking(int fd);
 
 /* Sets the blocking mode of a descriptor.

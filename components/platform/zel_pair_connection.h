@@ -6,22 +6,17 @@
  *
  *   1. platform_pair_parent_open_lp starts the companion. The companion finds its end in
  *      an environment variable whose name the parent chooses.
- *   2. platform_pair_ok, with error_text and platform_pair_errstr, tells whether that
- *      worked. A program that cannot be executed shows later, as a companion that ended
- *      with status 1.
+ *   2. platform_pair_ok tells whether that worked. A program that cannot be executed
+ *      shows later, as a companion that ended with status 1.
  *   3. platform_pair_send and platform_pair_recv carry values. The message calls of
  *      socket.h carry text, on platform_pair_tx_fd and platform_pair_rx_fd.
- *   4. platform_pair_companion_alive watches the companion, and reaps it when it has
- *      ended.
- *   5. platform_pair_close releases the handle. The companion sees the end of the stream.
- *      It is neither waited for nor signalled: the parent waits for it, as the example
- *      shows.
+ *   4. platform_pair_companion_alive watches the companion and reaps it.
+ *   5. platform_pair_close ends the stream. The parent then waits for the companion.
  *
  * The companion, early in its start-up:
  *
  *   1. platform_pair_child_open with the same name.
- *   2. platform_pair_ok and error_text tell whether that worked. On failure: a message,
- *      exit(1).
+ *   2. platform_pair_ok and error_text tell whether that worked.
  *   3. It serves its parent until the stream ends.
  *
  * Example of a parent, with an ending that cannot hang:
@@ -99,15 +94,15 @@
  *
  * The environment string: parent pid, blank, number, blank, tag.
  *
- *   value                      kind                            the number
- *   "4711 5 pid-rtx_fd"        10  PLATFORM_PAIR_KIND_PLAIN    the companion's descriptor
- *   "4711 5 pid-rtx_fd_l"      12  PLATFORM_PAIR_KIND_LOCAL    the companion's descriptor
- *   "4711 20311 pid-rtx_fd_w"  13  PLATFORM_PAIR_KIND_HYBRID   a port, with NAME_HYBRID set
- *   no such tag, or unset       0  PLATFORM_PAIR_KIND_NONE     not read
+ *   the variable NAME           kind
+ *   "4711 5 pid-rtx_fd"         10   PLATFORM_PAIR_KIND_PLAIN
+ *   "4711 5 pid-rtx_fd_l"       12   PLATFORM_PAIR_KIND_LOCAL, set by a parent's open
+ *   "4711 20311 pid-rtx_fd_w"   13   PLATFORM_PAIR_KIND_HYBRID
+ *   no such tag, or unset        0   PLATFORM_PAIR_KIND_NONE
  *
- *   NAME_HYBRID                                the number, whatever the tag
- *   unset, empty, or begins with f, F or 0     a descriptor
- *   any other value, "no" too                  a TCP port on localhost
+ *   the variable NAME_HYBRID                 the number, whatever the tag
+ *   unset, empty, or begins with f, F or 0   the companion's descriptor
+ *   any other value, "no" too                a TCP port on localhost
  *
  * Traps:
  *
@@ -234,12 +229,12 @@ PairHandle *platform_pair_parent_open_vp(const char *env_name, int ignore_sigpip
  * - Result: a handle in every case. Its descriptors are -1 after a failure.
  * - Errors: in the handle, see the table. No memory for the handle ends the process with
  *   an error.
- * - DELIBERATE: without the variable platform_pair_ok is 1. Test error_text too. */
+ * - Without the variable platform_pair_ok is 1 on purpose. Test error_text too. */
 PairHandle *platform_pair_child_open(const char *env_name, int ignore_signals, int blocking);
 
 /* Tells whether a handle is valid.
  * - ph: any pointer to readable storage, or null.
- * - Result: 1 when it is not null and intact, else 0. Never asserts. */
+ * - Result: 1 when it is not null and intact, else 0. It never asserts. */
 int platform_pair_valid(const PairHandle *ph);
 
 /* ---- Transfers -----------------------------------------------------------------------------------------------------
@@ -273,7 +268,8 @@ int32_t platform_pair_recv(PairHandle *ph, void *buffer, int32_t length);
  * - Parent: a companion that has ended is reaped, its exit status and signal go into the
  *   handle, and the result is 0. A child that somebody else waited for counts as alive
  *   until its number is gone.
- * - Companion of kind PLATFORM_PAIR_KIND_HYBRID: 1 always.
+ * - Kind PLATFORM_PAIR_KIND_HYBRID: 1 always for a companion, and for a parent whose
+ *   companion_pid is 0.
  * - Limit: the process is looked for in /proc, which takes a free descriptor. Without
  *   one, or without /proc, the result is 0, and nobody is reaped. */
 int platform_pair_companion_alive(PairHandle *ph);
@@ -303,7 +299,7 @@ int platform_pair_close(PairHandle *ph);
  * - ph: a damaged handle or null is described too.
  * - buffer: 2048 bytes, or null for a static buffer that every such call overwrites.
  * - Result: the buffer.
- * - DELIBERATE: with error_text set the text is "zel: ", error_text, and nothing else. */
+ * - With error_text set the text is "zel: ", error_text, and nothing else. */
 char *platform_pair_describe(const PairHandle *ph, char *buffer);
 
 /* ---- The fields of a handle -------------------------------------------------------------------------------------- */
