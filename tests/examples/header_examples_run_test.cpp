@@ -132,14 +132,14 @@ PairHandle *start_up_to_stop(const char *script) {
     return pair;
 }
 
-TEST(HeaderExampleOfPair, ItsEndingKillsACompanionThatIsStopped) {
+TEST(HeaderExampleOfPair, TheEndingKillsACompanionThatIsStopped) {
     PairHandle *pair = start_up_to_stop("kill -STOP $$");
     const int32_t pid = platform_pair_companion_pid(pair);
     example_of_ending(pair, 0);
     EXPECT_EQ(platform_process_exists(static_cast<unsigned long>(pid)), 0);
 }
 
-TEST(HeaderExampleOfPair, ItsEndingKillsACompanionThatIgnoresSigterm) {
+TEST(HeaderExampleOfPair, TheEndingKillsACompanionThatIgnoresSigterm) {
     PairHandle *pair = start_up_to_stop("trap '' TERM; kill -STOP $$; while :; do :; done");
     const int32_t pid = platform_pair_companion_pid(pair);
     kill(pid, SIGCONT);

@@ -101,7 +101,7 @@ struct MessageServer : testing::Test {
     FILE *output = nullptr;
 };
 
-TEST_F(MessageServer, ItAddsNumbers) {
+TEST_F(MessageServer, ASumIsAnsweredByTheTotal) {
     start();
     say("sum\r\n2\r\n-30\r\n4000000000\r\n\r\n");
     expect_heard("sum\r\n3999999972\r\n\r\n");

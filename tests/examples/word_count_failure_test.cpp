@@ -73,8 +73,7 @@ struct WordCountFailure : WordCountTest {
 
 INSTANTIATE_TEST_SUITE_P(Example, WordCountFailure, testing::Values("", "--hybrid"), arrangement_name);
 
-// ---- Texts that cannot be read
-// ---------------------------------------------------------------------------------------
+// ---- Texts that cannot be read --------------------------------------------------------------------------------------
 
 TEST_P(WordCountFailure, AMissingTextIsReportedAndTheOthersAreCounted) {
     const Outcome outcome = count({"a", "missing", "b"});
@@ -111,8 +110,7 @@ TEST_P(WordCountFailure, AReadThatFailsInTheMiddleGivesUpThatTextAlone) {
     EXPECT_EQ(outcome.status, kTextUnreadable);
 }
 
-// ---- Companions that cannot be started
-// -------------------------------------------------------------------------------
+// ---- Companions that cannot be started ------------------------------------------------------------------------------
 
 TEST_P(WordCountFailure, ACompanionThatDoesNotExistIsNamed) {
     expect_not_started("./missing", "./missing: No such file or directory");
@@ -137,8 +135,7 @@ TEST_P(WordCountFailure, ACompanionThatCannotBeStartedOutweighsATextThatCannotBe
     EXPECT_EQ(outcome.status, kCompanionFailed);
 }
 
-// ---- Companions that fail
-// --------------------------------------------------------------------------------------------
+// ---- Companions that fail -------------------------------------------------------------------------------------------
 
 TEST_P(WordCountFailure, ACompanionThatEndsAtOnceIsLost) {
     const Outcome outcome = count_with_fault("exit at once");
@@ -226,8 +223,7 @@ TEST_P(WordCountFailure, ACompanionThatDoesNotEndWhenAskedIsKilled) {
     EXPECT_EQ(outcome.status, kCompanionFailed);
 }
 
-// ---- Arguments and output
-// --------------------------------------------------------------------------------------------
+// ---- Arguments and output -------------------------------------------------------------------------------------------
 
 TEST_P(WordCountFailure, AnUnknownOptionIsRefused) {
     const Outcome outcome = count({"--fast", "a"});

@@ -18,7 +18,7 @@ TEST(WordCountLine, AFurtherLineMayNotBeEmptyAndTheFirstMay) {
     EXPECT_FALSE(can_be_further_line(""));
 }
 
-TEST(WordCountLine, NeitherHoldsALineEndOrANul) {
+TEST(WordCountLine, NoLineHoldsALineEndOrANul) {
     for (const std::string_view text : {std::string_view("a\r\nb"), std::string_view("\r\n"), kWithNul}) {
         EXPECT_FALSE(can_be_first_line(text));
         EXPECT_FALSE(can_be_further_line(text));

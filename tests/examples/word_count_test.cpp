@@ -75,7 +75,7 @@ TEST_P(WordCount, TextsOfTheRepoAreCountedAsByWc) {
     EXPECT_EQ(outcome.status, 0);
 }
 
-TEST_P(WordCount, WithoutFilesTextsOfTheRepoAreCountedWhereverTheProgramIsStarted) {
+TEST_P(WordCount, TheDefaultTextsAreFoundWhereverTheProgramIsStarted) {
     std::string expected;
     for (const char *name : {"README.md", "CONTRIBUTING.md", "LICENSE"}) {
         expected += expected_report(std::string(ZEL_SOURCE_DIR "/") + name, name);
@@ -247,7 +247,7 @@ TEST_P(WordCount, VariablesAndSignalsThatItInheritsDoNotMislead) {
 // The request starts again who was asked, and says so on standard error.
 constexpr const char *kStartAgain = "using echo \"${ZEL_DEBUG_PROMPT#debug }\" >&2; exec \"$ZEL_EXE\" $ZEL_EXE_PARMS";
 
-TEST_P(WordCount, ItsOptionStopsTheCompanionAlone) {
+TEST_P(WordCount, TheDebugOptionStopsTheCompanionAlone) {
     const std::string path = text("text", "one two\n");
     const Outcome outcome = count({"--debug", kStartAgain, path});
     EXPECT_EQ(outcome.out, expected_report(path) + kEndedWell);

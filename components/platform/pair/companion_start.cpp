@@ -72,7 +72,7 @@ bool parse_address(const char *value, Address *address) {
 // Held by the test PairChildOpen.TheNameOfTheHybridVariableStaysAllocated.
 //
 // DELIBERATE: any value but an empty one that does not begin with 'f', 'F' or '0' means hybrid, "no" included. Held by
-// the test PairChildOpen.OnlyAnEmptyValueOrOneThatBeginsWithFOrZeroMeansNotHybrid.
+// the test PairHybrid.OnlyAnEmptyValueOrOneThatBeginsWithFOrZeroMeansNotHybrid.
 bool is_hybrid(const char *env_name) {
     const char *name = zel_strdup2(env_name, "_HYBRID", "platform_pair_child_open", "hybrid variable name");
     const char *value = name == nullptr ? nullptr : platform_getenv(name); // null as a failure handler decided

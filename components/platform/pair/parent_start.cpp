@@ -166,7 +166,7 @@ PairHandle *platform_pair_parent_open_vp(const char *env_name, int ignore_sigpip
     const int32_t pid = fork_with_retries();
     if (pid == -1) {
         // DELIBERATE: the two socket ends stay open in the parent. Held by the test
-        // PairParentOpen.AFailedForkLeavesBothSocketEndsOpen.
+        // PairStartFailure.AFailedForkLeavesBothSocketEndsOpen.
         keep_failure(ph, "fork failed");
         return ph;
     }

@@ -294,7 +294,7 @@ struct NoMemoryForTheName {
 
 } // namespace
 
-TEST(PairChildOpen, NoMemoryForTheNameOfTheHybridVariableEndsTheProcessWithAnError) {
+TEST(PairChildOpen, NoMemoryForTheHybridVariablesNameEndsTheProcess) {
     const Outcome outcome = run_in_child([] {
         msg_set_width_limit(0);
         const NoMemoryForTheName no_memory;

@@ -143,7 +143,7 @@ TEST(PairFailedExec, AParentReadsItsStandardInputOnWhereItWas) {
     EXPECT_EQ(outcome.err, std::to_string(kLines));
 }
 
-TEST(PairFailedExec, TheSameHoldsWithTheNullDeviceForTheCompanion) {
+TEST(PairFailedExec, WithTheNullDeviceForTheCompanionTheParentReadsOn) {
     const LongFile file;
     const Outcome outcome = run_in_child([&file] {
         dup2(open(file.path.c_str(), O_RDONLY | O_CLOEXEC), STDIN_FILENO);
@@ -266,7 +266,7 @@ TEST(PairFailedExec, WithEveryDescriptorTakenNothingIsLost) {
     }
 }
 
-TEST(PairFailedExec, WhereProcIsHiddenNothingIsLostEither) {
+TEST(PairFailedExec, WithoutProcReadableDescriptorsBecomeTheNullDevice) {
     const LongFile file;
     const std::string said = said_by_handler(
         [&file] {
@@ -314,7 +314,7 @@ TEST(PairFailedStart, AnEntryThatFindsNoRoomForItsCopyEndsTheCompanion) {
     EXPECT_EQ(end_with_free_descriptors(4, swapped), 100 + kServed);
 }
 
-TEST(PairFailedStart, ItLeavesAsAfterAFailedExec) {
+TEST(PairFailedStart, ACompanionWithoutStandardsLeavesAsAfterAFailedExec) {
     const LongFile file;
     const Outcome outcome = run_in_child([&file] {
         dup2(open("/proc/self/fd/2", O_WRONLY | O_APPEND), STDERR_FILENO);

@@ -119,7 +119,7 @@ bool blocks_after_open(int blocking) {
 
 } // namespace
 
-TEST(PairChildOpen, OnlyAnEmptyValueOrOneThatBeginsWithFOrZeroMeansNotHybrid) {
+TEST(PairHybrid, OnlyAnEmptyValueOrOneThatBeginsWithFOrZeroMeansNotHybrid) {
     for (const char *value : {"", "f", "F", "0", "false", "False", "01", "f1"}) {
         EXPECT_FALSE(connects_under(value)) << value;
     }

@@ -164,7 +164,7 @@ TEST(PairFailureSweep, Memory) {
     EXPECT_EQ(outcome_without_memory(2), "served 0") << "nothing else is asked for";
 }
 
-TEST(PairClose, ErrnoStaysAsItWas) {
+TEST(PairLife, ClosingLeavesErrnoAsItWas) {
     const Outcome outcome = run_in_child([] {
         int ends[2];
         if (socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0) {

@@ -26,7 +26,7 @@ TEST(NullDescriptor, IsOpenOnTheNullDeviceForReadingAndWriting) {
     EXPECT_FALSE(is_open(fd));
 }
 
-TEST(NullDescriptor, TheSecondCloseOfTwoOpensClosesIt) {
+TEST(NullDescriptor, TheLastCloseClosesTheDescriptor) {
     const int fd = platform_null_fd_open();
     EXPECT_EQ(platform_null_fd_open(), fd);
     platform_null_fd_close(fd);

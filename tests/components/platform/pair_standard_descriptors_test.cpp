@@ -222,7 +222,7 @@ TEST(PairStandardDescriptors, AllThreeMayBeRotated) {
     EXPECT_EQ(report_with_closed(0, given), "w FILE/2 | r FILE/0 | w FILE/1");
 }
 
-TEST(PairStandardDescriptors, AParentWithClosedOnesKeepsItsPairAndTheCompanionHasTheNullDevice) {
+TEST(PairStandardDescriptors, ACompanionOfAParentWithClosedOnesHasTheNullDevice) {
     for (unsigned closed = 1; closed < 8; ++closed) {
         SCOPED_TRACE(closed);
         EXPECT_EQ(report_with_closed(closed, nullptr), kAllNull);

@@ -54,7 +54,7 @@ bool are_connected(int one, int other) {
 
 } // namespace
 
-TEST(PairParentOpen, AFailedSocketpairIsReportedInTheHandle) {
+TEST(PairStartFailure, AFailedSocketpairIsReportedInTheHandle) {
     const Interposed failing(hook::socketpair, fail_always(hook::socketpair, EMFILE, -1));
     int forks = 0;
     const Interposed counting(hook::fork, [&forks] {
@@ -68,7 +68,7 @@ TEST(PairParentOpen, AFailedSocketpairIsReportedInTheHandle) {
     platform_pair_close(ph);
 }
 
-TEST(PairParentOpen, SocketsThatCannotBeMovedAboveTheStandardDescriptorsAreAFailedSocketpair) {
+TEST(PairStartFailure, SocketsThatCannotBeMovedAreAFailedSocketpair) {
     const Outcome outcome = run_in_child([] {
         close(STDIN_FILENO);
         const std::set<int> before = open_descriptors();
@@ -80,7 +80,7 @@ TEST(PairParentOpen, SocketsThatCannotBeMovedAboveTheStandardDescriptorsAreAFail
     EXPECT_EQ(outcome.out, std::to_string(EMFILE) + " socketpair create failed -1 0\nnothing left open\n");
 }
 
-TEST(PairParentOpen, AForkIsTriedAgainWhileTheProcessTableIsFull) {
+TEST(PairStartFailure, AForkIsTriedAgainWhileTheProcessTableIsFull) {
     FailingFork failing(times(30, EAGAIN));
     PairHandle *ph = start();
     EXPECT_EQ(failing.attempts, 31u);
@@ -90,7 +90,7 @@ TEST(PairParentOpen, AForkIsTriedAgainWhileTheProcessTableIsFull) {
     EXPECT_EQ(finish(ph), kServed);
 }
 
-TEST(PairParentOpen, AForkIsTriedThirtyOneTimesAndNoMore) {
+TEST(PairStartFailure, AForkIsTriedThirtyOneTimesAndNoMore) {
     const std::set<int> before = open_descriptors();
     FailingFork failing(times(40, EAGAIN));
     PairHandle *ph = start();
@@ -100,7 +100,7 @@ TEST(PairParentOpen, AForkIsTriedThirtyOneTimesAndNoMore) {
     EXPECT_EQ(close_added_since(before), 2u);
 }
 
-TEST(PairParentOpen, AForkIsTriedAgainWithoutAPause) {
+TEST(PairStartFailure, AForkIsTriedAgainWithoutAPause) {
     const std::set<int> before = open_descriptors();
     const FailingFork failing(times(40, EAGAIN));
     int pauses = 0;
@@ -112,7 +112,7 @@ TEST(PairParentOpen, AForkIsTriedAgainWithoutAPause) {
     close_added_since(before);
 }
 
-TEST(PairParentOpen, AnotherErrorOfForkEndsTheAttemptsAtOnce) {
+TEST(PairStartFailure, AnotherErrorOfForkEndsTheAttemptsAtOnce) {
     const std::set<int> before = open_descriptors();
     FailingFork failing(times(5, ENOMEM));
     PairHandle *ph = start();
@@ -122,7 +122,7 @@ TEST(PairParentOpen, AnotherErrorOfForkEndsTheAttemptsAtOnce) {
     close_added_since(before);
 }
 
-TEST(PairParentOpen, AnotherErrorOfForkEndsTheRetriesToo) {
+TEST(PairStartFailure, AnotherErrorOfForkEndsTheRetriesToo) {
     const std::set<int> before = open_descriptors();
     FailingFork failing({EAGAIN, EAGAIN, ENOMEM, EAGAIN});
     PairHandle *ph = start();
@@ -132,7 +132,7 @@ TEST(PairParentOpen, AnotherErrorOfForkEndsTheRetriesToo) {
     close_added_since(before);
 }
 
-TEST(PairParentOpen, AFailedForkLeavesBothSocketEndsOpen) {
+TEST(PairStartFailure, AFailedForkLeavesBothSocketEndsOpen) {
     const std::set<int> before = open_descriptors();
     const FailingFork failing(times(1, ENOMEM));
     PairHandle *ph = start();
@@ -151,7 +151,7 @@ TEST(PairParentOpen, AFailedForkLeavesBothSocketEndsOpen) {
     EXPECT_EQ(close_added_since(before), 2u);
 }
 
-TEST(PairParentOpen, AFailedForkLeavesSigpipeAsItWas) {
+TEST(PairStartFailure, AFailedForkLeavesSigpipeAsItWas) {
     const std::set<int> before = open_descriptors();
     const FailingFork failing(times(1, ENOMEM));
     int changes = 0;
@@ -161,7 +161,7 @@ TEST(PairParentOpen, AFailedForkLeavesSigpipeAsItWas) {
     close_added_since(before);
 }
 
-TEST(PairParentOpen, OutputIsFlushedBeforeEveryAttemptToFork) {
+TEST(PairStartFailure, OutputIsFlushedBeforeEveryAttemptToFork) {
     const std::set<int> before = open_descriptors();
     std::string calls;
     const Interposed flushing(hook::fflush, [&calls](FILE *stream) {
@@ -178,7 +178,7 @@ TEST(PairParentOpen, OutputIsFlushedBeforeEveryAttemptToFork) {
     close_added_since(before);
 }
 
-TEST(PairParentOpen, NoMemoryForTheHandleEndsTheProcessWithAnError) {
+TEST(PairStartFailure, NoMemoryForTheHandleEndsTheProcessWithAnError) {
     const Outcome outcome = run_in_child([] {
         const Interposed failing(hook::malloc, [](size_t size) -> void * {
             return size == sizeof(PairHandle) ? nullptr : hook::malloc.real(size);
@@ -191,7 +191,7 @@ TEST(PairParentOpen, NoMemoryForTheHandleEndsTheProcessWithAnError) {
                                std::to_string(sizeof(PairHandle)) + " bytes.\n");
 }
 
-TEST(PairParentOpen, WithoutMemoryTheVariableHoldsNoOlderPairsEnd) {
+TEST(PairStartFailure, WithoutMemoryTheVariableHoldsNoOlderPairsEnd) {
     const ScopedVariable older(kPairVariable, "4711 7 pid-rtx_fd_l");
     const std::string command = std::string("exit ${") + kPairVariable + "+5}";
     PairHandle *ph = nullptr;

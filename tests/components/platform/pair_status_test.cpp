@@ -299,7 +299,7 @@ TEST(PairKillChild, WhichCompanionsHaveEndedIsKnownWithoutMemory) {
     platform_pair_close(second);
 }
 
-TEST(PairKillChild, AParentThatIgnoresItsChildrenKnowsItToo) {
+TEST(PairKillChild, AParentThatIgnoresSigchldKnowsTheEndOfItsChild) {
     const Outcome outcome = run_in_child([] {
         signal(SIGCHLD, SIG_IGN);
         PairHandle *ph = start_running();

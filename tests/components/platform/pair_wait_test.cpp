@@ -177,7 +177,7 @@ TEST(WaitNohang, IsOneCallThatDoesNotBlock) {
     EXPECT_EQ(calls, "4711 nohang;");
 }
 
-TEST(WaitNohang, EitherOutputMayBeNull) {
+TEST(WaitNohang, ExitCodeAndSignalMayBeNull) {
     int32_t exit_code = 999;
     pid_t pid = fork_exiting(3);
     EXPECT_EQ(platform_wait_nohang(pid, &exit_code, nullptr), pid);
@@ -224,7 +224,7 @@ TEST(WaitChild, TheStatusMayBeNull) {
     EXPECT_FALSE(has_children());
 }
 
-TEST(WaitChild, ItBlocksUntilTheChildEnds) {
+TEST(WaitChild, TheCallBlocksUntilTheChildEnds) {
     PairHandle *ph = start({.companion = "pair_ender"});
     const pid_t pid = ph->companion_pid;
     std::string order;

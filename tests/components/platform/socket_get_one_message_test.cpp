@@ -71,7 +71,7 @@ TEST(GetOneMessage, TheListOfFurtherLinesMayBeEmpty) {
     on_message = nullptr;
 }
 
-TEST(GetOneMessage, TheRestStandsAtTheStartAfterwardsAndBehindTheMessageDuringTheCall) {
+TEST(GetOneMessage, TheRestMovesToTheStartAfterTheHandlerHasReturned) {
     const CurrentBuffer buffer;
     put_into_buffer("A\r\n\r\nrest of the data");
     on_message = [](int, char *first_line, char **) {
@@ -86,7 +86,7 @@ TEST(GetOneMessage, TheRestStandsAtTheStartAfterwardsAndBehindTheMessageDuringTh
 }
 
 #ifndef ZEL_SMALL_CONSTANTS // both messages fit into one receive
-TEST(GetOneMessageSize, TwoMessagesOfOneReceiveAreHandedOverByTwoCallsWithoutASecondReceive) {
+TEST(GetOneMessageSize, TwoMessagesOfOneReceiveTakeTwoCallsAndNoSecondReceive) {
     const SocketPair pair;
     const CurrentBuffer buffer;
     const Dispatched dispatched;
@@ -221,7 +221,7 @@ TEST(GetOneMessage, DataThatWouldFillTheBufferAborts) {
     EXPECT_EQ(outcome.err, assertion_text("platform_get_one_message", kRoomCondition));
 }
 
-TEST(GetOneMessage, AFullBufferAbortsByWhatWasThereBeforeToo) {
+TEST(GetOneMessage, EarlierDataCountsForTheAssertionOfAFullBuffer) {
     const SocketPair pair;
     const Outcome outcome = run_in_child([&pair] {
         const CurrentBuffer buffer(16);

@@ -177,7 +177,7 @@ TEST(ServerSocket, ListensWithABacklogOfOne) {
     EXPECT_EQ(backlog, 1);
 }
 
-TEST(ServerSocket, APortThatCannotListenIsSkippedToo) {
+TEST(ServerSocket, APortThatCannotListenIsSkipped) {
     const TakenPorts ports(0);
     const Interposed failing(hook::listen, fail_nth(hook::listen, 0, EADDRINUSE, -1));
     int chosen = -1;

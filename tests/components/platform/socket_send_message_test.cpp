@@ -210,7 +210,7 @@ TEST(SendMessage, AFailedSendEndsTheMessageWithZeroWhicheverItIs) {
     EXPECT_EQ(fail_each_send(9000), 4); // one for each line, one for the end
 }
 
-TEST(SendMessage, NothingIsSentBehindAFailedSend) {
+TEST(SendMessage, NoLineIsSentAfterAFailedSend) {
     const std::string line(9000, 'x');
     int sends = 0;
     const Interposed failing(hook::send, [&sends](int, const void *, size_t, int) -> ssize_t {

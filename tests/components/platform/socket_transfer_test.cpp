@@ -89,7 +89,7 @@ TEST(SelectRecv, ReceivesWithTheBufferItWasGivenAndFlagsZero) {
     EXPECT_EQ(received.run(pair.ours.fd, 1), 5);
 }
 
-TEST(SelectRecv, WaitsForReadingAloneATenthOfASecondAtATimeSetAfreshBeforeEachWait) {
+TEST(SelectRecv, WaitsForReadingInStepsOfATenthOfASecond) {
     const SocketPair pair;
     Received received;
     int calls = 0;
@@ -215,7 +215,7 @@ TEST(SendAll, AnInterruptedSendIsAFailure) {
     EXPECT_EQ(waiting_on(pair.theirs.fd), "");
 }
 
-TEST(SendAll, AnInterruptionBehindAPartIsAFailureToo) {
+TEST(SendAll, AnInterruptionAfterAPartIsAFailure) {
     const SocketPair pair;
     int calls = 0;
     const Interposed failing(hook::send, [&calls](int fd, const void *buffer, size_t, int flags) -> ssize_t {
