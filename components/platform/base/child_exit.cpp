@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// How a forked child leaves by exit without harm to the files that it shares with its parent.
+// Ends a forked child by exit without harm to the files that it shares with its parent.
 #include <components/platform/base/child_start.h>
 
 #include <array>
@@ -18,13 +18,15 @@ constexpr const char *kOpenDescriptors = "/proc/self/fd";
 constexpr int kNumbersTriedWithoutList = 65536;
 constexpr size_t kListSize = 1024;
 
-// exit moves the position of such a descriptor when a partly read stream stands on it.
+// Whether exit may move the position of the descriptor: a partly read stream may stand on
+// it.
 bool is_read_at_position(int fd) {
     const int mode = fcntl(fd, F_GETFL);
     return mode != -1 && (mode & O_ACCMODE) != O_WRONLY && lseek(fd, 0, SEEK_CUR) != -1;
 }
 
-// When every number is taken, the first open fails. The close frees one number, and the second open gets it.
+// When every number is taken, the first open fails. The close frees one number, and the
+// second open gets it.
 void replace_by_null_device(int fd) {
     const int null_fd = open(kNullDevice, O_RDWR);
     if (null_fd == -1) {
@@ -53,8 +55,8 @@ void replace_listed(const char *list, size_t size, int list_fd) {
     }
 }
 
-// Goes through the list of the open descriptors, without storage from the heap. Returns whether the list was read to
-// its end.
+// Goes through the list of the open descriptors, without storage from the heap. Returns
+// whether the list was read to its end.
 bool replace_all_listed() {
     const int list_fd = open(kOpenDescriptors, O_RDONLY | O_DIRECTORY);
     if (list_fd == -1) {

@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// What happens around fork and between fork and exec.
+// The steps around fork and between fork and exec.
 #include <components/platform/base/child_start.h>
 
 #include <components/platform/base/descriptor.h>
@@ -21,8 +21,8 @@ bool is_open(int fd) {
     return fcntl(fd, F_GETFD) != -1;
 }
 
-// A standard descriptor that is to stand in another place too is copied away first: its own place may be taken before
-// it is used, and closing it would take it from the child.
+// Copies a standard descriptor away that is to stand in another place. Its own place may
+// be taken before it is used.
 Standards lift_moved_standards(const Standards &standards) {
     Standards sources = standards;
     for (int place = 0; place < kStandardCount; ++place) {
@@ -54,7 +54,8 @@ bool put_in_place(const Standards &sources, size_t place) {
     return true;
 }
 
-// A stream may itself stand on a standard descriptor when the parent had none; there it stays.
+// A stream stays open when it stands on a standard descriptor, because the parent had
+// none.
 void close_unless_standard(FILE *stream) {
     if (stream != nullptr && fileno(stream) >= kStandardCount) {
         fclose(stream);
@@ -78,8 +79,8 @@ void take_pending(const sigset_t &signals) {
     }
 }
 
-// SIGPIPE is for a program that writes; here the library does. The child gets the mask and the disposition that the
-// program has: an ignored signal would stay ignored in the companion.
+// The flush raises no SIGPIPE in the program, which did not write. The mask and the
+// disposition are as before: an ignored signal would stay ignored in the companion.
 void flush_output() {
     const ErrnoKept kept;
     sigset_t sigpipe;

@@ -17,14 +17,14 @@ namespace {
 
 constexpr int kStandardCount = 3;
 
-// A file that an open descriptor leads to; none when both are 0.
+// A file, known by its device and number. No file when both are 0.
 struct File {
     dev_t device;
     ino_t inode;
     bool operator==(const File &) const = default;
 };
 
-// The files on standard descriptors that set_close_on_exec has marked.
+// The files that set_close_on_exec has marked on standard descriptors.
 struct State {
     std::array<File, kStandardCount> marked;
 };
@@ -55,8 +55,8 @@ Readiness wait_with_select(int fd, long seconds, long microseconds) {
     return readiness_of(select(fd + 1, &readable, nullptr, nullptr, &timeout));
 }
 
-// A descriptor set ends at FD_SETSIZE, and these calls have none. poll's time-out is an int of milliseconds; ppoll
-// takes select's whole range.
+// For a descriptor at or above FD_SETSIZE, which no descriptor set holds. ppoll, because
+// its time-out has the range of select's; that of poll is an int of milliseconds.
 Readiness wait_with_poll(int fd, long seconds, long microseconds) {
     struct pollfd entry = {.fd = fd, .events = POLLIN, .revents = 0};
     const struct timespec timeout = {.tv_sec = seconds, .tv_nsec = microseconds * 1000};

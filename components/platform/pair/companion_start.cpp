@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// The companion's side of start-up: its end is found again from the environment.
+// The companion's side of start-up: it finds its end in the environment.
 #include <components/platform/zel_pair_connection.h>
 
 #include <components/platform/environment.h>
@@ -22,14 +22,14 @@ struct Tag {
     int32_t kind;
 };
 
-// The longer tags first: the short one is a prefix of both.
+// The longer tags come first: the short one is a prefix of both.
 constexpr std::array<Tag, 3> kTags = {{
     {"pid-rtx_fd_l", PLATFORM_PAIR_KIND_LOCAL},
     {"pid-rtx_fd_w", PLATFORM_PAIR_KIND_HYBRID},
     {"pid-rtx_fd", PLATFORM_PAIR_KIND_PLAIN},
 }};
 
-// What a companion may be told to ignore, in this order.
+// The signals that a companion may ask to ignore, in this order.
 constexpr std::array<int, 7> kIgnoredSignals = {SIGHUP, SIGINT, SIGQUIT, SIGABRT, SIGPIPE, SIGTERM, SIGURG};
 
 // The two numbers at the start of the environment string.
@@ -50,7 +50,8 @@ int32_t kind_of(const char *value) {
     return PLATFORM_PAIR_KIND_NONE;
 }
 
-// Reads a decimal number; the position moves behind it. A number beyond 32 bits does not count as one.
+// Reads a decimal number and moves the position after it. A number beyond 32 bits is a
+// failure.
 bool parse_number(const char **position, int32_t *number) {
     char *end = nullptr;
     errno = 0;
@@ -68,14 +69,14 @@ bool parse_address(const char *value, Address *address) {
     return parse_number(&value, &address->pid) && parse_number(&value, &address->number);
 }
 
-// DELIBERATE: the name of the variable is not freed; like a variable's own storage it lasts as long as the process.
-// Held by the test PairChildOpen.TheNameOfTheHybridVariableStaysAllocated.
-//
-// DELIBERATE: any value but an empty one that does not begin with 'f', 'F' or '0' means hybrid, "no" included. Held by
-// the test PairHybrid.OnlyAnEmptyValueOrOneThatBeginsWithFOrZeroMeansNotHybrid.
+// DELIBERATE: the name of the hybrid variable is not freed. Test:
+// PairChildOpen.TheNameOfTheHybridVariableStaysAllocated.
+// DELIBERATE: "no" means hybrid. So does any value that is not empty and begins with none
+// of 'f', 'F' and '0'. Test:
+// PairHybrid.OnlyAnEmptyValueOrOneThatBeginsWithFOrZeroMeansNotHybrid.
 bool is_hybrid(const char *env_name) {
     const char *name = zel_strdup2(env_name, "_HYBRID", "platform_pair_child_open", "hybrid variable name");
-    const char *value = name == nullptr ? nullptr : platform_getenv(name); // null as a failure handler decided
+    const char *value = name == nullptr ? nullptr : platform_getenv(name); // null when a failure handler returned null
     return value != nullptr && strchr("fF0", *value) == nullptr;
 }
 
@@ -120,8 +121,8 @@ PairHandle *platform_pair_child_open(const char *env_name, int ignore_signals, i
     const int32_t kind = kind_of(value);
     PairHandle *ph = zel::pair::create_handle(false, kind, blocking, "platform_pair_child_open");
     if (kind == PLATFORM_PAIR_KIND_NONE) {
-        // DELIBERATE: errno stays 0, so such a handle counts as healthy: no system call failed. The text and the
-        // descriptors show that it is not open. Held by the test
+        // DELIBERATE: error_number stays 0, so platform_pair_ok is 1. error_text and the
+        // descriptors show that the handle is not open. Test:
         // PairChildOpen.AnUnsetVariableIsAHealthyHandleOfTheWrongType.
         ph->error_text = "Failing to start due to wrong type on linux";
         return ph;

@@ -37,7 +37,7 @@ void describe_intact(Description text, const PairHandle *ph) {
 
 } // namespace
 
-// DELIBERATE: an error text replaces the whole description. Held by the test
+// DELIBERATE: an error text replaces the whole description. Test:
 // PairDescribe.AnErrorTextReplacesEverythingElse.
 char *platform_pair_describe(const PairHandle *ph, char *buffer) {
     const Description text(buffer == nullptr ? description.data() : buffer, kDescriptionSize);

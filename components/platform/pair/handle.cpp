@@ -55,7 +55,7 @@ namespace {
 
 using zel::pair::kUnit;
 
-// A caller loops on EAGAIN by itself; it is never kept.
+// Stores the error of a transfer. EAGAIN is never stored.
 void keep_error(PairHandle *ph) {
     if (errno != EAGAIN) {
         ph->error_number = errno;
@@ -100,7 +100,8 @@ int kill_companion(const PairHandle *ph) {
     return result;
 }
 
-// A compiler leaves out a plain store to a record that is released next.
+// Clears self through a volatile access: a compiler drops a plain store to a record that
+// is released next.
 void invalidate(PairHandle *ph) {
     PairHandle *volatile *const self = &ph->self;
     *self = nullptr;
@@ -112,10 +113,10 @@ int platform_pair_valid(const PairHandle *ph) {
     return ph != nullptr && ph->self == ph ? 1 : 0;
 }
 
-// DELIBERATE: no MSG_NOSIGNAL. A program that did not ask to ignore SIGPIPE ends with its peer. Held by the test
-// PairSend.AClosedPeerIsASignalUnlessTheParentIgnoresIt.
-// DELIBERATE: nothing sent is a failure, while nothing received is a result, the end of the stream. Held by the test
-// PairSend.ZeroBytesCountAsAFailure.
+// DELIBERATE: the send has no MSG_NOSIGNAL. A program that does not ignore SIGPIPE ends
+// with its peer. Test: PairSend.AClosedPeerIsASignalUnlessTheParentIgnoresIt.
+// DELIBERATE: 0 bytes sent are a failure; 0 bytes received are the end of the stream.
+// Test: PairSend.ZeroBytesCountAsAFailure.
 int32_t platform_pair_send(PairHandle *ph, const void *buffer, int32_t length) {
     ZEL_ASSERT(platform_pair_valid(ph));
     if (length < 0) {
@@ -144,7 +145,8 @@ int32_t platform_pair_recv(PairHandle *ph, void *buffer, int32_t length) {
     return static_cast<int32_t>(count);
 }
 
-// A hybrid companion's parent may be out of reach of a local test, so it always counts as alive.
+// DELIBERATE: for a hybrid companion its parent always counts as alive. Test:
+// PairCompanionAlive.AHybridCompanionAlwaysFindsItsParentAlive.
 int platform_pair_companion_alive(PairHandle *ph) {
     ZEL_ASSERT(platform_pair_valid(ph));
     if (ph->parent != 0) {
@@ -158,8 +160,8 @@ int platform_pair_kill_child(PairHandle *ph) {
     return ph->parent != 0 ? kill_companion(ph) : 0;
 }
 
-// DELIBERATE: both descriptor fields are closed, though they hold the same number and the second close fails unseen; a
-// process has one thread, so nobody can have taken the number in between. Held by the test
+// DELIBERATE: both descriptor fields are closed, though they hold one number. The second
+// close fails, and errno is kept. Test:
 // PairClose.BothFieldsAreClosedThoughTheyHoldOneNumber.
 int platform_pair_close(PairHandle *ph) {
     ZEL_ASSERT(platform_pair_valid(ph));
@@ -180,7 +182,7 @@ int32_t platform_pair_errno(const PairHandle *ph) {
     return ph->error_number;
 }
 
-// DELIBERATE: asks platform_pair_errno, whose name an assertion failure here therefore shows. Held by the test
+// DELIBERATE: the assertion of a damaged handle names platform_pair_errno. Test:
 // PairFields.AnOkQuestionOnADamagedHandleNamesErrno.
 int32_t platform_pair_ok(const PairHandle *ph) {
     return platform_pair_errno(ph) == 0 ? 1 : 0;

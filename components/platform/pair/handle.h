@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// What the files of the pair unit share.
+// The declarations that the files of the pair unit share.
 #ifndef ZEL_COMPONENTS_PLATFORM_PAIR_HANDLE_H
 #define ZEL_COMPONENTS_PLATFORM_PAIR_HANDLE_H
 
@@ -12,26 +12,29 @@ inline constexpr const char *kUnit = "components/platform/zel_pair_connection";
 
 inline constexpr int kNoDescriptor = -1;
 
-// A new handle of that kind with nothing open yet, in storage from malloc. The function is named when there is none.
+// Creates a handle of that kind with nothing open, in storage from malloc. Without memory
+// the process ends with an error that names the function.
 PairHandle *create_handle(bool parent, int32_t kind, int blocking, const char *function);
 
-// The one descriptor of a pair serves both directions.
+// Sets the one descriptor, which serves both directions.
 void set_descriptor(PairHandle *ph, int fd);
 
 // From now on the process ignores the signal.
 void ignore_signal(int signal);
 
-// Whether the companion of a parent's handle is known to have ended: its number may be somebody else's by now.
+// Whether the companion of a parent's handle is known to have ended. Its number may
+// belong to another process then.
 bool has_known_end(const PairHandle *ph);
 
-// From now on has_known_end is true for this companion of the handle, whose fields stay as they are. Needs no memory.
+// Notes that the companion of the handle has ended. The fields of the handle stay as they
+// are. No memory is needed.
 void remember_end(const PairHandle *ph);
 
 // Forgets what was remembered for the handle.
 void forget_ends(const PairHandle *ph);
 
-// platform_kill_and_reap, which also tells whether the process has ended. It may live on when somebody else is
-// its parent.
+// platform_kill_and_reap that also tells whether the process has ended. A process that is
+// not a child of the caller may live on.
 int kill_and_reap(int32_t pid, bool *ended);
 
 } // namespace zel::pair

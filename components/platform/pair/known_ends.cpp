@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// Which companions have ended, beyond what the fields of their handles say.
+// Remembers which companions have ended, for handles whose fields do not say so.
 #include <components/platform/pair/handle.h>
 
 #include <msg/base/limits.h>
@@ -10,7 +10,7 @@ namespace zel::pair {
 
 namespace {
 
-// The companion of a handle. The number tells it from a later one on the same record.
+// The companion of a handle. A later companion on the same record has another number.
 struct Companion {
     const PairHandle *handle;
     int32_t pid;
@@ -19,8 +19,8 @@ struct Companion {
 
 // A fixed table: it works when memory has run out.
 struct State {
-    std::array<Companion, kKnownEnds> ended; // a null handle: a free entry
-    size_t oldest;                           // the entry that gives way when there is no free one
+    std::array<Companion, kKnownEnds> ended; // a null handle is a free entry
+    size_t oldest;                           // the entry that is replaced when none is free
 };
 
 constinit State state = {};

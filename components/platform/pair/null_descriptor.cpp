@@ -10,18 +10,18 @@
 
 namespace {
 
-// The shared null descriptor: open while there are references.
+// The shared descriptor, open while there are references.
 struct State {
     int references;
     int fd;
-    FILE *stream; // what it was opened through
+    FILE *stream; // the stream that owns fd
 };
 
 constinit State shared_null = {.references = 0, .fd = -1, .stream = nullptr};
 
 constexpr const char *kNullMode = "r+";
 
-// The same file as a stream above the standard descriptors. The given one is closed.
+// Puts the open file on a stream above the standard descriptors. Closes the given stream.
 FILE *move_above_standard(FILE *stream) {
     const int fd = zel::dup_above_standard(fileno(stream));
     FILE *moved = fd == -1 ? nullptr : fdopen(fd, kNullMode);
@@ -33,7 +33,8 @@ FILE *move_above_standard(FILE *stream) {
     return moved;
 }
 
-// On a standard descriptor, closed in this process, it would be taken for the program's own.
+// Opens /dev/null above the standard descriptors. A number that the process had closed
+// would be taken for its own input or output.
 FILE *open_null_device() {
     FILE *stream = fopen("/dev/null", kNullMode);
     return stream == nullptr || fileno(stream) > STDERR_FILENO ? stream : move_above_standard(stream);

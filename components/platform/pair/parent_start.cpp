@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// The parent's side of start-up: the pair is created, the companion forked and executed.
+// The parent's side of start-up: it creates the pair, forks and executes the companion.
 #include <components/platform/zel_pair_connection.h>
 
 #include <components/platform/base/child_start.h>
@@ -30,7 +30,7 @@ struct SocketPair {
     int child_end;
 };
 
-// What a companion is started with.
+// The arguments of a start.
 struct Start {
     const char *env_name;
     bool blocking;
@@ -45,8 +45,8 @@ void close_both(const SocketPair &ends) {
     zel::close_keeping_errno(ends.child_end);
 }
 
-// A parent whose standard descriptors are closed gets its sockets there, where the redirection of the child would
-// replace them.
+// A parent whose standard descriptors are closed gets its sockets in their places. There
+// the redirection in the child would replace them.
 bool move_above_standard(SocketPair &ends) {
     const int parent_end = zel::above_standard(ends.parent_end);
     if (parent_end == -1) {
@@ -63,7 +63,8 @@ bool move_above_standard(SocketPair &ends) {
     return true;
 }
 
-// The parent's end is close-on-exec: a companion started later must not hold this pair open.
+// The parent's end is close-on-exec: a companion started later does not hold this pair
+// open.
 bool create_sockets(SocketPair &ends) {
     int fds[2];
     if (socketpair(AF_UNIX, SOCK_STREAM, 0, fds) == -1) {
@@ -77,7 +78,8 @@ bool create_sockets(SocketPair &ends) {
     return true;
 }
 
-// EAGAIN is a process table that is full for the moment: tried again at once, without a pause.
+// EAGAIN means that the process table is full. The fork is tried again at once, without a
+// pause.
 int32_t fork_with_retries() {
     int32_t pid = zel::fork_flushed();
     for (int retry = 0; retry < kForkRetries && pid == -1 && errno == EAGAIN; ++retry) {
@@ -93,8 +95,8 @@ void keep_failure(PairHandle *ph, const char *step) {
 
 // ---- Between fork and exec ------------------------------------------------------------------------------------------
 
-// Without memory the variable is not set. What it held before may name the end of another pair, which the companion
-// would take for its own.
+// Without memory the variable is not set. An older value may name the end of another
+// pair, so the variable is removed then.
 void put_end_into_environment(const Start &start, int child_end) {
     std::array<char, 64> value;
     zel::format_text(value, "%d %d pid-rtx_fd_l", start.parent_pid, child_end);
@@ -109,10 +111,11 @@ bool redirect(const Start &start) {
     return start.standards != nullptr ? zel::redirect_standard(*start.standards) : zel::redirect_standard_to_null();
 }
 
-// DELIBERATE: a companion that cannot be executed leaves by exit(1): that status is all its parent learns of it. Held
-// by the test PairParentOpen.AProgramThatCannotBeExecutedIsAChildThatExitsWithOne.
+// DELIBERATE: a companion that cannot be executed leaves by exit(1), and its parent
+// learns that status alone. Test:
+// PairParentOpen.AProgramThatCannotBeExecutedIsAChildThatExitsWithOne.
 //
-// One whose standard descriptors do not stand in their places leaves in the same way: it would have its parent's.
+// A companion whose standard descriptors cannot be put in place leaves in the same way.
 [[noreturn]] void become_companion(PairHandle *ph, const Start &start, const SocketPair &ends) {
     const bool redirected = redirect(start);
     close(ends.parent_end);
@@ -150,7 +153,8 @@ PairHandle *keep_companion(PairHandle *ph, int32_t pid, const SocketPair &ends, 
 PairHandle *platform_pair_parent_open_vp(const char *env_name, int ignore_sigpipe, int blocking, const char *file,
                                          const int *stdio_fds, char *const argv[]) {
     PairHandle *ph = zel::pair::create_handle(true, PLATFORM_PAIR_KIND_LOCAL, blocking, "platform_pair_parent_open_vp");
-    // Asked now: the sockets may take the number of a descriptor that is not open.
+    // Chosen before the sockets are created: they may take the number of an entry that is
+    // not open.
     const zel::Standards standards = stdio_fds != nullptr ? zel::choose_standards(stdio_fds) : zel::Standards{};
     const Start start = {.env_name = env_name,
                          .blocking = blocking != 0,
@@ -165,7 +169,7 @@ PairHandle *platform_pair_parent_open_vp(const char *env_name, int ignore_sigpip
     }
     const int32_t pid = fork_with_retries();
     if (pid == -1) {
-        // DELIBERATE: the two socket ends stay open in the parent. Held by the test
+        // DELIBERATE: the two socket ends stay open in the parent. Test:
         // PairStartFailure.AFailedForkLeavesBothSocketEndsOpen.
         keep_failure(ph, "fork failed");
         return ph;
@@ -183,7 +187,7 @@ PairHandle *platform_pair_parent_open_lp(const char *env_name, int ignore_sigpip
     va_list args;
     va_start(args, arg0);
     for (const char *arg = arg0; arg != nullptr; arg = va_arg(args, const char *)) {
-        ZEL_ASSERT(idx < 256);
+        ZEL_ASSERT(idx < 256); // a promised text
         argv[idx++] = const_cast<char *>(arg);
     }
     va_end(args);

@@ -14,7 +14,8 @@
 
 namespace {
 
-// A parent that ignores SIGCHLD has no child left when its child has ended.
+// Waits for the end of the process. A parent that ignores SIGCHLD gets ECHILD when its
+// child has ended.
 bool wait_to_the_end(int32_t pid) {
     if (platform_wait_child(pid, nullptr) == pid) {
         return true;
@@ -61,11 +62,12 @@ int32_t platform_wait_child(int32_t pid, int32_t *status) {
     }
 }
 
-// DELIBERATE: no pause and no escalation. SIGKILL is for a SIGTERM that could not be sent; a companion that handles
-// SIGTERM is given the time it takes. Held by the test KillAndReap.ACompanionThatDelaysItsEndIsWaitedForAndNotKilled.
+// DELIBERATE: there is no pause and no escalation. SIGKILL is sent only when SIGTERM
+// cannot be sent; a companion that handles SIGTERM takes the time that it needs. Test:
+// KillAndReap.ACompanionThatDelaysItsEndIsWaitedForAndNotKilled.
 int zel::pair::kill_and_reap(int32_t pid, bool *ended) {
     *ended = false;
-    // 0 and negative numbers are process groups, our own among them.
+    // 0 and negative numbers name process groups, the caller's own among them.
     if (pid < 1) {
         return 0;
     }

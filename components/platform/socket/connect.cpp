@@ -19,7 +19,7 @@ constexpr int kLargestPort = 65535;
 
 struct addrinfo *look_up(const char *host, int port) {
     if (port < 0 || port > kLargestPort) {
-        errno = EINVAL; // the lookup would take the low bits for another port
+        errno = EINVAL; // getaddrinfo takes the low 16 bits as the port
         return nullptr;
     }
     std::array<char, 16> service;
@@ -42,7 +42,7 @@ struct addrinfo *look_up(const char *host, int port) {
 } // namespace zel::socket
 
 int platform_connect_host(const char *host, int port) {
-    // DELIBERATE: the result of the lookup is not freed; the text of an address may be asked for until the process
-    // ends. Held by the test ConnectHost.TheResultOfTheLookupIsNotFreed.
+    // DELIBERATE: the result of the lookup is not freed. Test:
+    // ConnectHost.TheResultOfTheLookupIsNotFreed.
     return platform_socket_open(zel::socket::look_up(host, port), 0, 0);
 }

@@ -7,10 +7,11 @@
 
 namespace zel::socket {
 
-// Looks up the IPv4 TCP addresses of a host. Null, with errno set, when there are none.
+// Looks up the IPv4 TCP addresses of a host. Returns null with errno when there are none.
 struct addrinfo *look_up(const char *host, int port);
 
-// A message of several sends never waits for a delayed acknowledgement. On other than TCP sockets nothing happens.
+// Sets TCP_NODELAY: a message of several sends does not wait for a delayed
+// acknowledgement. A socket that is not TCP stays as it is. errno is kept.
 void send_without_delay(int fd);
 
 } // namespace zel::socket

@@ -22,7 +22,7 @@ bool is_multicast(const struct addrinfo &entry) {
     return IN_MULTICAST(ntohl(address.sin_addr.s_addr));
 }
 
-// One peer at a time: a stream of a group address leads nowhere.
+// Multicast addresses cannot be listened on by a stream socket.
 bool can_listen_on(const struct addrinfo &entry) {
     if (entry.ai_family != AF_INET && entry.ai_family != AF_INET6) {
         return false;
@@ -35,7 +35,8 @@ void refuse_addresses(struct addrinfo *list) {
     errno = EADDRNOTAVAIL;
 }
 
-// The first port of the range that opens. A lookup that fails or is refused ends the search.
+// Opens the first free port of the range. A failed lookup ends the search, and so does an
+// address that cannot be listened on.
 int search_port(int first_port, int end_port, int *chosen_port) {
     if (first_port >= end_port) {
         errno = EINVAL;
@@ -51,8 +52,8 @@ int search_port(int first_port, int end_port, int *chosen_port) {
         }
         const int fd = platform_socket_open(list, 1, 1);
         if (fd != -1) {
-            // DELIBERATE: the addresses of the port that opened are not freed; they last as long as the server, which
-            // is opened once. Held by the test ServerSocket.OnlyTheAddressesOfPortsThatFailedAreFreed.
+            // DELIBERATE: the addresses of the port that opened are not freed. Test:
+            // ServerSocket.OnlyTheAddressesOfPortsThatFailedAreFreed.
             if (chosen_port != nullptr) {
                 *chosen_port = port;
             }

@@ -25,20 +25,21 @@ constexpr int32_t kDrainSize = 2048;
 
 using ReceiveArea = std::array<char, zel::kReceiveSize>;
 
-// How often a buffer was emptied, moved or replaced. The pointers of the buffer do not tell: other data of the same
-// length may stand there.
+// Counts how often a buffer was emptied, moved or replaced. The pointers of the buffer do
+// not show that: other data of the same length may stand in it.
 constinit uint32_t buffer_changes = 0;
 
 int32_t unparsed_length() {
     return static_cast<int32_t>(gMsgBuf->p2 - gMsgBuf->p1);
 }
 
-// The condition is tested in lengths: a sum of pointers beyond the storage would not be defined. Nothing is added: in
-// the largest buffer the sum would not fit into 32 bits.
+// Tests the asserted condition in lengths: a pointer beyond the storage would be
+// undefined. It only subtracts: in the largest buffer a sum would not fit into 32 bits.
 bool has_room(int32_t len) {
     return gMsgBuf != nullptr && len < gMsgBuf->len - (gMsgBuf->p2 - gMsgBuf->pBuf);
 }
 
+// The condition is a promised text.
 void assert_room_for(int32_t len, const char *function) {
     if (!has_room(len)) {
         zel::assertion_failed("gMsgBuf->p2 + len - gMsgBuf->pBuf < gMsgBuf->len", kUnit, function);
@@ -58,9 +59,9 @@ void move_rest_to_start() {
     ++buffer_changes;
 }
 
-// The starts of the lines of one message: few stand in place, more on the heap, as long as the record lives. A peer
-// chooses how deep handlers that receive stand above each other: the stack that each takes must not be what the longest
-// message needs. A handler that never returns, because it jumps, leaves the block behind and nothing else.
+// The starts of the lines of one message. A small table stands in place, a larger one on
+// the heap. A peer decides how deep handlers that receive are nested, so each level takes
+// little stack. A handler that leaves by longjmp leaks the table on the heap.
 struct LineTable {
     explicit LineTable(const char *user) : function(user) {}
     ~LineTable() {
@@ -70,10 +71,10 @@ struct LineTable {
     LineTable(const LineTable &) = delete;
     LineTable &operator=(const LineTable &) = delete;
     char **entries() { return on_heap != nullptr ? on_heap : in_place.data(); }
-    const char *function; // the one that the error about missing memory names
+    const char *function; // named by the error about missing memory
     int32_t capacity = zel::kLineTableSize;
     char **on_heap = nullptr;
-    std::array<char *, zel::kLineTableSize> in_place; // left as it is: every message would pay for clearing it
+    std::array<char *, zel::kLineTableSize> in_place; // not cleared: every message would pay for that
 };
 
 void grow(LineTable &table) {
@@ -96,7 +97,8 @@ MessageScan start_scan(LineTable &table) {
             .searched = 0};
 }
 
-// Goes on with the search for the message at the start of the unparsed data. Returns its length, or 0.
+// Continues the search for the first message. Returns its length, or 0 while it is not
+// complete.
 int32_t find_message(MessageScan &scan, LineTable &table) {
     for (;;) {
         const int32_t length = zel::socket::scan_message(scan, unparsed_length());
@@ -109,8 +111,8 @@ int32_t find_message(MessageScan &scan, LineTable &table) {
     }
 }
 
-// What was searched holds as long as nobody else touches the buffer. An idle function may reset, replace, fill or empty
-// it while we wait; then the search begins anew.
+// The state of the buffer before a wait. An idle function may reset, replace, fill or
+// empty the buffer during the wait. Then the search starts again.
 struct BufferMark {
     uint32_t changes;
     const char *p1;
@@ -126,7 +128,8 @@ bool is_untouched(const BufferMark &mark) {
     return gMsgBuf != nullptr && mark_buffer() == mark;
 }
 
-// Kept out of line: the receive area must not be on the stack while a handler or an idle function runs.
+// Kept out of line: the receive area must not be on the stack while a handler or an idle
+// function runs.
 [[gnu::noinline]] bool receive_more(int socket, const char *function) {
     ReceiveArea received;
     const int count = zel::socket::receive_waiting(socket, received.data(), received.size());
@@ -138,8 +141,8 @@ bool is_untouched(const BufferMark &mark) {
     return true;
 }
 
-// Hands over the message of that length, which stands at the start of the unparsed data. A handler that makes another
-// buffer current leaves this one to its owner.
+// Hands over the message of that length at the start of the unparsed data. When the
+// handler has made another buffer current, this one is left to its owner.
 int dispatch(int socket, PlatformMessageHandler handler, LineTable &table, int32_t length) {
     const MsgBuf *buffer = gMsgBuf;
     char **lines = table.entries();
@@ -151,7 +154,7 @@ int dispatch(int socket, PlatformMessageHandler handler, LineTable &table, int32
     return result;
 }
 
-// Hands over the first message in the buffer. False when none is complete.
+// Hands over the first message in the buffer. Returns false when none is complete.
 bool process_one(int socket, PlatformMessageHandler handler, const char *function) {
     LineTable table(function);
     MessageScan scan = start_scan(table);

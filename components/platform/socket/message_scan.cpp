@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// Finding a message: lines ended by CR LF, and an empty line behind them.
+// Finds a message: lines that each end in CR LF, and an empty line after them.
 #include <components/platform/socket.h>
 
 #include <components/platform/socket/message_scan.h>
@@ -15,8 +15,8 @@ bool is_line_end(const char *text) {
     return text[0] == '\r' && text[1] == '\n';
 }
 
-// The position behind the next CR LF of the current line, or 0. LF is what the C library searches for; the CR must
-// stand before it in the same line.
+// Returns the position after the next CR LF of the current line, or 0. memchr finds the
+// LF; the CR must stand before it in the same line.
 int32_t find_line_end(MessageScan &scan, int32_t length) {
     while (scan.searched < length) {
         const char *from = scan.data + scan.searched;
@@ -34,11 +34,13 @@ int32_t find_line_end(MessageScan &scan, int32_t length) {
     return 0;
 }
 
-// A table for the longest message is never full: the line that it does not hold is beyond the limit.
+// A table for PLATFORM_MAX_MESSAGE_LINES lines never counts as full: at that limit
+// record_line asserts.
 bool is_full(const MessageScan &scan) {
     return scan.lines + 1 >= scan.capacity && scan.lines < PLATFORM_MAX_MESSAGE_LINES;
 }
 
+// The condition and the function of the assertion are promised texts.
 void record_line(MessageScan &scan, int32_t next_line) {
     if (scan.lines >= PLATFORM_MAX_MESSAGE_LINES) {
         assertion_failed("lines < PLATFORM_MAX_MESSAGE_LINES", kUnit, "platform_parse_message");
@@ -47,7 +49,8 @@ void record_line(MessageScan &scan, int32_t next_line) {
     scan.line_start = next_line;
 }
 
-// Every line ends two bytes before the next begins, and the last two bytes before the end of the message.
+// A line ends kLineEndSize bytes before the next line starts, and the last line as far
+// before the empty line.
 int32_t close_message(MessageScan &scan) {
     char *const end = scan.data + scan.line_start;
     for (int32_t line = 1; line < scan.lines; ++line) {
@@ -63,7 +66,8 @@ int32_t close_message(MessageScan &scan) {
 
 int32_t scan_message(MessageScan &scan, int32_t length) {
     for (;;) {
-        // An empty line ends the message, but for the first: a message has at least one line.
+        // An empty line ends the message. An empty first line does not: a message has at
+        // least one line.
         if (scan.lines > 0 && scan.searched == scan.line_start) {
             if (length - scan.line_start < kLineEndSize) {
                 return 0;
@@ -77,7 +81,7 @@ int32_t scan_message(MessageScan &scan, int32_t length) {
             return 0;
         }
         if (is_full(scan)) {
-            scan.searched = next_line - 1; // its LF is the first thing to be found when the search goes on
+            scan.searched = next_line - 1; // the search finds this LF again when it goes on
             return kLineTableFull;
         }
         record_line(scan, next_line);

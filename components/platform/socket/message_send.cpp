@@ -12,12 +12,12 @@
 
 namespace {
 
-// The lines of one message on their way out, gathered so that they leave in as few sends as fit.
+// Gathers the framed lines of one message, so that they leave in few sends.
 struct Framing {
     explicit Framing(int fd) : socket(fd) {}
     int socket;
     size_t used = 0;
-    std::array<char, zel::kFramingSize> area; // left as it is: every message would pay for clearing it
+    std::array<char, zel::kFramingSize> area; // not cleared: every message would pay for that
 };
 
 constexpr std::string_view kLineEnd = "\r\n";
@@ -26,7 +26,9 @@ constexpr size_t framed_size(std::string_view line) {
     return line.size() + kLineEnd.size();
 }
 
-// The limit counts a NUL behind the line, as for one kept as a text: 8189 characters are the longest that fit.
+// DELIBERATE: a line of 8189 characters is the longest that fits the area. The limit
+// counts one byte more than the line and its CR LF. Test:
+// SendMessageSize.ALineOf8189CharactersIsFramedWithoutAllocation.
 constexpr bool fits_area(std::string_view line) {
     return framed_size(line) + 1 <= zel::kFramingSize;
 }
@@ -47,7 +49,7 @@ bool send_gathered(Framing &framing) {
     return length == 0 || send_whole(framing.socket, framing.area.data(), length);
 }
 
-// A line too long for the area goes out by itself, behind what was gathered.
+// Sends a line that is too long for the area by itself, after the gathered lines.
 bool send_long_line(Framing &framing, std::string_view line) {
     if (framed_size(line) > INT32_MAX) {
         errno = EMSGSIZE;

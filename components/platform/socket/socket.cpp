@@ -31,7 +31,8 @@ bool bind_and_listen(int fd, const struct addrinfo &entry, int backlog) {
     return entry.ai_socktype != SOCK_STREAM || listen(fd, backlog) == 0;
 }
 
-// Whoever limits a connection by a signal must learn that the signal came, also when another address failed after it.
+// Connects to the first address that answers. A caller that limits the call by a signal
+// learns of the signal by EINTR, also when another address failed after it.
 bool connect_first(int fd, const struct addrinfo *list) {
     bool interrupted = false;
     for (const struct addrinfo *entry = list; entry != nullptr; entry = entry->ai_next) {
@@ -62,14 +63,14 @@ int platform_socket_open(const struct addrinfo *list, int server, int backlog) {
     if (opened) {
         return fd;
     }
-    const zel::ErrnoKept kept; // why it failed, and not that the socket was not connected
+    const zel::ErrnoKept kept; // the error of the failed call, not that of the shutdown
     platform_socket_close(fd);
     return -1;
 }
 
 int platform_socket_close(int fd) {
     {
-        const zel::ErrnoKept kept; // a socket that is not connected is closed like any other
+        const zel::ErrnoKept kept; // shutdown fails on a socket that is not connected
         shutdown(fd, SHUT_RDWR);
     }
     return close(fd);

@@ -19,7 +19,7 @@ constexpr long kPollMicroseconds = 100000;
 int wait_for_input(int socket, bool wait, PlatformIdle idle) {
     for (;;) {
         const Readiness readiness = wait_readable(socket, 0, wait ? kPollMicroseconds : 0);
-        const int error = errno; // before idle has its turn
+        const int error = errno; // idle may change errno
         if (idle != nullptr) {
             idle();
         }
