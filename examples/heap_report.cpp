@@ -1,21 +1,24 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// Makes one of the classic mistakes with allocated storage, and shows what the debug heap says of it.
+// Makes one of the classic mistakes with allocated storage, and shows what the debug heap
+// says of it.
 //
 //   heap_report [--verify] MISTAKE
 //
 //   --verify   the whole heap is verified at every call, not only the pointer at hand
 //
-//   overrun    writes behind the end of a block, and goes on to allocate and release
+//   overrun    writes past the end of a block, and goes on to allocate and release
 //   double     releases a block twice
 //   stray      releases a pointer into the middle of a block
 //   leak       forgets what it has allocated, and asks for the report
 //
-// What the program does stands on standard output, and so do descriptions and the report; warnings and errors go to
-// standard error. Exit status: 0 when the mistake went unnoticed until the end (leak), 1 when the heap ended the
-// process, 2 when the arguments are wrong.
+// Standard output gets the steps of the program, the descriptions and the report.
+// Standard error gets warnings and errors. Exit status: 0 when the mistake went unnoticed
+// until the end (leak), 1 when the heap ended the process, 2 when the arguments are
+// wrong.
 //
-// The steps of a program that wants to be watched: switch the heap on before the first allocation (main), say at each
-// allocation who asks and for what (everywhere below), ask for the report at the end (leak).
+// The steps of a program that wants to be watched: switch the heap on before the first
+// allocation (main), say at each allocation who asks and for what (everywhere below), ask
+// for the report at the end (leak).
 #include <components/platform/debug_hooks.h>
 #include <malloc/debug_heap.h>
 #include <malloc/zel_malloc.h>
@@ -30,8 +33,8 @@ namespace {
 
 constexpr int kUsageStatus = 2;
 
-// Five characters fit into the block, and three bytes of padding behind it forgive the next ones: the ninth is written
-// over the word that guards the end.
+// Five characters fit into the block, and three bytes of padding follow. The ninth
+// character is written over the word that guards the end.
 void overrun() {
     char *name = zel_strdup("host", "overrun", "user name");
     zel_malloc_describe_ptr(name);
@@ -47,9 +50,9 @@ void overrun() {
     zel_free(name);
 }
 
-// Two neighbours are released, and the second of them again. Whether the heap can still name its owner depends on what
-// the system's allocator does with a block: that of glibc adds the second to the first here and leaves its header
-// alone.
+// Two neighbours are released, and the second of them again. Whether the heap can still
+// name its owner depends on what the system's allocator does with a block: that of glibc
+// adds the second to the first here and leaves its header alone.
 void release_twice() {
     constexpr size_t kPageSize = 4000;
     void *title = zel_malloc(kPageSize, "release_twice", "title page");

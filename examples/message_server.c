@@ -1,20 +1,22 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// A small server of framed messages over TCP on localhost: one client at a time, until one of them says "stop".
+// A small server of framed messages over TCP on localhost: one client at a time, until
+// one of them says "stop".
 //
 //   message_server [MILLISECONDS]      drops a client that sends no message, or does not read, for so long (30000)
 //
 //   request          answer                what it does
-//   sum N...         sum, TOTAL            adds the numbers, one a line behind the first
+//   sum N...         sum, TOTAL            adds the numbers, one a line after the first
 //   served           served, COUNT         how many messages came before this one, from all clients
 //   bye              none                  ends the connection
 //   stop             none                  ends the connection and the server
 //   anything else    unknown, REQUEST      an empty request is answered by "unknown" alone
 //
-// Each word stands on a line of its own: "sum" CR LF "2" CR LF "3" CR LF CR LF is answered by
-// "sum" CR LF "5" CR LF CR LF. A request that fills the buffer of 65536 bytes ends the server by an assertion: its
-// clients are trusted that far.
+// Each word stands on a line of its own: "sum" CR LF "2" CR LF "3" CR LF CR LF is
+// answered by "sum" CR LF "5" CR LF CR LF. A client can end the server: a request that
+// fills the buffer of 65536 bytes is an assertion.
 //
-// Exit status: 0 after "stop", 1 when the server could not be opened or can accept nobody any more.
+// Exit status: 0 after "stop", 1 when the server could not be opened or can accept nobody
+// any more.
 #include <components/platform/debug_hooks.h>
 #include <components/platform/socket.h>
 #include <msg/msg.h>
@@ -26,7 +28,8 @@
 
 enum { FIRST_PORT = 20300, END_PORT = 21300, MESSAGE_ROOM = 65536, TEXT_ROOM = 32 };
 
-// Neither the handler nor the idle function has an argument of ours: what they share is process-wide.
+// The handler and the idle function get no argument of ours, so they share a process-wide
+// record.
 static struct {
     int client;             // the socket that is served
     long long quiet_limit;  // milliseconds without a message, or with an answer unread: then the client is dropped
@@ -35,14 +38,15 @@ static struct {
     int stop;               // a client has said "stop"
 } server;
 
-// Milliseconds since some moment of no importance.
+// Milliseconds of the monotonic clock.
 static long long now(void) {
     struct timespec time;
     clock_gettime(CLOCK_MONOTONIC, &time);
     return time.tv_sec * 1000LL + time.tv_nsec / 1000000;
 }
 
-// An empty value is left out: an empty line would end the message, and the end behind it would begin another.
+// An empty value is left out. An empty line would end the message, and the end of the
+// message would begin another.
 static int answer(int socket, const char *what, const char *value) {
     return platform_send_message(socket, what, *value == '\0' ? NULL : value, (char *) NULL);
 }
@@ -62,8 +66,8 @@ static int answer_sum(int socket, char **lines) {
     return answer_number(socket, "sum", (long long) total);
 }
 
-// Gets each message; the lines are valid during the call. 0 ends the loop, and so the connection: so does an answer
-// that cannot be sent.
+// Gets each message. The lines are valid during the call. The result 0 ends the loop and
+// the connection. An answer that cannot be sent is 0 too.
 static int on_message(int socket, char *first_line, char **lines) {
     server.last_message = now();
     int before = server.served++;
@@ -80,9 +84,9 @@ static int on_message(int socket, char *first_line, char **lines) {
     return answer(socket, "unknown", first_line); // holds no CR LF: it was a line of a message
 }
 
-// Called after every wait, about ten times a second while the client is quiet, and after each piece of a message: so it
-// looks at the time and does not count. Its result does not end the loop; a socket that is shut down does, as the end
-// of the stream.
+// Called about ten times a second while the client is quiet, and after each piece of a
+// message. So it looks at the time and does not count its calls. Its result does not end
+// the loop. A socket that is shut down is the end of the stream, and that ends the loop.
 static int on_idle(void) {
     if (now() - server.last_message > server.quiet_limit) {
         shutdown(server.client, SHUT_RDWR);
@@ -90,7 +94,8 @@ static int on_idle(void) {
     return 0;
 }
 
-// A client that asks and does not read would keep the server waiting in a send, where no idle function is called.
+// Limits the sends: the idle function is not called in a send that waits for a client
+// that does not read.
 static void limit_sends(int client) {
     struct timeval limit = {.tv_sec = server.quiet_limit / 1000, .tv_usec = server.quiet_limit % 1000 * 1000};
     setsockopt(client, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);

@@ -1,5 +1,6 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// Counts the lines, words and bytes of text files, and their most frequent words, in a companion process.
+// Counts the lines, words and bytes of text files, and their most frequent words, in a
+// companion process.
 //
 //   word_count [--hybrid] [--companion PROGRAM] [--debug REQUEST] [--] [FILE...]
 //
@@ -21,9 +22,10 @@
 //                1  on
 //   The companion ended with exit status 0.
 //
-// A line is what a newline ends; a word is a run of bytes, printable or not, without ASCII white space (wc leaves out a
-// word without a printable byte in some versions). At most ten words are shown, the most frequent first, equally
-// frequent ones in byte order; a byte that is not printable ASCII is shown as \xNN, a backslash as two, and a word of
+// A line is what a newline ends; a word is a run of bytes, printable or not, without
+// ASCII white space (wc leaves out a word without a printable byte in some versions). At
+// most ten words are shown, the most frequent first, equally frequent ones in byte order;
+// a byte that is not printable ASCII is shown as \xNN, a backslash as two, and a word of
 // more than 40 characters is cut and ends in "...".
 //
 // Errors go to standard error. Exit status, the highest that applies:
@@ -34,8 +36,8 @@
 //   3  the arguments are wrong
 //   4  standard output could not be written
 //
-// The steps of a parent: start the companion (start_companion), talk to it (count_text), end and reap it
-// (end_companion).
+// The steps of a parent: start the companion (start_companion), talk to it (count_text),
+// end and reap it (end_companion).
 #include "word_count_link.h"
 #include "word_count_protocol.h"
 
@@ -92,8 +94,8 @@ struct Answer {
     std::vector<WordRow> most_frequent;
 };
 
-// The message loop's handler has no argument of ours, and the texts it gets are gone when it returns: it keeps here
-// what it was told.
+// The message loop's handler has no argument of ours, and the texts it gets are gone when
+// it returns: it keeps here what it was told.
 Answer answer;
 
 // Takes the part before the next blank off the front of the text.
@@ -189,7 +191,8 @@ Result receive_answer(PairHandle *pair) {
     return answer.understood ? Result::counted : Result::not_understood;
 }
 
-// The first chunk is read before anything is asked: a folder can be opened, but not read, and is no text to ask about.
+// The first chunk is read before anything is asked: a folder can be opened, but not read,
+// and is no text to ask about.
 Result exchange(Companion &companion, const Text &text, int fd) {
     Chunk chunk;
     int32_t length = read_chunk(fd, chunk);

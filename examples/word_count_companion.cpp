@@ -1,13 +1,14 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// The companion of word_count: counts the lines, words and bytes of the texts that its parent sends, and their most
-// frequent words. word_count_protocol.h says how the two talk.
+// The companion of word_count: counts the lines, words and bytes of the texts that its
+// parent sends, and their most frequent words. word_count_protocol.h says how the two
+// talk.
 //
-// A line is what a newline ends. A word is a run of bytes without ASCII white space (blank, tab, newline, vertical tab,
-// form feed, carriage return). Words are compared byte for byte; of two equally frequent ones the lower in byte order
-// comes first.
+// A line is what a newline ends. A word is a run of bytes without ASCII white space
+// (blank, tab, newline, vertical tab, form feed, carriage return). Words are compared
+// byte for byte; of two equally frequent ones the lower in byte order comes first.
 //
-// Exit status: 0 after "quit"; 1 when the pair could not be opened, the parent went away, or a request was not
-// understood.
+// Exit status: 0 after "quit"; 1 when the pair could not be opened, the parent went away,
+// or a request was not understood.
 #include "word_count_protocol.h"
 
 #include <components/platform/debug_hooks.h>
@@ -31,7 +32,8 @@ using namespace word_count;
 constexpr std::string_view kWhiteSpace = " \t\n\v\f\r";
 constexpr size_t kMostFrequent = 10;
 
-// What the companion works with. The message loop's handler has no argument of ours, so this is process-wide.
+// The state of the companion. The handler of the message loop gets no argument of ours,
+// so it is process-wide.
 struct Service {
     PairHandle *pair; // our end
     bool quit;        // the parent said that it is done
@@ -139,8 +141,8 @@ bool count_text(PairHandle *pair) {
     return false;
 }
 
-// The handler of the message loop: 1 goes on, 0 ends the loop. Inside it the socket is ours; it may be read directly as
-// long as the parent sends nothing else, and that is what the protocol sees to.
+// The handler of the message loop: 1 goes on, 0 ends the loop. It may read values from
+// the socket: the parent sends no other data until it has the answer.
 int on_request(int /*socket*/, char *first_line, char **lines) {
     if (strcmp(first_line, kQuit) == 0) {
         service.quit = true;
@@ -152,8 +154,8 @@ int on_request(int /*socket*/, char *first_line, char **lines) {
     msg_fatal("The request \"%s\" is not understood.", visible(first_line, kVisibleWord).c_str());
 }
 
-// The step that every companion takes first. Both are tested, the error number and the text: an unset variable leaves a
-// handle without an error number, since no system call failed.
+// The first step of every companion. It tests the error number and the text: an unset
+// variable leaves the error number at 0.
 PairHandle *open_pair() {
     PairHandle *pair = platform_pair_child_open(kPairName, 0, 1);
     if (!platform_pair_ok(pair)) {
@@ -167,8 +169,8 @@ PairHandle *open_pair() {
 
 } // namespace
 
-// The debug hook comes first of all, so that a request can stop this process before it has done anything. The parent
-// hands one on with its option --debug.
+// The debug hook comes first, so that a request can stop this process before it does
+// anything. The parent hands a request on with its option --debug.
 int main(int argc, char **argv) {
     platform_debug_hooks(&argc, argv);
     msg_set_mp_prefix("word_count_companion: "); // our lines and the parent's may go to the same terminal

@@ -33,8 +33,9 @@ constexpr int kEndPort = 21300;
 constexpr auto kEndTime = seconds(5);     // from "quit" to the companion's end
 constexpr auto kPause = milliseconds(10); // between two looks at a companion that is ending
 
-// Starts the program with its end of a new pair under that name. SIGPIPE is ignored: sending to a companion that has
-// died must be an error that we can report. The companion shares our standard descriptors, so that its errors are seen.
+// Starts the program with its end of a new pair under that name. SIGPIPE is ignored:
+// sending to a companion that has died is an error to report. The companion shares our
+// standard descriptors, so that its errors are seen.
 bool open_pair(Companion &companion, const char *env_name) {
     const int stdio_fds[3] = {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO};
     const char *program = companion.program.c_str();
@@ -51,12 +52,12 @@ bool open_pair(Companion &companion, const char *env_name) {
 
 // ---- The hybrid arrangement ---------------------------------------------------------------------------------------
 //
-// The companion reaches us over TCP: it finds a port instead of a descriptor in its variable. It is started by the same
-// call as always, because that gives us a handle which knows the child's number, and so can watch, kill and reap it.
-// But that call sets the variable it is given in the child. So it gets the name of another one, which nobody reads, and
-// the variables that the companion does read are set here, for it to inherit. Once it has connected, the accepted
-// socket takes the place of the local one in the handle, whose kind becomes hybrid: from then on every operation goes
-// over TCP.
+// The companion reaches us over TCP: its variable holds a port instead of a descriptor.
+// platform_pair_parent_open_lp starts it all the same, so that a handle can watch and reap
+// it. That call sets the variable that it is given. So it is given a name that nobody
+// reads. The two variables that the companion reads are set here, and it inherits them.
+// When it has connected, the accepted socket replaces the local one in the handle, and the
+// kind becomes hybrid. From then on every operation goes over TCP.
 
 constexpr const char *kStartName = "WORD_COUNT_START";
 
@@ -66,9 +67,9 @@ void announce_port(int port) {
     platform_setenv(kHybridName, "1");
 }
 
-// Waits for the connection in steps of a second. Between them it looks whether there still is somebody who could
-// connect: a companion that has died is not waited for. One that lives is, for as long as it takes; it may stand in a
-// debugger. Returns PLATFORM_SOCKET_FAILED in vain. The listening socket is closed.
+// Waits for the connection in steps of a second, as long as the companion lives: it may
+// stand in a debugger. Returns PLATFORM_SOCKET_FAILED when nobody connected. The
+// listening socket is closed.
 int accept_companion(PairHandle *pair, int listening) {
     int fd = PLATFORM_SOCKET_NOT_READY;
     for (bool alive = true; fd == PLATFORM_SOCKET_NOT_READY && alive;) {
@@ -118,8 +119,8 @@ bool start_hybrid(Companion &companion) {
 
 // ---- The end ------------------------------------------------------------------------------------------------------
 
-// Whether the companion has ended. It has then been reaped, and the handle holds its exit status. Once that is so the
-// process is not looked for again: its number may by now be another's.
+// Whether the companion has ended. It has been reaped then, and the handle holds its exit
+// status. After that the process is not looked for again: its number may be another's.
 bool has_ended(PairHandle *pair) {
     return platform_pair_child_exit_status(pair) != PLATFORM_PAIR_STATUS_UNKNOWN ||
            !platform_pair_companion_alive(pair);
@@ -138,9 +139,9 @@ void wait_for_end(PairHandle *pair, Clock::time_point deadline) {
     }
 }
 
-// Waits for the end, and forces it when it takes too long: true when no force was needed. SIGKILL, and not
-// platform_pair_kill_child: that sends SIGTERM, which a companion may ignore, waits for as long as it takes, and does
-// not tell how the companion ended.
+// Waits for the end, and sends SIGKILL when it takes too long. True when no signal was
+// needed. platform_pair_kill_child would wait for ever for a companion that ignores
+// SIGTERM, and does not tell how it ended.
 bool wait_or_kill(PairHandle *pair) {
     wait_for_end(pair, end_deadline());
     if (has_ended(pair)) {
@@ -160,7 +161,8 @@ std::string describe_ending(const PairHandle *pair) {
     return "signal " + std::to_string(signal) + " (" + (name == nullptr ? "unnamed" : name) + ")";
 }
 
-// Why a program can have ended without a word. 0 when the file is one that can be executed.
+// Why a program can have ended without a word. 0 when the file is one that can be
+// executed.
 int execution_error(const char *path) {
     struct stat status;
     if (access(path, X_OK) != 0 || stat(path, &status) != 0) {
@@ -169,8 +171,9 @@ int execution_error(const char *path) {
     return S_ISDIR(status.st_mode) ? EISDIR : 0;
 }
 
-// Exit status 1 is all that a start leaves behind whose program could not be executed. Why, we ask the system
-// afterwards; a name without a slash was searched along PATH, of which nothing more is known.
+// A program that could not be executed leaves exit status 1 and no reason. The system is
+// asked for the reason here. A name without a slash was searched along PATH, and no more
+// is known of it.
 void explain_failed_start(const Companion &companion) {
     if (companion.spoke || platform_pair_child_exit_status(companion.pair) != 1) {
         return;
@@ -201,8 +204,9 @@ void report_loss(Companion &companion, const std::string &what, bool by_itself) 
 
 } // namespace
 
-// Two things that we may have inherited ourselves are put right first. With SIGCHLD ignored the system would reap the
-// companion, and how it ended would be lost; a hybrid variable would send a local companion to a port.
+// SIGCHLD may be ignored by inheritance: the system would reap the companion, and its
+// exit status would be lost. An inherited hybrid variable would send a local companion to
+// a port.
 bool start_companion(Companion &companion, bool hybrid) {
     signal(SIGCHLD, SIG_DFL);
     if (hybrid) {
@@ -226,7 +230,8 @@ bool end_companion(Companion &companion) {
     return true;
 }
 
-// The shutdown is the end of the stream for a companion that still lives and waits for more of a text.
+// The shutdown is the end of the stream for a companion that still lives and waits for
+// more of a text.
 void give_up_companion(Companion &companion, const std::string &what) {
     shutdown(platform_pair_tx_fd(companion.pair), SHUT_RDWR);
     report_loss(companion, what, wait_or_kill(companion.pair));

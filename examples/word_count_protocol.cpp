@@ -12,9 +12,10 @@ namespace {
 constexpr std::string_view kCut = "...";
 constexpr std::string_view kLineEnd = "\r\n";
 
-// Whether a transfer that moved nothing is to be tried again: a signal came first. The handle keeps its last error, so
-// one that has been dealt with is cleared. Otherwise the end of the stream, which leaves no error of its own, would be
-// taken for that old interruption, and tried again for ever.
+// Whether a transfer that moved nothing is to be tried again: a signal came first. The
+// handle keeps its last error, so one that has been dealt with is cleared. Otherwise the
+// end of the stream, which leaves no error of its own, would be taken for that old
+// interruption, and tried again for ever.
 bool try_again(PairHandle *pair) {
     const int32_t error = platform_pair_errno(pair);
     if (error != EINTR && error != EAGAIN) {
