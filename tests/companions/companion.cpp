@@ -1,19 +1,19 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// What every companion of the tests does at its start.
+// The first step of every companion of the tests, and its echo.
 #include "companion.h"
 
 #include <msg/msg.h>
 
 #include <cstdlib>
 
-// What the library leaves allocated on purpose; anything else that is lost ends a companion with another status.
+// The leaks of the library on purpose. Any other leak ends a companion with another status.
 extern "C" const char *__lsan_default_suppressions();
 extern "C" const char *__lsan_default_suppressions() {
     return "leak:zel_strdup2\n"
            "leak:platform_connect_host\n";
 }
 
-// It is no news either, on a standard error that the parent may share.
+// The suppressed leaks are not printed: the parent may share the standard error.
 extern "C" const char *__lsan_default_options();
 extern "C" const char *__lsan_default_options() {
     return "print_suppressions=0";

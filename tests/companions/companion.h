@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// What every companion of the tests does at its start.
+// The first step of every companion of the tests, and its echo.
 #ifndef ZEL_TESTS_COMPANIONS_COMPANION_H
 #define ZEL_TESTS_COMPANIONS_COMPANION_H
 

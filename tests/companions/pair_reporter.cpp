@@ -4,7 +4,7 @@
 //   arg TEXT                  for each argument, its own name first
 //   env VALUE                 the variable that carries its end
 //   end NUMBER                its descriptor
-//   fd NUMBER MODE TARGET     for each open descriptor: r, w or rw, with n behind it when it does not block
+//   fd NUMBER MODE TARGET     for each open descriptor: r, w or rw, with n after it when it does not block
 #include "companion.h"
 
 #include <cstdlib>

@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// What the pair's companions and the tests that start them agree on.
+// The agreement between the pair's companions and the tests that start them.
 #ifndef ZEL_TESTS_COMPANIONS_PAIR_VALUES_H
 #define ZEL_TESTS_COMPANIONS_PAIR_VALUES_H
 
@@ -10,7 +10,7 @@ namespace zel::test {
 // The variable that carries a companion's end, unless a test says otherwise.
 inline constexpr const char *kPairVariable = "ZEL_TEST_PAIR";
 
-// How a companion ends. What a test asks for itself (pair_ender) is not among them.
+// How a companion ends. The statuses that a test asks pair_ender for are not among them.
 enum PairExit : int {
     kServed = 0,          // the stream ended after all that was to be done
     kNotOpen = 1,         // its end could not be opened; a message says why

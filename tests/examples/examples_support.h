@@ -1,6 +1,6 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // Running the examples. In a test program with this support
-// - whoever is left behind by a program under test becomes a child of the test program, whose listener sees it;
+// - a process that a program under test leaves becomes a child of the test program, whose listener sees it;
 // - sanitized programs keep silent about what the library leaves allocated on purpose.
 #ifndef ZEL_TESTS_EXAMPLES_EXAMPLES_SUPPORT_H
 #define ZEL_TESTS_EXAMPLES_EXAMPLES_SUPPORT_H

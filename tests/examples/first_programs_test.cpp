@@ -19,7 +19,7 @@ std::string source(const std::string &path) {
     return read_file(ZEL_SOURCE_DIR "/" + path);
 }
 
-// The first C block behind the first line that names the file; "" when there is none.
+// The first C block after the first line that names the file; "" when there is none.
 std::string shown_program(const std::string &document, const std::string &file) {
     const std::string opening = "```c\n";
     const size_t named = document.find(file);

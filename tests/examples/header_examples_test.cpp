@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// Each public header has an example on its page, and it is the one that is compiled here.
+// Each public header has examples on its page, and they are the ones that are compiled here.
 #include <support/files.h>
 
 #include <gtest/gtest.h>
@@ -14,7 +14,7 @@ namespace {
 using zel::test::read_file;
 using Lines = std::vector<std::string>;
 
-// Between two fragments of an example stands "...", which is for the reader to fill in.
+// Between two fragments of an example stands "...", which the reader fills in.
 using Fragments = std::vector<Lines>;
 
 // The words of a line, one blank between them: how far a remark stands to the right does not matter.
@@ -73,7 +73,7 @@ Fragments examples_of(const std::string &header) {
     return fragments;
 }
 
-// Whether the fragments stand in the source, each whole and one behind the other.
+// Whether the fragments stand in the source, each whole and one after the other.
 bool stands_in(const Fragments &fragments, const std::string &source) {
     const Lines lines = squeezed_lines(source);
     auto position = lines.begin();

@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// What the heap says of each mistake.
+// The report of the heap about each mistake.
 #include "examples_support.h"
 
 #include <support/files.h>

@@ -121,7 +121,7 @@ TEST_F(MessageServer, AnUnknownRequestIsNamed) {
     expect_heard("unknown\r\nfly\r\n\r\n");
 }
 
-// An empty line behind "unknown" would end its message, and what follows would be taken for the next.
+// An empty line after "unknown" would end its message, and what follows would be taken for the next.
 TEST_F(MessageServer, AnEmptyRequestIsAnsweredByOneLine) {
     start();
     say("\r\n\r\n\r\nwith more\r\n\r\nserved\r\n\r\n");

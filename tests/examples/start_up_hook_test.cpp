@@ -24,7 +24,7 @@ bool begins_with_the_hook(const std::string &source) {
         source, std::regex("\\nint main\\(int argc, char \\*\\*argv\\) \\{\n +platform_debug_hooks\\(&argc, argv\\);"));
 }
 
-// The examples that are programs, without what stands behind the "." of their names.
+// The examples that are programs, without the suffix of their names.
 std::vector<std::string> programs() {
     std::vector<std::string> names;
     for (const auto &entry : std::filesystem::directory_iterator(ZEL_SOURCE_DIR "/examples")) {

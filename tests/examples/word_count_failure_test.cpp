@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// The word count when something fails: the exact message, the exit status, an end in time, and nobody left behind.
+// The word count when something fails: the exact message, the exit status, an end in time, and no process left.
 #include "word_count_support.h"
 
 #include <chrono>
@@ -51,7 +51,7 @@ struct WordCountFailure : WordCountTest {
         EXPECT_EQ(outcome.status, kCompanionFailed);
     }
 
-    // What is said of a program that cannot be executed. Without a connection no text has been asked for.
+    // The message about a program that cannot be executed. Without a connection no text has been asked for.
     std::string not_started(const std::string &reason) const {
         const std::string ending = "       It ended with exit status 1.\n       " + reason + ".\n";
         return hybrid() ? "Error: The companion did not connect.\n" + ending
@@ -152,7 +152,7 @@ TEST_P(WordCountFailure, ACompanionThatEndsBeforeItIsReadyIsLost) {
     expect_lost("exit before ready", "exit status 3");
 }
 
-// The first receive is interrupted, and the stream ends behind it. Whoever takes the end for the interruption that is
+// The first receive is interrupted, and then the stream ends. Whoever takes the end for the interruption that is
 // past tries for ever.
 TEST_P(WordCountFailure, AnInterruptionThatIsPastDoesNotHideTheEndOfTheStream) {
     const Outcome outcome = count_with(part("word_count_in_storm"), {"--companion", part("faulty_companion"), "a"},

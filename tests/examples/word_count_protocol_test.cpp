@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// What word_count and its companion let stand in a line of a message.
+// The texts that word_count and its companion accept as a line of a message.
 #include <examples/word_count_protocol.h>
 
 #include <gtest/gtest.h>

@@ -20,11 +20,11 @@ inline constexpr const char *kEndedWell = "The companion ended with exit status 
 // The output of a shell command, whose $1 is the path.
 std::string shell(const std::string &command, const std::string &path);
 
-// What is printed of a text: the counts of wc and the ten words of a sort and uniq pipeline, in the C locale.
+// The report of a text: the counts of wc and the ten words of a sort and uniq pipeline, in the C locale.
 std::string expected_report(const std::string &path, const std::string &name);
 std::string expected_report(const std::string &path);
 
-// What is printed of a word or name.
+// The printed form of a word or name.
 std::string shown(const std::string &bytes);
 
 // A folder of its own, and the word count in either arrangement: the parameter is "" or "--hybrid".

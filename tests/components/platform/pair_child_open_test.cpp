@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// The companion's open: its end is found again from the environment.
+// The companion's open: it finds its end in the environment.
 #include "pair_support.h"
 
 #include <malloc/zel_malloc.h>

@@ -37,7 +37,7 @@ int read_lines(FILE *stream, int limit) {
     return count;
 }
 
-// How many lines a reader gets in all that has a companion fail to start after some of them.
+// The lines that a reader gets in all when a companion fails to start after some of them.
 int lines_around_failed_start(FILE *stream, int before) {
     int count = read_lines(stream, before);
     EXPECT_EQ(finish(start_missing(kAsTheyAre)), 1);
@@ -58,7 +58,7 @@ off_t position_after_failed_start(const LongFile &file, const char *mode) {
     return moved;
 }
 
-// What the exit handler of a missing companion prints, in a process that the body prepares.
+// The output of the exit handler of a missing companion, in a process that the body prepares.
 std::string said_by_handler(const std::function<void()> &prepare, void (*handler)()) {
     int out[2];
     EXPECT_EQ(pipe2(out, O_CLOEXEC), 0);

@@ -69,7 +69,7 @@ std::vector<Round> sweep(Hook<Result(Arguments...)> &swept, int error, int block
     return rounds;
 }
 
-// What becomes of an open whose n-th request for memory fails, in the parent or in the child.
+// The outcome of an open whose n-th request for memory fails, in the parent or in the child.
 std::string outcome_without_memory(int nth) {
     const Outcome outcome = run_in_child([nth] {
         int calls = 0;

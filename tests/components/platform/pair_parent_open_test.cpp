@@ -34,7 +34,7 @@ int option_of(int fd, int name) {
     return value;
 }
 
-// What the child of an open with these descriptors does, and its parent.
+// The steps of an open with these descriptors, in the parent and in the child.
 struct Steps {
     Lines parent;
     Lines child;

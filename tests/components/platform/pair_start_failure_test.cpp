@@ -196,7 +196,7 @@ TEST(PairStartFailure, WithoutMemoryTheVariableHoldsNoOlderPairsEnd) {
     const std::string command = std::string("exit ${") + kPairVariable + "+5}";
     PairHandle *ph = nullptr;
     {
-        const Interposed failing(hook::malloc, fail_nth(hook::malloc, 1, ENOMEM, nullptr)); // behind the handle
+        const Interposed failing(hook::malloc, fail_nth(hook::malloc, 1, ENOMEM, nullptr)); // request 0 is the handle
         ph = platform_pair_parent_open_lp(kPairVariable, 0, 1, "sh", nullptr, "sh", "-c", command.c_str(),
                                           static_cast<char *>(nullptr));
     }

@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// What the tests of the pair share.
+// The support of the tests of the pair.
 #include "pair_support.h"
 
 #include <gtest/gtest.h>
@@ -13,8 +13,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-// What is left allocated on purpose is not listed on the standard error that tests compare. Weak: the test program as a
-// whole may say more.
+// Leaks on purpose are not listed on the standard error that tests compare. Weak: a test program may define its own.
 extern "C" __attribute__((weak)) const char *__lsan_default_options();
 extern "C" __attribute__((weak)) const char *__lsan_default_options() {
     return "print_suppressions=0";

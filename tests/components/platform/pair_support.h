@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// What the tests of the pair share: starting companions, ending them, and the steps around a fork.
+// The support of the tests of the pair: starting companions, ending them, and the steps around a fork.
 #ifndef ZEL_TESTS_COMPONENTS_PLATFORM_PAIR_SUPPORT_H
 #define ZEL_TESTS_COMPONENTS_PLATFORM_PAIR_SUPPORT_H
 
@@ -33,7 +33,7 @@ private:
 // How a companion is started, by platform_pair_parent_open_vp.
 struct Start {
     std::string companion = "pair_echo";
-    std::vector<std::string> arguments = {}; // behind the name
+    std::vector<std::string> arguments = {}; // after the name
     int ignore_sigpipe = 0;
     int blocking = 1;
     const int *stdio_fds = nullptr;
@@ -89,7 +89,7 @@ struct LocalPair {
     int peer;       // the other one
 };
 
-// What a pair_reporter said.
+// The report of a pair_reporter.
 struct Report {
     std::vector<std::string> arguments;
     std::string variable;
@@ -100,7 +100,7 @@ struct Report {
 // Reads the report to the end of the stream.
 Report read_report(PairHandle *ph);
 
-// What stands behind a descriptor of this process.
+// The file that a descriptor of this process leads to.
 std::string target_of(int fd);
 
 // Adds the flags to a descriptor's mode.

@@ -55,7 +55,7 @@ Reaped wait_nohang(pid_t pid) {
     return reaped;
 }
 
-// What platform_wait_nohang makes of that wait status.
+// The results of platform_wait_nohang for that wait status.
 Reaped decoded(int status) {
     const Interposed giving(hook::waitpid, [status](pid_t pid, int *out, int) {
         *out = status;
@@ -94,7 +94,7 @@ const std::string kInterrupted = "waitpid: : Interrupted system call\n";
 const std::string kNoChild = "waitpid: : No child processes\n";
 const std::string kTryAgain = "waitpid: : Resource temporarily unavailable\n";
 
-// The diagnostic lines of a body, and what it prints behind them.
+// The diagnostic lines of a body, then its own output.
 std::string reports_of(const std::function<void()> &body) {
     const Outcome outcome = run_in_child([&body] {
         msg_add_stream(MSG_DIAG, stdout);

@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// Accepting: with a time-out, once, and again after an interruption.
+// The accept calls: with a time-out, once, and again after an interruption.
 #include "socket_support.h"
 
 #include <support/interpose.h>

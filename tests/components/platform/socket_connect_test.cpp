@@ -21,7 +21,7 @@ int type_of(int fd) {
     return type;
 }
 
-// Answers every lookup with that code and, like a lookup that fails, no list.
+// Answers every lookup with that code and no list.
 struct NoAddress {
     explicit NoAddress(int result)
         : looking(hook::getaddrinfo, [result](const char *, const char *, const addrinfo *, addrinfo **) {
@@ -124,7 +124,7 @@ TEST(ConnectHost, TheResultOfTheLookupIsNotFreed) {
     hook::freeaddrinfo.real(looked_up);
 }
 
-// What was connected to, and with which socket.
+// The address and the socket of a connection attempt.
 struct Connects {
     std::vector<int> fds;
     std::vector<const sockaddr *> addresses;

@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// The idioms of descriptors that the units share, where no public call reaches their every rule.
+// The idioms of descriptors, where a public call does not reach each rule.
 #include "socket_support.h"
 
 #include <components/platform/base/descriptor.h>

@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// Descriptors for which a descriptor set has no place.
+// Descriptors at or above FD_SETSIZE.
 #include "socket_support.h"
 
 #include <support/interpose.h>

@@ -11,7 +11,7 @@ namespace {
 
 using namespace zel::test;
 
-// What the signal does besides interrupting. System calls alone, for it runs anywhere.
+// The work of the signal handler besides interrupting. System calls alone: it runs at any moment.
 std::function<void()> on_signal;
 volatile sig_atomic_t signals = 0;
 

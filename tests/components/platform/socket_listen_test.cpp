@@ -19,7 +19,7 @@ int port_of(const sockaddr *address) {
     return ntohs(copy.sin_port);
 }
 
-// Refuses the first so many ports as taken; those behind get whatever port is free. Keeps what was asked for.
+// Refuses that many ports as taken; later ones get any free port. Keeps the ports that were asked for.
 struct TakenPorts {
     explicit TakenPorts(int taken) : left(taken) {}
     int left;

@@ -81,7 +81,7 @@ TEST(MessageLoop, WithoutABufferWarnsAndReceivesNothing) {
         run_with_reports([&pair] { platform_message_loop(pair.ours.fd, handle_message, nullptr, 0); });
     EXPECT_EQ(outcome.status, 0);
     EXPECT_EQ(outcome.out, "");
-    // A message ends in a newline of its own behind that of the text.
+    // The warning ends in its own newline after that of the text.
     EXPECT_EQ(outcome.err, "Warning: platform_message_loop has no buffer set!!!\n\n");
     EXPECT_EQ(waiting_on(pair.ours.fd), "A\r\n\r\n");
 }

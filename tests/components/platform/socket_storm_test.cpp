@@ -1,6 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// What waits for input or a client waits on, while a signal comes a few milliseconds after the last and restarts no
-// system call.
+// Waits for input or a client go on, while a signal comes every few milliseconds and restarts no system call.
 #include "socket_support.h"
 
 #include <csignal>
@@ -13,8 +12,8 @@ using namespace zel::test;
 
 constexpr int kEnough = 20;
 
-// What the signal does: it plays the peer, so that the wait ends after it was interrupted often enough. System calls
-// alone, for it runs anywhere.
+// The work of the signal handler: it plays the peer, so that the wait ends after enough interruptions. System calls
+// alone: it runs at any moment.
 std::function<void()> on_signal;
 volatile sig_atomic_t signals = 0;
 volatile sig_atomic_t raging = 0;

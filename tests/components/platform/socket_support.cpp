@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// What the tests of the socket unit share.
+// The support of the tests of the socket unit.
 #include "socket_support.h"
 
 #include <msg/msg.h>

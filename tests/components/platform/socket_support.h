@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// What the tests of the socket unit share: connected sockets, a handler and an idle function that a test fills in.
+// The support of the tests of the socket unit: connected sockets, a handler and an idle function that a test fills in.
 #ifndef ZEL_TESTS_COMPONENTS_PLATFORM_SOCKET_SUPPORT_H
 #define ZEL_TESTS_COMPONENTS_PLATFORM_SOCKET_SUPPORT_H
 
@@ -64,7 +64,7 @@ int connect_to(const sockaddr_in &address);
 // An entry of an address list.
 addrinfo entry_of(sockaddr_in &address, addrinfo *next = nullptr);
 
-// What send_text and put_into do must succeed; the test ends otherwise.
+// send_text and put_into end the test when they fail.
 void send_text(int fd, std::string_view text);
 // Text as if it had been received.
 void put_into_buffer(std::string_view text);
@@ -109,7 +109,7 @@ struct Idle {
 // Runs the body in a child whose diagnostic lines go to standard output.
 Outcome run_with_reports(const std::function<void()> &body);
 
-// What an assertion of the unit writes.
+// The text of an assertion of the unit.
 std::string assertion_text(const std::string &function, const std::string &condition);
 
 inline constexpr const char *kRoomCondition = "gMsgBuf->p2 + len - gMsgBuf->pBuf < gMsgBuf->len";
