@@ -40,7 +40,9 @@ int main(void) {
     pair = platform_pair_child_open("SUM_PAIR", 0, 1);
     platform_msgbuf_set(platform_msgbuf_create(65536));
     platform_message_loop(platform_pair_rx_fd(pair), on_message, NULL, 0);
-    platform_msgbuf_free(gMsgBuf);
+    MsgBuf *buffer = gMsgBuf;
+    platform_msgbuf_set(NULL);
+    platform_msgbuf_free(buffer);
     platform_pair_close(pair);
     return 0;
 }
