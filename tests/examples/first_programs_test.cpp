@@ -7,11 +7,13 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <string>
 
 namespace {
 
 using namespace zel::test;
 
+constexpr const char *kHello = ZEL_BINARY_DIR "/examples/hello_pair";
 constexpr const char *kParent = ZEL_BINARY_DIR "/examples/first_parent";
 constexpr const char *kCompanion = ZEL_BINARY_DIR "/examples/first_companion";
 
@@ -32,15 +34,27 @@ std::string shown_program(const std::string &document, const std::string &file) 
     return end == std::string::npos ? "" : document.substr(first, end - first);
 }
 
-TEST(FirstPrograms, TheReadmeShowsTheParentAsItIs) {
-    EXPECT_EQ(shown_program(source("README.md"), "examples/first_parent.c"), source("examples/first_parent.c"));
+TEST(FirstPrograms, TheReadmeShowsTheShortestParentAsItIs) {
+    EXPECT_EQ(shown_program(source("README.md"), "examples/hello_pair.c"), source("examples/hello_pair.c"));
 }
 
 TEST(FirstPrograms, TheReadmeShowsTheCompanionAsItIs) {
     EXPECT_EQ(shown_program(source("README.md"), "examples/first_companion.c"), source("examples/first_companion.c"));
 }
 
-TEST(FirstPrograms, EachIsShorterThanFortyLines) {
+// The lines of the main function of a source, from its head to its closing brace.
+int lines_of_main(const std::string &text) {
+    const size_t start = text.find("\nint main(");
+    const size_t end = text.find("\n}\n", start);
+    return end == std::string::npos ? 0 : 1 + static_cast<int>(std::count(&text[start + 1], &text[end + 1], '\n'));
+}
+
+TEST(FirstPrograms, TheShortestParentIsAMainOfFifteenLines) {
+    EXPECT_EQ(lines_of_main("int a;\n\nint main(void) {\n    return 0;\n}\n"), 3);
+    EXPECT_EQ(lines_of_main(source("examples/hello_pair.c")), 15);
+}
+
+TEST(FirstPrograms, TheOtherTwoAreShorterThanFortyLines) {
     for (const char *path : {"examples/first_parent.c", "examples/first_companion.c"}) {
         const std::string text = source(path);
         EXPECT_LT(std::count(text.begin(), text.end(), '\n'), 40) << path;
@@ -53,6 +67,20 @@ TEST(FirstPrograms, ABlockThatDiffersInOneByteIsFound) {
     EXPECT_NE(shown_program("see a.c:\n\n```c\nint a; \n```\n", "a.c"), "int a;\n");
     EXPECT_EQ(shown_program("see a.c:\n\n    int a;\n", "a.c"), "");
     EXPECT_EQ(shown_program("```c\nint a;\n```\n", "a.c"), "");
+}
+
+TEST(FirstPrograms, TheShortestParentPrintsTheAnswerOfItsCompanion) {
+    const Outcome outcome = run_with({"--chdir=" ZEL_BINARY_DIR "/examples"}, {kHello});
+    EXPECT_EQ(outcome.out, "The companion answered 42.\n");
+    EXPECT_EQ(outcome.err, "");
+    EXPECT_EQ(outcome.status, 0);
+}
+
+TEST(FirstPrograms, TheShortestParentSaysWhenItGetsNoAnswer) {
+    const Outcome outcome = run_with({"--chdir=/"}, {kHello});
+    EXPECT_EQ(outcome.out, "");
+    EXPECT_EQ(outcome.err, "Error: The companion gave no answer.\n");
+    EXPECT_EQ(outcome.status, 1);
 }
 
 TEST(FirstPrograms, TheParentPrintsTheAnswerOfTheCompanionBesideIt) {
