@@ -2,8 +2,9 @@
 """Runs the commands of README.md, in their order, in a fresh copy of the files, and compares what they print.
 
 A command is a line that begins with "$ " in a console block. The lines after it are what it prints; a line of three
-dots stands for any lines, at the end also for one without its newline. All commands run in one shell, with a home folder of its own and without input. `./dev test`
-is passed over: it is what calls this, and it takes long. A command that fails, or prints something else, ends the run.
+dots stands for any lines, at the end also for one without its newline. All commands run in one shell, with a home
+folder of its own and without input. `./dev test` is passed over: it takes long, and .ci/run runs it itself. A command
+that fails, or prints something else, ends the run.
 """
 
 import os
