@@ -1,11 +1,15 @@
 # Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-"""Every test that a comment or a decision names is there, and every deliberate oddity and decision names one."""
+"""Every test that a comment or a decision names is there, and every deliberate oddity and decision names one.
+
+A decision of docs/decisions.md is a question as a heading of the third level, with its choice, its reason and its
+tests. The index at the top of the document lists the headings as they follow."""
 
 import re
 import unittest
 
 import repo
 
+DECISIONS = repo.Path("docs/decisions.md")
 DEFINITION = re.compile(r"\bTEST(?:_[FP])?\(\s*(\w+),\s*(\w+)\s*\)")
 NAME = re.compile(r"\b([A-Z]\w+\.[A-Z]\w+)\b")
 REFERENCE = re.compile(r"\b[Tt]ests?:?\*?\s+((?:(?:and|[\s,`])*[A-Z]\w+\.[A-Z]\w+`?)+)")
@@ -41,8 +45,30 @@ def oddities(code):
 
 
 def decisions(document):
-    """The decisions of the document: the paragraphs that begin in bold."""
-    return [text for text in re.split(r"\n\s*\n", document) if text.startswith("**")]
+    """The decisions of the document, each with its heading, on one line."""
+    return [" ".join(text.split()) for text in re.findall(r"^### (.*?)(?=^#|\Z)", document, re.MULTILINE | re.DOTALL)]
+
+
+def incomplete(texts):
+    """The decisions that ask nothing, or lack their choice or their reason."""
+    return [text[:70] for text in texts if not re.match(r"[^?]+\? - \*Choice:\* .+ - \*Why:\* .+ - \*Tests?:\* ", text)]
+
+
+def anchor(heading):
+    return re.sub(r"[^\w -]", "", heading.lower()).replace(" ", "-")
+
+
+def index_of(headings):
+    """The index that lists these headings of the second and third level, as (level, text)."""
+    return [f"{'  ' * (len(level) - 2)}- [{text}](#{anchor(text)})" for level, text in headings]
+
+
+def headings_of(document):
+    return [found for found in re.findall(r"^(###?) (.*)$", document, re.MULTILINE) if found[1] != "Index"]
+
+
+def index_in(document):
+    return re.findall(r"^ *- \[.*$", document, re.MULTILINE)
 
 
 def missing(texts, tests):
@@ -63,17 +89,37 @@ class NamedTests(unittest.TestCase):
         self.assertEqual(missing(texts, self.tests), [])
 
     def test_each_decision_names_a_test_that_is_there(self):
-        texts = [" ".join(text.split()) for text in decisions(repo.read(repo.Path("docs/decisions.md")))]
-        self.assertGreater(len(texts), 10)
+        texts = decisions(repo.read(DECISIONS))
+        self.assertGreater(len(texts), 50)
         self.assertEqual(missing(texts, self.tests), [])
+
+    def test_each_decision_has_question_choice_and_reason(self):
+        self.assertEqual(incomplete(decisions(repo.read(DECISIONS))), [])
+
+    def test_the_index_lists_every_decision(self):
+        document = repo.read(DECISIONS)
+        self.assertEqual(index_in(document), index_of(headings_of(document)))
 
     def test_a_bad_sample_is_caught(self):
         code = "// DELIBERATE: odd. Held by the test Aa.IsThere.\nint a;\n// DELIBERATE: odd too.\n// DELIBERATE: test Bb.IsNot"
         tests = defined_tests(["TEST(Aa, IsThere) {}", "TEST_F(C,\n     IsLong) {}"])
         self.assertEqual(tests, {"Aa.IsThere", "C.IsLong"})
         self.assertEqual(missing(oddities(code), tests), [" odd too. ", " test Bb.IsNot"])
-        document = "# D\n\n**One.** x\n*Test:* `Aa.IsThere`\n\n**Two.** no\n\n**Three.** *Tests:* `Aa.IsThere`, `Bb.IsNot`"
-        self.assertEqual([text[:5] for text in missing(decisions(document), tests)], ["**Two", "**Thr"])
+        texts = decisions("# D\n\n### One? x\n- *Test:* `Aa.IsThere`\n\n### Two? no\n\n## H\n\n"
+                          "### Three? - *Tests:* `Aa.IsThere`,\n  `Bb.IsNot`\n")
+        self.assertEqual([text[:3] for text in missing(texts, tests)], ["Two", "Thr"])
+
+    def test_an_incomplete_decision_is_caught(self):
+        whole = ["Why so?", "- *Choice:* so.", "- *Why:* thus.", "- *Test:* `A.B`"]
+        self.assertEqual(incomplete([" ".join(whole)]), [])
+        for gone in range(len(whole)):
+            self.assertEqual(len(incomplete([" ".join(whole[:gone] + whole[gone + 1:])])), 1, whole[gone])
+
+    def test_an_index_that_lacks_an_entry_is_caught(self):
+        document = "# D\n\n## Index\n\n- [`a/b.h`](#abh)\n  - [Why so, then?](#why-so-then)\n\n## `a/b.h`\n\n### Why so, then?\n"
+        self.assertEqual(index_in(document), index_of(headings_of(document)))
+        more = document + "\n### And why not?\n"
+        self.assertNotEqual(index_in(more), index_of(headings_of(more)))
 
 
 if __name__ == "__main__":
