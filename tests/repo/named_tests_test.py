@@ -96,12 +96,17 @@ class NamedTests(unittest.TestCase):
     def test_each_decision_has_question_choice_and_reason(self):
         self.assertEqual(incomplete(decisions(repo.read(DECISIONS))), [])
 
+    def test_each_test_that_a_guide_names_is_there(self):
+        for path in ("CONTRIBUTING.md", "tests/README.md"):
+            self.assertEqual(named_tests(repo.read(repo.Path(path)).replace("//", "")) - self.tests, set(), path)
+
     def test_the_index_lists_every_decision(self):
         document = repo.read(DECISIONS)
         self.assertEqual(index_in(document), index_of(headings_of(document)))
 
     def test_a_bad_sample_is_caught(self):
-        code = "// DELIBERATE: odd. Held by the test Aa.IsThere.\nint a;\n// DELIBERATE: odd too.\n// DELIBERATE: test Bb.IsNot"
+        code = ("// DELIBERATE: odd. Test: Aa.IsThere.\nint a;\n// DELIBERATE: odd as well. Held by the test\n// Aa.IsThere.\n"
+                "int b;\n// DELIBERATE: odd too.\n// DELIBERATE: test Bb.IsNot")
         tests = defined_tests(["TEST(Aa, IsThere) {}", "TEST_F(C,\n     IsLong) {}"])
         self.assertEqual(tests, {"Aa.IsThere", "C.IsLong"})
         self.assertEqual(missing(oddities(code), tests), [" odd too. ", " test Bb.IsNot"])
