@@ -1,6 +1,7 @@
 # Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-"""The build as part of another project, and without the sources of GoogleTest."""
+"""The build as part of another project and without the sources of GoogleTest; the order of its lists."""
 
+import itertools
 import re
 import subprocess
 import tempfile
@@ -29,6 +30,18 @@ def cached(build, option):
     return re.search(rf"^{option}:\w+=(.*)$", cache, re.MULTILINE).group(1)
 
 
+def listed(text, name):
+    """The entries of a list that a CMake file sets."""
+    return re.search(rf"^set\({name}\s+(.*?)\)", text, re.MULTILINE | re.DOTALL).group(1).split()
+
+
+def disorder(paths):
+    """The folders whose sources do not follow each other by name, or stand in two places of the list."""
+    groups = [(folder, list(names)) for folder, names in itertools.groupby(paths, lambda path: str(Path(path).parent))]
+    folders = [folder for folder, _ in groups]
+    return [folder for folder, names in groups if names != sorted(names) or folders.count(folder) > 1]
+
+
 class CMake(unittest.TestCase):
     def setUp(self):
         folder = tempfile.TemporaryDirectory()
@@ -49,6 +62,16 @@ class CMake(unittest.TestCase):
         self.assertEqual(cached(self.build, "ZEL_TESTS"), "ON")
         self.assertIn("The tests need the sources of GoogleTest, and /nowhere does not hold them. Install the package "
                       "googletest, set ZEL_GOOGLETEST_DIR, or build without the tests: -DZEL_TESTS=OFF", said)
+
+    def test_the_sources_are_listed_in_order(self):
+        text = repo.read(Path("CMakeLists.txt"))
+        for name in ("ZEL_PUBLIC_HEADERS", "ZEL_SOURCES"):
+            self.assertEqual(disorder(listed(text, name)), [], name)
+
+    def test_a_list_without_order_is_caught(self):
+        text = "set(OTHER x/y.c)\nset(SOURCES\n  a/a.c\n  a/b.c\n  b/d.c\n  b/c.c\n  a/c.c)\n"
+        self.assertEqual(disorder(listed(text, "SOURCES")), ["a", "b", "a"])
+        self.assertEqual(disorder(listed(text, "OTHER")), [])
 
 
 if __name__ == "__main__":

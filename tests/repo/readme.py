@@ -78,6 +78,7 @@ class Shell:
         self.process = subprocess.Popen(["sh"], cwd=folder, env=environment, text=True, stdin=subprocess.PIPE,
                                         stdout=subprocess.PIPE, stderr=subprocess.STDOUT, start_new_session=True)
         self.limit = threading.Timer(seconds, os.killpg, (self.process.pid, signal.SIGKILL))
+        self.limit.daemon = True  # it holds up no failure
         self.limit.start()
         self.count = 0
 
