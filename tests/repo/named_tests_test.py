@@ -4,6 +4,7 @@
 A decision of docs/decisions.md is a question as a heading of the third level, with its choice, its reason and its
 tests. The index at the top of the document lists the headings as they follow."""
 
+import fnmatch
 import re
 import unittest
 
@@ -76,6 +77,16 @@ def missing(texts, tests):
     return [text[:70] for text in texts if not named_tests(text) or not named_tests(text) <= tests]
 
 
+def without_a_test(patterns, tests):
+    """The patterns of a filter that no test matches."""
+    return [pattern for pattern in patterns if not any(fnmatch.fnmatchcase(test, pattern) for test in tests)]
+
+
+def left_out_under_valgrind(text):
+    uncommented = re.sub(r"#.*", "", text)
+    return re.search(r"\bset\(ZEL_NOT_UNDER_VALGRIND\b(.*?)\)", uncommented, re.DOTALL).group(1).split()
+
+
 class NamedTests(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
@@ -99,6 +110,15 @@ class NamedTests(unittest.TestCase):
     def test_each_test_that_a_guide_names_is_there(self):
         for path in ("CONTRIBUTING.md", "tests/README.md"):
             self.assertEqual(named_tests(repo.read(repo.Path(path)).replace("//", "")) - self.tests, set(), path)
+
+    def test_each_test_that_is_left_out_under_valgrind_is_there(self):
+        patterns = left_out_under_valgrind(repo.read(repo.Path("tests/CMakeLists.txt")))
+        self.assertGreater(len(patterns), 5)
+        self.assertEqual(without_a_test(patterns, self.tests), [])
+
+    def test_a_filter_without_a_test_is_caught(self):
+        text = "set(ZEL_NOT_UNDER_VALGRIND\n  # why (so)\n  A.IsThere\n  B.*\n  C.*)\n"
+        self.assertEqual(without_a_test(left_out_under_valgrind(text), {"A.IsThere", "B.Is"}), ["C.*"])
 
     def test_the_index_lists_every_decision(self):
         document = repo.read(DECISIONS)
