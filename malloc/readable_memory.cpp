@@ -3,12 +3,13 @@
 #include <malloc/internal/readable_memory.h>
 
 #include <malloc/internal/debug_heap_state.h>
-#include <msg/base/text.h>
+#include <msg/base/errno_kept.h>
 
 #include <array>
 #include <cstdlib>
 #include <fcntl.h>
 #include <linux/futex.h>
+#include <span>
 #include <sys/syscall.h>
 #include <unistd.h>
 

@@ -1,6 +1,6 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// The diagnostic log file. It uses the environment services, which report through the
-// message library. So it is built apart from the rest of this folder.
+// The diagnostic log file. It uses the environment services, which stand above this
+// folder: the one include that points up.
 #include <msg/diag_log.h>
 
 #include <components/platform/environment.h>

@@ -7,6 +7,7 @@
 #include <msg/msg.h>
 
 #include <array>
+#include <cerrno>
 #include <cstdlib>
 
 namespace {

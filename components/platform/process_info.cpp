@@ -3,6 +3,7 @@
 #include <components/platform/process_info.h>
 
 #include <components/platform/environment.h>
+#include <msg/base/errno_kept.h>
 #include <msg/base/text.h>
 
 #include <array>

@@ -3,8 +3,6 @@
 #ifndef ZEL_MSG_BASE_TEXT_H
 #define ZEL_MSG_BASE_TEXT_H
 
-#include <msg/base/errno_kept.h>
-
 #include <cstdarg>
 #include <span>
 #include <string_view>

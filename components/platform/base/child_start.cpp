@@ -3,7 +3,7 @@
 #include <components/platform/base/child_start.h>
 
 #include <components/platform/base/descriptor.h>
-#include <msg/base/text.h>
+#include <msg/base/errno_kept.h>
 
 #include <algorithm>
 #include <csignal>

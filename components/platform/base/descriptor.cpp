@@ -2,7 +2,7 @@
 // The idioms of descriptors.
 #include <components/platform/base/descriptor.h>
 
-#include <msg/base/text.h>
+#include <msg/base/errno_kept.h>
 
 #include <array>
 #include <fcntl.h>

@@ -2,6 +2,7 @@
 // Reports of failed system calls.
 #include <components/platform/environment.h>
 
+#include <msg/base/errno_kept.h>
 #include <msg/base/text.h>
 #include <msg/base/variables.h>
 #include <msg/msg.h>

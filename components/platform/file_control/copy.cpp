@@ -2,7 +2,7 @@
 // Copying one file.
 #include <components/platform/file_control.h>
 
-#include <msg/base/text.h>
+#include <msg/base/errno_kept.h>
 
 #include <array>
 #include <fcntl.h>

@@ -6,6 +6,7 @@
 #include <components/platform/environment.h>
 #include <components/platform/file_control/caller_storage.h>
 #include <components/platform/file_control/relative_path.h>
+#include <msg/base/errno_kept.h>
 
 #include <algorithm>
 #include <climits>

@@ -10,6 +10,7 @@
 #include <components/platform/base/descriptor.h>
 #include <components/platform/base/path.h>
 #include <components/platform/environment.h>
+#include <msg/base/errno_kept.h>
 #include <msg/base/limits.h>
 
 #include <cstdlib>

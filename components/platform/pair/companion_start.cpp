@@ -6,7 +6,7 @@
 #include <components/platform/pair/handle.h>
 #include <components/platform/socket.h>
 #include <malloc/zel_malloc.h>
-#include <msg/base/text.h>
+#include <msg/base/errno_kept.h>
 #include <msg/msg.h>
 
 #include <array>

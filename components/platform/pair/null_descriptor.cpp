@@ -3,7 +3,7 @@
 #include <components/platform/zel_pair_connection.h>
 
 #include <components/platform/base/descriptor.h>
-#include <msg/base/text.h>
+#include <msg/base/errno_kept.h>
 
 #include <cstdio>
 #include <unistd.h>

@@ -11,6 +11,7 @@
 #include <msg/base/text.h>
 
 #include <array>
+#include <cerrno>
 #include <csignal>
 #include <cstdarg>
 #include <cstdlib>

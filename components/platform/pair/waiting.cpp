@@ -6,7 +6,7 @@
 #include <components/platform/environment.h>
 #include <components/platform/pair/handle.h>
 #include <components/platform/process_info.h>
-#include <msg/base/text.h>
+#include <msg/base/errno_kept.h>
 
 #include <cerrno>
 #include <csignal>

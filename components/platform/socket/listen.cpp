@@ -5,7 +5,7 @@
 #include <components/platform/base/descriptor.h>
 #include <components/platform/environment.h>
 #include <components/platform/socket/connection.h>
-#include <msg/base/text.h>
+#include <msg/base/errno_kept.h>
 
 #include <cerrno>
 #include <netinet/in.h>

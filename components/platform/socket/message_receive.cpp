@@ -6,8 +6,8 @@
 #include <components/platform/socket/message_scan.h>
 #include <components/platform/socket/transfer.h>
 #include <msg/base/assertion.h>
+#include <msg/base/errno_kept.h>
 #include <msg/base/limits.h>
-#include <msg/base/text.h>
 #include <msg/msg.h>
 
 #include <algorithm>

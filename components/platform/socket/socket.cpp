@@ -4,7 +4,7 @@
 
 #include <components/platform/base/descriptor.h>
 #include <components/platform/socket/connection.h>
-#include <msg/base/text.h>
+#include <msg/base/errno_kept.h>
 
 #include <cerrno>
 #include <fcntl.h>
