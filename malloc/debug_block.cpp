@@ -6,7 +6,7 @@ namespace zel::memory {
 
 namespace {
 
-// A guard, whatever type the program gave to the bytes beside it.
+// A word of a guard. The program may use the same bytes under any type.
 using Word [[gnu::may_alias]] = uint32_t;
 
 constexpr size_t kHeaderSize = sizeof(Header);
@@ -14,7 +14,7 @@ constexpr size_t kWordSize = sizeof(uint32_t);
 constexpr size_t kGuardSize = kHeaderSize + kWordSize;
 static_assert(kHeaderSize == 8 && offsetof(Header, magic) == 4 && kGuardSize == 12);
 
-// The size with its padding, up to a multiple of a word.
+// The size with its padding: the next multiple of a word.
 constexpr size_t rounded_up(size_t size) {
     return (size + kWordSize - 1) & ~(kWordSize - 1);
 }
@@ -49,9 +49,9 @@ void *block_of(void *pointer) {
     return bytes_at(pointer) - kHeaderSize;
 }
 
-// The address is computed as a number, because the pointer may have any value. A header
-// is a multiple of 8 from the start of a page: where its magic can be read, its index
-// can.
+// The address is computed as a number, because the pointer may have any value. The
+// pointer is a multiple of 8, so its header lies within one page: where the magic can be
+// read, the index can be read too.
 bool read_header(const void *pointer, const Reach &reach, Header *header) {
     if (!is_readable(reinterpret_cast<uintptr_t>(pointer) - kWordSize, reach)) {
         return false;

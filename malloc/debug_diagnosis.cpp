@@ -65,8 +65,9 @@ Findings look_at(const void *pointer, const Record *known) {
     return findings;
 }
 
-// The verdict on a pointer. A magic that is not live says more than the trailer. A wrong
-// trailer says more than the index.
+// The verdict on a pointer. The first of these faults decides: the magic of a release,
+// any other wrong magic, a wrong trailer, an index without a record, a record of another
+// pointer or not in use.
 void append_verdict(Sentences &text, const Findings &findings, bool in_release) {
     if (findings.header.magic == kReleasedMagic) {
         append(text, in_release ? "was referenced after it was free'd." : "referenced free'd data.");

@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// The debug heap: its state, its switch and its questions.
+// The debug heap: its state, its switch and its queries.
 #include <malloc/debug_heap.h>
 
 #include <malloc/internal/debug_diagnosis.h>

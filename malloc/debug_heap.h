@@ -2,8 +2,8 @@
  * The debug heap: it records, guards and checks every allocation of the memory library.
  *
  * It is off at first. A program switches it on before its first allocation. From then on
- * a call of the library finds a double release, a write past the end or a stray pointer,
- * and names the owner of the storage.
+ * a call of the library finds a double release, a write past the end or a stray pointer.
+ * The finding names the owner of the storage if the owner is known.
  *
  *   1. Switch it on: zel_enable_malloc_debug(ZEL_MALLOC_CHECK_PTR).
  *   2. Run. A finding is an error message, and the process ends with status 1.
@@ -21,7 +21,7 @@
  *
  *   mode  constant                what is checked
  *   ----  ----------------------  ------------------------------------------------------
- *   0     -                       nothing: the debug heap is off, and blocks are bare
+ *   0     -                       nothing: the debug heap is off; blocks have no guards
  *   1     ZEL_MALLOC_CHECK_PTR    each pointer that is released or resized
  *   2     ZEL_MALLOC_VERIFY_HEAP  the same, and the whole heap at every allocation,
  *                                 resize and release
@@ -30,7 +30,7 @@
  *
  *   block = index magic user-data padding trailer
  *
- *   index      the record of the allocation: its ID in every text
+ *   index      the number of the allocation's record, its ID in every text
  *   magic      5739E56A while live, 7D2C5B7E once released
  *   user-data  n bytes, AB when new and again when released
  *   padding    0 to 3 bytes, up to a multiple of 4
@@ -39,10 +39,10 @@
  * The caller's pointer is block + 8, a multiple of 8. A request of 5 bytes takes 20:
  * 4 + 4 + 5 + 3 + 4. A write into the padding goes unnoticed.
  *
- * What holds in the modes 1 and 2:
+ * In the modes 1 and 2:
  *
- *   - A pointer to memory that is not there is reported like any stray pointer.
- *   - A request without memory for its record fails like any other request.
+ *   - A pointer to memory that cannot be read is reported like any stray pointer.
+ *   - A request fails with ENOMEM when there is no memory for its record.
  *   - A check of a block outside the system's heap costs two system calls. Such a block
  *     usually has 128 KiB or more.
  *   - No verification starts while the findings of another one are written.
@@ -66,8 +66,8 @@ extern "C" {
 /* Switches the debug heap on, or between its two modes.
  * - mode: ZEL_MALLOC_CHECK_PTR or ZEL_MALLOC_VERIFY_HEAP. 0 does nothing while the debug
  *   heap is off.
- * - These are errors that end the process: 0 while it is on; any other mode; the first
- *   switch after an allocation or resize was attempted. */
+ * - These are errors that end the process: 0 while the debug heap is on; any other mode;
+ *   the first switch after an allocation or resize was attempted. */
 void zel_enable_malloc_debug(int mode);
 
 /* Tells the mode.
@@ -85,13 +85,16 @@ void zel_malloc_debug_report(int verbose);
 void zel_malloc_describe_ptr(const void *pointer);
 
 /* Tells how many bytes are in use.
- * - Returns the sum of the sizes asked for and not yet released, without guards.
+ * - Returns the sum of the sizes asked for, for all storage that is not released. Guards
+ *   do not count.
  * - While the debug heap is off this is a warning, and the result is 0. */
 unsigned long zel_malloc_mem_used(void);
 
 /* Chooses which releases and resizes are noted in a warning.
- * - bytes: blocks of at least this length are noted. Negative, as at first: none is.
- * - May be called while the debug heap is off; it acts once that is on. */
+ * - bytes: blocks of at least this length are noted. A negative number, as at first,
+ *   notes none.
+ * - May be called while the debug heap is off. It takes effect once the debug heap is
+ *   on. */
 void zel_malloc_set_free_report_threshold(int32_t bytes);
 
 #pragma GCC visibility pop

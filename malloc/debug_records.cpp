@@ -45,7 +45,8 @@ bool grow_index_set(uint32_t before, uint32_t capacity) {
 }
 
 // Grows every part of the table, then stores the capacity. When a part cannot grow, the
-// capacity stays: nothing behind it is read, and the next attempt sets it up again.
+// capacity stays. Entries behind the capacity are not read, and the next attempt sets
+// them up.
 bool grow_table() {
     const uint32_t before = debug_heap.capacity;
     if (before > kMostRecords - kRecordTableStep) {

@@ -15,7 +15,6 @@ using zel::memory::Record;
 
 namespace {
 
-// The totals of the report.
 struct Totals {
     unsigned long bytes;
     long pointers;
@@ -52,7 +51,6 @@ void print_row(const Record &record, uint32_t index, bool valid) {
                   text_or_unknown(record.caller.place.function), text_or_unknown(record.caller.purpose_or_file));
 }
 
-// Counts a record.
 void add(Totals &totals, const Record &record, bool valid) {
     totals.bytes += record.length;
     totals.pointers += 1;
@@ -63,7 +61,7 @@ uint32_t next_in_use(uint32_t from) {
     return zel::memory::next_index(debug_heap.in_use, debug_heap.capacity, from);
 }
 
-// Visits every record in use, in the order of the indices. verbose: writes the rows.
+// Visits every record in use, in the order of the indices. verbose: also writes the rows.
 Totals walk_records(bool verbose) {
     Totals totals = {};
     for (uint32_t index = next_in_use(0); index < debug_heap.capacity; index = next_in_use(index + 1)) {

@@ -46,7 +46,7 @@ void *allocate_zeroed(size_t count, size_t size, const Caller &caller, OnFailure
     return block != nullptr ? memset(block, 0, bytes) : on_failure(bytes, caller);
 }
 
-// The entries that resize. A null pointer is allocated under the name of the resize.
+// The entries that resize. With a null pointer they allocate, under their own name.
 void *reallocate(void *pointer, size_t size, const Caller &caller, OnFailure on_failure = report_failure) {
     if (size == 0) {
         zel_free(pointer);

@@ -45,7 +45,7 @@
  *
  *   (1) The report names zel_malloc or zel_realloc, and zel_vprintf_strdup as function.
  *
- * What holds of every entry:
+ * Rules of every entry:
  *
  *   - Sizes are in bytes.
  *   - Storage is aligned as malloc aligns it; with the debug heap on, to a multiple of 8.
@@ -53,7 +53,8 @@
  *   - A pointer that is resized or released must be a multiple of 8. Any other ends the
  *     process with the error "ENTRY was passed an invalid pointer: 0x0000000C".
  *   - A failed request that is reported goes to the failure handler if one is installed.
- *     Its result is the entry's as it stands: nothing is cleared or copied into it.
+ *     The entry returns the handler's result as it is. It neither clears that storage
+ *     nor copies into it.
  *   - Without a failure handler the report is an error message, and the process ends.
  */
 #ifndef ZEL_MALLOC_ZEL_MALLOC_H
@@ -86,7 +87,7 @@ void *zel_malloc(size_t size, const char *function, const char *purpose);
  * - The caller releases the storage with zel_free. */
 void *zel_calloc(size_t count, size_t size, const char *function, const char *purpose);
 
-/* Resizes storage. The contents stay up to the smaller size; what is new is not
+/* Resizes storage. The contents stay up to the smaller size. Added bytes are not
  * initialised.
  * - pointer: storage from an entry of this library. Null allocates.
  * - size: the new size. 0 releases the pointer.
@@ -115,7 +116,7 @@ char *zel_strdup2(const char *a, const char *b, const char *function, const char
 /* ---- Formatted texts --------------------------------------------------------------- */
 
 /* Formats a text into new storage, as vprintf does.
- * - format, args: as for vprintf. args is used up.
+ * - format, args: as for vprintf.
  * - Returns the text; null when it cannot be formatted.
  * - A failed request is reported under zel_malloc or zel_realloc, with the function
  *   "zel_vprintf_strdup" and the purpose "buffer allocation" or "buffer resize".
@@ -125,7 +126,8 @@ char *zel_strdup2(const char *a, const char *b, const char *function, const char
  *   malloc serves as well; with it on any other pointer ends the process.
  * - The caller releases the text with zel_free.
  * - The storage starts at 16 bytes and grows; it holds at least one byte more than the
- *   text and its NUL. Clears errno. */
+ *   text and its NUL.
+ * - errno is cleared before each attempt. */
 char *zel_vprintf_strdup(const char *format, va_list args) __attribute__((format(printf, 1, 0)));
 
 /* Formats a text into new storage, as printf does.
@@ -166,7 +168,7 @@ char *zel_strdup2_fl(const char *a, const char *b, const char *name, int32_t lin
 /* Allocates an array that is not initialised, described by the macro's line and file.
  * - type: the type of an element.
  * - count: how many elements. The size in bytes is not tested for overflow.
- * - Is a pointer to the type; null for a count of 0. */
+ * - Gives a pointer to the type; null for a count of 0. */
 #ifdef __cplusplus
 #define ZEL_MALLOC_ARRAY(type, count)                                                                                  \
     (static_cast<type *>(                                                                                              \
@@ -205,7 +207,7 @@ void *zel_realloc_if_room(void *pointer, size_t size);
  * - pointer: storage from any entry of this library. Null: nothing happens. */
 void zel_free(void *pointer);
 
-/* Decides over a failed request instead of the error message.
+/* Called for a failed request instead of the error message.
  * - size: what the entry asked for, in bytes.
  * - message: the text of the report, valid during the call.
  * - Its result, null included, is the result of the entry. */

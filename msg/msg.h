@@ -39,8 +39,8 @@
  *     warning reports it. The message goes on to the other streams.
  *   - A write that a signal interrupts has failed. Install handlers with SA_RESTART,
  *     or the stream is dropped. A full non-blocking descriptor fails in the same way.
- *   - A text of up to 9998 characters needs no memory. A longer text does, and so does
- *     a message that a stream of the program writes while it is written to. A message
+ *   - A text of up to 9998 characters needs no memory. A longer text needs some. So does
+ *     a message within a message, which a stream of the program may write. A message
  *     that finds no memory is replaced by a fixed text on standard error.
  *   - The library closes no stream.
  *   - A stream may stand in several lists, and twice in one.
@@ -54,7 +54,7 @@
 #include <stdio.h>
 
 /* <sys/msg.h> may define MSG_INFO as 12, a command of msgctl. Here the name is the
- * message type, whichever header comes first. The command is written as 12 then. */
+ * message type, whichever header comes first. Write 12 in a call of msgctl. */
 #ifdef __has_include
 #if __has_include(<sys/msg.h>)
 #include <sys/msg.h>
@@ -142,7 +142,7 @@ typedef struct MsgStreamDesc {
  * - type: one MsgType.
  * - fmt_type: one MSG_FMT_TYPE.
  * - primary_only: not 0 marks the message primary-only.
- * - continuation: not 0 goes on after the last message; 0 begins a line of its own.
+ * - continuation: not 0 goes on in the line that is open; 0 begins a line of its own.
  * - prefix: the text that begins the message; null counts as "".
  * - format, args: as for vprintf.
  * - An unknown type ends the process with an error.
@@ -153,7 +153,7 @@ void _msg_output(int type, int fmt_type, int primary_only, int continuation, con
 /* Writes an informational line after the print prefix. */
 void msg_print(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
-/* Writes an informational line without a prefix of the call. The mp prefix stays. */
+/* Writes an informational line after the mp prefix alone. */
 void msg_print_no_prefix(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
 /* Writes informational text after the print prefix, wrapped. The line stays open. */
@@ -255,7 +255,7 @@ void msg_primary_fatal_syserr(const char *format, ...) __attribute__((noreturn, 
 /* Continues the last message with its type, layout, primary-only mark and indentation.
  * - The text goes on in the line that the last message left open. After a full line it
  *   begins a new line with the indentation.
- * - Continuations chain.
+ * - A continuation can be continued.
  * - A continuation before any message ends the process with an error. */
 void MSG_CONT(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
@@ -267,8 +267,8 @@ void msg_vcont(const char *format, va_list args) __attribute__((format(printf, 1
  * - The text has no prefix, is not wrapped and gets no newline.
  * - The formatted text is read as a format once more, without arguments. "%%" becomes
  *   "%". "%m" becomes the text of errno on entry. Other conversions stand as they are.
- * - A percent sign that must appear is "%%%%" in the format.
- * - A conversion that fails ends the text in front of it.
+ * - "%%%%" in the format writes one percent sign.
+ * - The text ends in front of a conversion that fails.
  * - Write errors are ignored. A failing stream stays in the list.
  * - Without a stream nothing is formatted.
  * - The formatted text is cut to 16383 characters.
@@ -282,10 +282,10 @@ void msg_diag(const char *format, ...) __attribute__((format(printf, 1, 2)));
  * - type_mask: a set of MsgType bits.
  * - stream: the stream; null is ignored.
  * - A list that cannot grow for lack of memory stays as it is, and a warning says so.
- * - A first list without memory ends the process with status 1. A report of the memory
- *   library has spare slots for it.
+ * - Without memory for the first slots of a list the process ends with status 1. A report
+ *   of the memory library takes spare slots instead.
  * - The stream stays the caller's. It must stay open while it is in a list.
- * - A message whose write a signal interrupts drops the stream, msg_diag apart: install
+ * - A write that a signal interrupts drops the stream, except in msg_diag. Install
  *   handlers with SA_RESTART. */
 void msg_add_stream(int type_mask, FILE *stream);
 
@@ -335,7 +335,7 @@ void msg_set_primary(int flag);
 /* Returns the primary flag as it was set; 1 at first. */
 int msg_is_primary(void);
 
-/* Returns the name of one type in the reports of the library, see the table above.
+/* Returns the name of one type, see the table above. The library's reports use it.
  * - type: one MsgType.
  * - An unknown type ends the process with an error. */
 const char *msg_type_name(int type);
@@ -361,7 +361,7 @@ char *msg_vformat_alloc(const char *format, va_list args, size_t initial_size) _
  *   error           errors and fatal errors, those of the library too  "Error: "
  *   internal-error  internal errors                                    "Internal error: "
  *
- * What holds of all of them:
+ * Rules of all prefixes:
  *
  * - A setter keeps a copy of its text. The text may be the prefix itself.
  * - A setter that finds no memory warns and leaves the prefix as it is.
@@ -414,7 +414,7 @@ void msg_set_width_limit(int32_t width);
 /* Returns the width limit in columns; 78 at first, 0 for no wrapping.
  * - The first call reads ZEL_MSGERR_WRAP, unless a width was set. The first message
  *   that is written makes this call too.
- * - A number from 1 to 32766 in the variable widens the limit. It never narrows it.
+ * - A number from 1 to 32766 in the variable widens the limit and never narrows it.
  * - Any other number turns wrapping off.
  * - A text without a number at its start changes nothing. */
 int32_t msg_get_width_limit(void);

@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// The output calls by name. Each fills in arguments of the core writer.
+// The output calls by name. Each fills in the arguments of the core writer.
 #include <msg/internal/prefix.h>
 #include <msg/msg.h>
 
@@ -10,7 +10,8 @@ using zel::msg::prefix_text;
 using zel::msg::PrefixKind;
 using zel::msg::state;
 
-// The body of an output call. va_start belongs into the function that has the arguments.
+// The body of an output call. A macro, because va_start must stand in the function that
+// takes the arguments.
 #define OUTPUT(type, fmt_type, primary_only, prefix, format)                                                           \
     do {                                                                                                               \
         va_list args;                                                                                                  \

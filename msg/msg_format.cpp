@@ -12,8 +12,8 @@
 
 namespace {
 
-// The storage of one text. A message within a message finds it taken. A message that a
-// stream leaves by longjmp or exit never gives it back.
+// The storage of one text. A message within a message finds it taken. It stays taken when
+// a stream leaves the message by longjmp or exit.
 struct TextArea {
     std::array<char, zel::kFirstTextSize> text;
     bool taken;

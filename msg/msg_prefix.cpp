@@ -67,8 +67,8 @@ zel::msg::PrefixInUse::PrefixInUse(const char *text) : prefix_(prefix_around(tex
     }
 }
 
-// Another address means that the text was replaced: a text that is read is not released,
-// so no other text can have its address.
+// The text is not released while it is read, so no other text takes its address. Another
+// address in the prefix means that a setter replaced the text.
 zel::msg::PrefixInUse::~PrefixInUse() {
     if (prefix_ == nullptr) {
         return;

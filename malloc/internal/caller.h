@@ -11,7 +11,7 @@ namespace zel::memory {
 // The form of a description, by its promised number.
 enum class Method : int32_t { function_purpose = 0, file_line = 1 };
 
-// The place of a request. Each form has one of the two.
+// The place of a request. Each form uses one of the two fields.
 struct Place {
     const char *function; // function/purpose form: the calling function, or null
     int32_t line;         // file/line form: the line of the call

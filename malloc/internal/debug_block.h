@@ -16,7 +16,7 @@ namespace zel::memory {
 // released.
 inline constexpr int kFillByte = 0xAB;
 
-// The magics of a header while its block is live and once it was released, and the
+// The magic of a header while its block is live, the magic after the release, and the
 // trailer.
 inline constexpr uint32_t kLiveMagic = 0x5739E56A;
 inline constexpr uint32_t kReleasedMagic = 0x7D2C5B7E;
@@ -27,21 +27,21 @@ struct Header {
     uint32_t magic;
 };
 
-// The size of the block for a request of that size. A size that has no block of its own
-// gives SIZE_MAX, which no system provides.
+// The size of the block for a request of that size. A size that leaves no room for the
+// guards gives SIZE_MAX, which no system provides.
 size_t debug_block_size(size_t size);
 
-// The user pointer of a block.
+// The user pointer of a block: the address behind its header.
 void *user_pointer_of(void *block);
 
-// The block of a user pointer.
+// The block of a user pointer: the address of its header.
 void *block_of(void *pointer);
 
 // Writes the header and the trailer of a live block with that many bytes of user data.
 void write_guards(void *pointer, size_t length, int32_t index);
 
-// Reads the header in front of a pointer of any value. Returns false when there is no
-// memory.
+// Reads the header in front of a pointer of any value. Returns false when the header
+// cannot be read.
 bool read_header(const void *pointer, const Reach &reach, Header *header);
 
 // Whether the trailer behind that many bytes of user data can be read and is intact.

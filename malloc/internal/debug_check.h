@@ -13,7 +13,8 @@ namespace zel::memory {
 const Record *valid_record(const void *pointer, const Reach &reach);
 
 // In the mode ZEL_MALLOC_VERIFY_HEAP: verifies the whole heap. Each corrupted block is a
-// warning; then an error ends the process. In the other modes nothing happens.
+// warning. After the last warning an error ends the process. In the other modes nothing
+// happens.
 void require_sound_heap(const Caller &caller);
 
 } // namespace zel::memory

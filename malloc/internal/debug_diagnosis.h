@@ -7,13 +7,13 @@
 
 namespace zel::memory {
 
-// The diagnosis of a pointer of any value. known: the record that it came from, or null.
-// in_release: whether the pointer is being released or resized. The text stands in a
-// static buffer until the next call.
+// The diagnosis of a pointer of any value. known: the record that holds the
+// pointer, or null. in_release: whether the pointer is being released or resized. The
+// text stands in a static buffer until the next call.
 const char *diagnose(const void *pointer, const Record *known, bool in_release);
 
-// The context of a call, from its description; "" when that says nothing. The text stands
-// in a static buffer until the next call.
+// The context of a call, from its description; "" without a function and a purpose. The
+// text stands in a static buffer until the next call.
 const char *context_text(const Caller &caller);
 
 } // namespace zel::memory

@@ -19,7 +19,7 @@ struct DebugHeap {
     Record *records;                    // the record table; it only grows
     IndexSet in_use;                    // the indices of the records in use
     uint32_t capacity;                  // records in the table
-    int32_t free_head = kEndOfFreeList; // the record released last, or kEndOfFreeList
+    int32_t free_head = kEndOfFreeList; // the first free record, or kEndOfFreeList
     size_t bytes_in_use;                // sum of the lengths of records in use
     int32_t free_report_threshold = -1; // in bytes; negative: no release is noted
 };

@@ -1,6 +1,6 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// The record table of the debug heap: allocations that are live, or that were released
-// and whose record was not used again.
+// The record table of the debug heap: live allocations, and released ones whose record
+// was not used again.
 #ifndef ZEL_MALLOC_INTERNAL_DEBUG_RECORDS_H
 #define ZEL_MALLOC_INTERNAL_DEBUG_RECORDS_H
 
@@ -31,14 +31,14 @@ struct Record {
 // Whether the allocation is live.
 bool is_in_use(const Record &record);
 
-// The record of an index; null when the index is negative, the capacity or more.
+// The record of an index; null when the index is outside the table.
 Record *record_at(int32_t index);
 
-// Sees to a free record: grows the table when it has none. Returns false without memory.
+// Grows the table when it has no free record. Returns false when there is still none.
 bool has_free_record();
 
-// Takes the record that was released last. has_free_record was asked before. Returns its
-// index.
+// Takes the head of the free list; has_free_record has made sure of one. Returns the
+// index of the record.
 int32_t take_record(Method method);
 
 // Puts a record in use at the head of the free list.

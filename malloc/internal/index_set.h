@@ -58,7 +58,7 @@ constexpr void erase_index(IndexSet &set, uint32_t index) {
     }
 }
 
-// The smallest member under a bit of a level. The bit is set.
+// The smallest member under a bit of a level. The bit must be set.
 constexpr uint32_t first_below(const IndexSet &set, uint32_t level, uint32_t bit) {
     while (level > 0) {
         --level;
@@ -67,9 +67,9 @@ constexpr uint32_t first_below(const IndexSet &set, uint32_t level, uint32_t bit
     return bit;
 }
 
-// The smallest member that is from or more; the capacity when there is none. The search
-// goes up until a word has a bit that is set, from its own place on, and then down to the
-// member.
+// The smallest member that is not below from; the capacity when there is none. The search
+// goes up the levels until the word at its position has a set bit at that position or
+// above. From that bit it goes down to the member.
 constexpr uint32_t next_index(const IndexSet &set, uint32_t capacity, uint32_t from) {
     if (from >= capacity) {
         return capacity;

@@ -7,13 +7,13 @@
 
 namespace zel::memory {
 
-// What a pointer that is resized or released must be a multiple of, on both targets.
+// A pointer that is resized or released must be a multiple of this, on both targets.
 inline constexpr uintptr_t kPointerAlignment = 8;
 
 // The digits of a pointer in a text: 8 on x86, 16 on x86-64.
 inline constexpr int kPointerDigits = static_cast<int>(2 * sizeof(void *));
 
-// Whether a pointer may be resized or released.
+// Whether a pointer has the alignment of a user pointer.
 inline bool is_aligned(const void *pointer) {
     return reinterpret_cast<uintptr_t>(pointer) % kPointerAlignment == 0;
 }

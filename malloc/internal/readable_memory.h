@@ -7,8 +7,8 @@
 
 namespace zel::memory {
 
-// Whether the kernel is asked about every address. The address sanitizer's allocator
-// keeps its blocks outside the system's heap.
+// Whether the kernel is asked about every address, as it is with the address sanitizer.
+// The sanitizer's allocator keeps its blocks outside the system's heap.
 #ifdef __has_feature
 #define ZEL_HAS_FEATURE(feature) __has_feature(feature)
 #else

@@ -10,16 +10,16 @@
 
 namespace zel::memory {
 
-// What the core remembers.
+// The state of the core.
 struct State {
     uint32_t total_requested; // the block sizes of all attempts, modulo 2 to the 32
-    bool allocation_called;   // set by the first attempt; then the debug heap stays off
+    bool allocation_called;   // set by the first attempt; a debug heap that is off then stays off
 };
 
 extern State state;
 
 // Allocates size bytes; asks the system for 0 bytes as well. Returns null with errno when
-// the system has no block or the debug heap no record.
+// the system provides no block, or no memory for the record of the debug heap.
 void *zel_malloc_core(size_t size, const Caller &caller);
 // Resizes storage to size bytes, not 0. Returns null with errno when the system cannot.
 void *zel_realloc_core(void *pointer, size_t size, const Caller &caller);

@@ -27,12 +27,14 @@ constexpr bool text_fits(int length, size_t size) {
     return length >= 0 && static_cast<size_t>(length) + 1 < size;
 }
 
-// Whether no attempt can succeed: the length is unknown, and errno asks for no more room.
+// Whether no attempt can succeed: the conversion failed with an error. With an errno of 0
+// or ERANGE a larger buffer may help.
 inline bool text_is_lost(int length) {
     return length < 0 && errno != 0 && errno != ERANGE;
 }
 
-// The size of the next attempt. An unknown length doubles the buffer.
+// The size of the next attempt. The buffer doubles when the length is unknown, or when
+// the text just filled it.
 constexpr size_t next_text_size(int length, size_t size) {
     const bool below = length < 0 || static_cast<size_t>(length) < size;
     return below ? size * 2 : static_cast<size_t>(length) + 2;

@@ -1,6 +1,6 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// The sizes that a build with shrunken constants makes tiny: its tests then see tables
-// grow and texts formatted more than once.
+// The sizes that a build with small constants shrinks: its tests see tables grow, and
+// texts formatted more than once.
 #ifndef ZEL_MSG_BASE_LIMITS_H
 #define ZEL_MSG_BASE_LIMITS_H
 
@@ -38,8 +38,8 @@ inline constexpr int32_t kLineTableSize = kSmall ? 1 : 64;
 // is framed in storage of its own.
 inline constexpr size_t kFramingSize = kSmall ? 8 : 8192;
 
-// Directories that a removal holds by descriptor. It opens those above them again on its
-// way back.
+// Directories that the removal of a tree holds open at a time: the innermost ones. It
+// opens an outer one again on its way back.
 inline constexpr size_t kHeldLevels = kSmall ? 2 : 32;
 
 // Killed companions that are remembered until their handle is closed. Each handle holds a

@@ -63,8 +63,8 @@ void write_out_earlier_streams() {
     }
 }
 
-// Opens and empties a log that is there. O_NONBLOCK: a FIFO under the name may have no
-// reader.
+// Opens and empties a log that is there. O_NONBLOCK: opening a FIFO without a reader
+// would wait.
 int open_older(const char *path) {
     const int fd = above_standard(open(path, O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
     if (fd == kNoDescriptor) {

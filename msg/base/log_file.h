@@ -12,7 +12,7 @@ namespace zel {
 // user with one link. Nothing else under the name is followed, waited for or changed. The
 // descriptor is above the standard ones and close-on-exec. The stream stays open until
 // the process ends. The buffers of this process's earlier log streams are written out
-// first: they would reach the emptied file otherwise. What cannot be written is
+// first: they would reach the emptied file otherwise. Text that cannot be written is
 // discarded.
 FILE *open_log_file(const char *path);
 

@@ -6,8 +6,8 @@
 
 namespace zel {
 
-// A report of the memory library is under way while such a record lives. Records may be
-// nested. A report that ends the process is still under way in the exit handlers.
+// A report of the memory library is under way while a MemoryReport lives. Such records
+// may be nested. A report that ends the process is still under way in the exit handlers.
 struct MemoryReport {
     MemoryReport();
     MemoryReport(const MemoryReport &) = delete;
@@ -18,7 +18,7 @@ private:
     const bool within_another_;
 };
 
-// Whether a report is under way.
+// Asked when memory has run out: a report then takes spare storage.
 bool memory_report_under_way();
 
 } // namespace zel

@@ -9,24 +9,24 @@
 
 namespace zel {
 
-// Returns the first characters of the text, at most all of them. substr of string_view
-// can throw, and the library is built without exceptions.
+// Returns the first length characters of the text, or all of a shorter text. substr of
+// string_view can throw, and the library is built without exceptions.
 constexpr std::string_view first_part(std::string_view text, size_t length) {
     return {text.data(), length < text.size() ? length : text.size()};
 }
 
-// Returns the text from the position on; from behind its end, an empty text.
+// Returns the text from the position on. A position behind its end gives an empty text.
 constexpr std::string_view part_from(std::string_view text, size_t position) {
     const size_t skipped = position < text.size() ? position : text.size();
     return {text.data() + skipped, text.size() - skipped};
 }
 
-// Copies what fits of the text into the target, without a NUL. Returns how many
+// Copies as much of the text as fits into the target, without a NUL. Returns how many
 // characters were copied.
 size_t copy_part(std::span<char> target, std::string_view text);
 
-// Formats into the buffer, cut to fit with its NUL. A conversion that fails ends the text
-// in front of it. Returns whether the whole text is there.
+// Formats into the buffer, cut to fit with its NUL. The text ends in front of a
+// conversion that fails. Returns whether the whole text is there.
 bool format_text(std::span<char> buffer, const char *format, ...) __attribute__((format(printf, 2, 3)));
 
 // format_text with an argument list.

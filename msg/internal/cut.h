@@ -9,7 +9,7 @@
 namespace zel::msg {
 
 // Returns how many characters of the rest go on the current line. room: the columns left
-// on the line; it may be negative. 0 moves the rest to the next line.
+// on the line; it may be negative. A result of 0 moves the rest to the next line.
 size_t break_point(std::string_view rest, ptrdiff_t room);
 
 // Returns how many spaces and tabs the text begins with.

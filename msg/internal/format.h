@@ -7,9 +7,9 @@
 
 namespace zel::msg {
 
-// Formats in the fixed area if it is free, else in storage from malloc. Returns null when
-// memory runs out or the format cannot be converted. A report of the memory library has
-// an area of its own for lack of memory. Clears errno.
+// Formats in the fixed area if that is free and the text fits, else in storage from
+// malloc. Returns null when memory runs out or the format cannot be converted. A report
+// of the memory library that finds no memory is formatted in a second area. Clears errno.
 char *format_message(const char *format, va_list args) __attribute__((format(printf, 1, 0)));
 
 // Releases a text of format_message.

@@ -11,8 +11,8 @@ namespace zel::msg {
 const char *prefix_text(PrefixKind kind);
 
 // Keeps the text of a prefix while a message reads it. A setter that replaces the text
-// does not release it then. The outermost message that reads the text releases it. A text
-// that belongs to no prefix is left alone.
+// does not release it then: the outermost message that reads the old text releases it. A
+// text that belongs to no prefix is left alone.
 struct PrefixInUse {
     // text: a prefix, or an address within it.
     explicit PrefixInUse(const char *text);

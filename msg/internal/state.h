@@ -1,6 +1,6 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// The state that the files of the message library share. The text areas of msg_format.cpp
-// and the log directory of diag_log.cpp stand in those files.
+// The state that the files of the message library share. The text areas stand in
+// msg_format.cpp, the log directory and the login name in diag_log.cpp.
 #ifndef ZEL_MSG_INTERNAL_STATE_H
 #define ZEL_MSG_INTERNAL_STATE_H
 
@@ -45,7 +45,7 @@ using SpareSlots = std::array<FILE *, kStreamListStep>;
 struct State {
     bool streams_ready;                             // set once, before the standard streams are added
     std::array<MsgStreamDesc, kTypeCount> streams;  // by bit number of the type
-    std::array<SpareSlots, kTypeCount> spare_slots; // first lists of a memory report without memory
+    std::array<SpareSlots, kTypeCount> spare_slots; // first slots, when a memory report finds no memory
     int32_t primary = 1;                            // primary-only messages are written while not 0
     int32_t column = 0;                             // characters on the current line, for all types and streams
     LastMessage last;
