@@ -33,8 +33,8 @@
  *   Threads     None. All state is process-wide and unguarded: one thread uses the
  *               runtime. A child made by fork inherits the state as it stands.
  *   errno       platform_perror and msg_diag keep it. The other output calls clear it.
- *               After a failure it says why where the declaration says so. Any other call
- *               may change it.
+ *               It holds the reason of a failure where the declaration says so. Any
+ *               other call may change it.
  *   Language    Every header compiles as C11 and as C++17 or later.
  */
 #ifndef ZEL_H

@@ -1,6 +1,6 @@
 /* Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
- * The start-up hook: a process that another one starts can be paused, or started again
- * under a debugger, from outside.
+ * The start-up hook: on request it pauses a process at its start, or starts it again
+ * under a debugger.
  *
  *   1. The program calls platform_debug_hooks before it does anything else.
  *   2. A developer states a request. The parent that starts the program need not change.
@@ -16,30 +16,30 @@
  *
  * A request stands in one of two places:
  *
- *   prog ARG... __ZEL_DEBUG__ REQUEST   The marker, in any case of letters, and all after
- *                                       it are cut. No diagnostics file is opened.
+ *   prog ARG... __ZEL_DEBUG__ REQUEST   The marker, in any case of letters, is cut with
+ *                                       all after it. No diagnostics file is opened.
  *   ZEL_DEBUG=REQUEST                   The variable is emptied first. The first program
  *                                       that calls the hook takes the request.
  *
- * A request is words between blanks or tabs. Its op may be in any case of letters:
+ * A request is words between blanks or tabs. The first is its op, in any case of letters:
  *
- *   delay [SECONDS]        Sleeps that long, 30 seconds without a number, and goes on.
+ *   delay [SECONDS]        Sleeps SECONDS, or 30 seconds without the word, and goes on.
  *   prompt [WORD...]       Writes the words, or "ZEL_DEBUG prompt>", to standard error,
  *                          takes one line of standard input and not a byte more, at most
  *                          254 characters, and goes on.
- *   using [COMMAND]        Becomes /bin/sh -c COMMAND. Without a command, and for an
- *                          empty request, it is the user's shell (SHELL, else tcsh).
+ *   using [COMMAND]        Becomes /bin/sh -c COMMAND. Without the words, and for an
+ *                          empty request, COMMAND is SHELL, or tcsh when that is unset.
  *   exec PROGRAM [ARG...]  Becomes the program. PATH is not searched.
  *
- * The started command finds the program in ZEL_EXE and "debug NAME" in ZEL_DEBUG_PROMPT.
- * ZEL_EXE_PARMS holds its own arguments, joined with single blanks: an argument that holds
- * a blank comes back as two.
+ * "using" and "exec" set three variables: ZEL_EXE to the program, ZEL_DEBUG_PROMPT to
+ * "debug " and its file name, ZEL_EXE_PARMS to its arguments, joined with single blanks.
+ * An argument that holds a blank comes back as two.
  *
  * A companion that is started without stdio_fds (zel_pair_connection.h) has no terminal,
- * also under the debugger. Start it with stdio_fds to debug it.
+ * not even under a debugger. Start it with stdio_fds to debug it.
  *
  * A process with rights that its caller lacks (set-user-ID and the like) sees no request.
- * The hook removes what directs the library from its environment: ZEL_DEBUG, ZEL_PERROR,
+ * The hook removes these variables from its environment: ZEL_DEBUG, ZEL_PERROR,
  * ZEL_DIAGNOSTICS_PATH, ZEL_DIAG_DIR, ZEL_DIST, ZEL_TMPDIR, TMP and TEMP.
  */
 #ifndef ZEL_COMPONENTS_PLATFORM_DEBUG_HOOKS_H
@@ -53,9 +53,9 @@ extern "C" {
 #pragma GCC visibility push(default)
 
 /* Looks for a request and carries it out. The program calls it before anything else.
- * - argc: the count. It becomes the index of a marker among the first 510 arguments.
- * - argv: the arguments. The entry of the marker becomes null.
- * - Returns without a request, and after "delay" and "prompt".
+ * - argc: the number of arguments. A marker makes it the marker's own index.
+ * - argv: the arguments. A marker is looked for up to argv[510] and becomes null.
+ * - Returns when there is no request, and after "delay" and "prompt".
  * - Otherwise the process becomes another program, or ends by exit(1) after a message.
  * - Without a marker the diagnostics destination is opened and the arguments are echoed
  *   (platform_diag_startup). */
@@ -71,7 +71,7 @@ void platform_debug_hooks_named(int32_t *argc, char **argv, const char *name);
  * - Returns after "delay" and "prompt" only.
  * - An unknown op, or a program that cannot be started, is a message on standard error
  *   and exit(1).
- * - It carries out its request also in a process with rights that its caller lacks. */
+ * - The request is carried out also in a process with rights that its caller lacks. */
 void platform_debug_op(const char *program, char **args_before, const char *request);
 
 #pragma GCC visibility pop

@@ -4,7 +4,7 @@
  *
  *   1. Read and set variables: platform_getenv, platform_setenv.
  *   2. After a system call that failed: platform_perror("what failed").
- *   3. The debug hook calls platform_diag_startup: it opens the diagnostics destination.
+ *   3. The debug hook calls platform_diag_startup to open the diagnostics destination.
  *
  * Example:
  *
@@ -18,7 +18,7 @@
  *
  *   ZEL_PERROR                        at the choice of the error-report stream, once
  *   ZEL_DIAGNOSTICS_PATH              at the choice of the diagnostics destination, once
- *   ZEL_TMPDIR, then TMP, then TEMP   the same, when the directory cannot be written
+ *   ZEL_TMPDIR, then TMP, then TEMP   then too, when that path is no writable directory
  *   ZEL_DIST                          on every call of platform_dist_name
  *
  * In a process with rights that its caller lacks (set-user-ID and the like) they count as
@@ -46,8 +46,8 @@ char *platform_getenv(const char *name);
 int platform_setenv(const char *name, const char *value);
 
 /* Reports a failed system call as the line "TEXT: SYSTEM ERROR TEXT".
- * - text: names what failed. The diagnostic line is read as a format twice (msg_diag): a
- *   percent sign in it must be doubled.
+ * - text: names what failed. msg_diag reads the finished line as a format once more: a
+ *   percent sign in text must be doubled.
  * - The error is the value of errno on entry. errno is kept.
  * - The line goes to every stream of MSG_DIAG, and to the error-report stream if one is
  *   chosen (platform_perror_init).
@@ -57,7 +57,7 @@ void platform_perror(const char *text);
 /* Chooses the error-report stream.
  * - It is standard output when ZEL_PERROR is set and not empty, whatever its value. Else
  *   there is none.
- * - Only the first call in a process acts. platform_perror makes it, too. */
+ * - Only the first call in a process acts. platform_perror calls it, too. */
 void platform_perror_init(void);
 
 /* Opens the diagnostics destination, and writes each argument as the diagnostic line
@@ -72,10 +72,9 @@ void platform_diag_startup(int32_t argc, char **argv, const char *name);
 /* Chooses the destination of diagnostic lines, and opens it.
  * - name: goes into the name of the diagnostics file. Null adds nothing.
  * - Only the first call in a process acts.
- * - A file that cannot be opened, or whose path exceeds 4095 characters, is left out
- *   without a report.
+ * - A file that cannot be opened, or a path above 4095 characters, is not reported.
  * - An existing file is taken only when it is a regular file of the effective user with a
- *   single link. Nothing else of its name is followed, waited for or changed.
+ *   single link. Any other entry of that name is not followed, waited for or changed.
  * - The file stays open until the process ends, above descriptor 2 and close-on-exec.
  * - It sleeps one second before it opens a file.
  *
@@ -85,8 +84,8 @@ void platform_diag_startup(int32_t argc, char **argv, const char *name);
  *   "stderr" or "2"             standard error; the word in any case of letters
  *   a directory                 the file zelYYMMDDHHMMSS<name>.log in it, created or
  *                               truncated
- *   any other text              the same file in the first set one of ZEL_TMPDIR, TMP
- *                               and TEMP, else in "/"
+ *   any other text              the same file in the directory ZEL_TMPDIR, TMP or TEMP,
+ *                               the first that is set, else in "/"
  *
  * - The time in the name is the local one. Its month counts from 00.
  * - A directory that the process may not write counts as any other text. */

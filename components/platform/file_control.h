@@ -16,12 +16,12 @@
  *       read_settings("settings");
  *   }
  *
- * What holds in the whole header, unless a declaration says otherwise:
+ * Rules of the whole header, unless a declaration says otherwise:
  *
  *   Results   1 for success or yes, 0 for failure or no.
  *   Null      A null path is treated like a path that does not exist.
- *   Paths     They are byte strings: blanks, newlines, leading dashes and bytes of no
- *             encoding are allowed. Relative ones start at the current directory.
+ *   Paths     A path is a byte string. Blanks, newlines, leading dashes and bytes of no
+ *             encoding are allowed. A relative path starts at the current directory.
  *   Buffers   A buffer for a whole path has room for 4097 bytes: 4096 characters and
  *             the NUL. A path may stand in the buffer of its own result.
  *   Storage   A result that is allocated comes from the memory library. The caller
@@ -82,7 +82,7 @@ typedef enum PlatformMode {
 /* Expands a shell pattern in a directory.
  * - dir: the directory. Special characters in it are expanded too.
  * - pattern: null or "" means "*".
- * - list: receives the paths, in order, each with dir in front.
+ * - list: receives the paths, sorted, each with dir in front.
  * - Returns 1, or 0 when nothing matches, list or dir is null, or dir is "".
  * - A result of 0 leaves the list as it was.
  * - The list belongs to the caller, who releases it with platform_glob_free. */
@@ -99,7 +99,7 @@ int platform_match(const char *name, const char *pattern);
 
 /* ---- Trees and files --------------------------------------------------------------------------------------------- */
 
-/* The services on trees that run a tool of the system, and wait for it:
+/* These services run a tool of the system and wait for it:
  *
  *   platform_remove_tree   rm -r -f PATH
  *   platform_copy_tree     cp -a FROM TO
@@ -132,7 +132,7 @@ int platform_move_tree(const char *from, const char *to);
  * - Returns 0 for a path that is refused, and at the first entry that cannot be removed.
  *   Entries that were removed before it stay removed.
  * - Returns 0 when an entry was added meanwhile; the directory is not empty then.
- * - Each directory is listed once: plain entries first, then hidden ones, each in order.
+ * - Each directory is listed once: plain entries first, then hidden ones, both sorted.
  * - A link is removed and never followed. Nothing outside the tree is removed, also while
  *   another process exchanges a directory of the tree for a link.
  * - A directory that another process moves out of the tree while it is being emptied is
@@ -144,9 +144,9 @@ int platform_move_tree(const char *from, const char *to);
 int platform_remove_dir(const char *path);
 
 /* Copies the bytes of a file.
- * - to: created with mode 0666 before the mask, or truncated.
+ * - to: created with mode 0666 less the process's mask, or truncated.
  * - Returns 1 when both files could be opened, also when a read or a write failed on the
- *   way. A caller that must know compares the sizes.
+ *   way. To learn whether the copy is whole, compare the sizes.
  * - Returns 0 when a file cannot be opened, or both are the same file. */
 int platform_copy_file(const char *from, const char *to);
 
@@ -157,8 +157,8 @@ int platform_copy_file(const char *from, const char *to);
  * - argv: its argument vector, ended by a null pointer.
  * - fds: null, or three descriptors. See the table.
  * - Returns the child's process number, or -1 when no child can be made.
- * - A program that cannot be executed is a child that ends with status 127. So is a child
- *   whose standard descriptors find no room at the limit of descriptors.
+ * - A child that cannot execute the program ends with status 127. So does a child whose
+ *   standard descriptors find no room at the limit of descriptors.
  * - The caller waits for the child (platform_wait_child).
  * - Output streams are flushed first.
  *
@@ -186,7 +186,7 @@ int32_t platform_spawnl_quiet(const char *file, const char *arg0, ...) __attribu
 
 /* Tells the current directory.
  * - buf: receives it. Null allocates 4097 bytes, of which 4096 are used.
- * - size: the bytes of buf. It does not count when buf is null.
+ * - size: the bytes of buf. It is ignored when buf is null.
  * - Returns the buffer, or null with errno. */
 char *platform_get_cwd(char *buf, size_t size);
 
@@ -205,9 +205,9 @@ char *platform_resolve(const char *path, char *buf);
  *   the work goes on from where the process is.
  * - buf: as for platform_resolve.
  * - Returns the buffer, or null with errno when the path cannot be resolved.
- * - A current directory that has no name is not left, since no path leads back: it was
- *   removed, or its name has more than 4095 characters. Its failure is reported as
- *   "platform_set_cwd". Then an absolute path is resolved, and any other gives null. */
+ * - The process does not leave a current directory that was removed, or whose name has
+ *   more than 4095 characters: no path leads back. The report is "platform_set_cwd".
+ *   Then an absolute path is resolved, and any other gives null. */
 char *platform_resolve_in(const char *dir, const char *path, char *buf);
 
 /* Resolves a path into a static buffer, which every call overwrites.
@@ -281,11 +281,11 @@ int platform_is_executable(const char *path);
 int platform_is_dir(const char *path);
 
 /* Tells when a file was modified.
- * - Returns the time in seconds since 1970, or 0 when it is not known. */
+ * - Returns the time in seconds since 1970, or 0 when the status cannot be read. */
 int64_t platform_mtime(const char *path);
 
 /* Tells the size of a file.
- * - Returns the size in bytes, or -1 when it is not known. */
+ * - Returns the size in bytes, or -1 when the status cannot be read. */
 int64_t platform_file_size(const char *path);
 
 /* Tells the login name of a file's owner.
@@ -311,7 +311,7 @@ int platform_remove_file(const char *path);
  * - Returns 1 when it did, else 0. */
 int platform_rename(const char *from, const char *to);
 
-/* Makes a directory of mode 0777 before the mask.
+/* Makes a directory of mode 0777 less the process's mask.
  * - Returns 1 when it did, else 0. */
 int platform_mkdir(const char *path);
 

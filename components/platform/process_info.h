@@ -33,9 +33,8 @@ int32_t platform_getpid(void);
  * - pid: the process number.
  * - Returns 1 when /proc/PID can be opened, else 0. No report is made.
  * - A process that has ended exists until its parent waits for it.
- * - With no descriptor free every process "does not exist": the result is 0. So it is
- *   without /proc. A caller near its limit of descriptors must not take 0 for the end of
- *   a process. */
+ * - With no descriptor free, or without /proc, the result is 0 for every process. Near
+ *   its limit of descriptors a caller must not take 0 for the end of a process. */
 int platform_process_exists(unsigned long pid);
 
 /* Tells how much memory a process uses.
@@ -48,8 +47,8 @@ int platform_process_exists(unsigned long pid);
  *   results are left as they were.
  * - A command name with a blank in it shifts the fields of the entry. The sizes are wrong
  *   then, and the result is still 1.
- * - Limits: on 32-bit x86 the virtual size is computed in 32 bits. A size beyond them, as
- *   a process of 64 bits may have, comes out as 0. */
+ * - Limits: on 32-bit x86 the virtual size is computed in 32 bits. A size that
+ *   does not fit, as a process of 64 bits may have, comes out as 0. */
 int platform_process_memory(int32_t pid, uint64_t *virtual_kb, uint64_t *resident_kb);
 
 #pragma GCC visibility pop

@@ -11,7 +11,7 @@
  *
  * - The bytes of a line do not hold CR LF. A CR that no LF follows is part of its line.
  * - A further line is never empty. An empty one is the end of the message.
- * - A line ends at its first NUL for the handler. A NUL hides the rest of its line.
+ * - A NUL hides the rest of its line from the handler.
  *
  * Steps:
  *
@@ -19,7 +19,7 @@
  *   2. Serve with platform_message_loop(fd, handler, NULL, 0), until the handler returns
  *      0 or the peer closes. Or take one message at a time with platform_get_one_message.
  *   3. Answer with platform_send_message(fd, "done", "12", (char *) NULL).
- *   4. platform_msgbuf_reset between two connections; at the end
+ *   4. Call platform_msgbuf_reset between two connections. At the end call
  *      platform_msgbuf_set(NULL) and platform_msgbuf_free.
  *
  * Example of a handler:
@@ -34,14 +34,11 @@
  *
  * Traps:
  *
- * - The loop reads ahead. It receives up to 8192 bytes at a time, and what follows a
- *   message stays in the buffer. A value that the peer sends right after a message is
- *   swallowed: no recv on the socket finds it. Send the value as a line of the message,
- *   or send it after the receiver has acknowledged the message. zel_pair_connection.h
- *   shows a complete example.
- * - A peer can end its receiver. A message that does not fit into the buffer, or that has
- *   more than PLATFORM_MAX_MESSAGE_LINES lines, is an assertion that aborts the receiving
- *   process.
+ * - The loop reads ahead, up to 8192 bytes at a time. Data that follows a message stays
+ *   in the buffer: no recv on the socket finds it. Send a value as a line of the message,
+ *   or after the receiver's acknowledgement (see the example in zel_pair_connection.h).
+ * - A peer can end its receiver. A message that does not fit into the buffer, or has more
+ *   than PLATFORM_MAX_MESSAGE_LINES lines, is an assertion that aborts the receiver.
  * - Sending checks no line. A text with CR LF in it, and an empty further line, make the
  *   receiver take the bytes after them for other lines or messages.
  *
@@ -65,10 +62,10 @@ extern "C" {
 #endif
 #pragma GCC visibility push(default)
 
-/* Declared by <netdb.h>, which does not show it to a strictly conforming C program. */
+/* <netdb.h> does not declare it to a strictly conforming C program. */
 struct addrinfo;
 
-/* Lines of one message at most. A line table has one entry more. */
+/* The most lines of one message. A line table has one entry more. */
 #define PLATFORM_MAX_MESSAGE_LINES 32768
 
 /* Results below 0 of the accept calls, platform_select_recv and platform_recv_guarded. */
@@ -90,7 +87,7 @@ typedef struct MsgBuf {
 extern MsgBuf *gMsgBuf;
 
 /* A message handler of the program.
- * - socket: the one that was given to the operation.
+ * - socket: the socket that was given to the message call.
  * - first_line: the first line of the message.
  * - lines: the further lines, a null pointer after the last.
  * - Result: not 0 goes on, 0 stops platform_message_loop.
@@ -108,11 +105,10 @@ typedef int (*PlatformIdle)(void);
 /* ---- The receive buffer ------------------------------------------------------------------------------------------ */
 
 /* Creates an empty buffer.
- * - size: bytes of storage. It must be larger than the largest message and the up to 8192
- *   bytes that may have arrived after it.
- * - Result: the buffer.
- * - Errors: no memory ends the process with an error.
- * - Ownership: the caller's, until platform_msgbuf_free. */
+ * - size: bytes of storage. It must be larger than the largest message plus 8192, the
+ *   most bytes that one receive takes.
+ * - Result: the buffer. It is the caller's, until platform_msgbuf_free.
+ * - Errors: no memory ends the process with an error. */
 MsgBuf *platform_msgbuf_create(int32_t size);
 
 /* Drops the data in the buffer. Result: the buffer. */
@@ -136,12 +132,11 @@ void platform_msgbuf_set(MsgBuf *buffer);
  */
 
 /* Hands every message that arrives to the handler.
- * - handler: its result 0 ends the loop. idle: may be null.
+ * - idle: may be null.
  * - drain_first: not 0 first reads and drops the data that waits on the socket.
  * - Ends when the handler returns 0, the peer closes or receiving fails.
  * - Errors: without a current buffer it warns and receives no message. Otherwise as
  *   platform_get_one_message.
- * - Reads ahead: data that follows a message is in the buffer, not in the socket.
  * - Blocks while the peer is quiet. */
 void platform_message_loop(int socket, PlatformMessageHandler handler, PlatformIdle idle, int drain_first);
 
@@ -172,8 +167,8 @@ int platform_recv_messages(int socket);
 int platform_process_messages(int socket, PlatformMessageHandler handler);
 
 /* Parses the first message in the data.
- * - data, length: the bytes. In a complete message the CR of every line, and the closing
- *   one, becomes NUL.
+ * - data, length: the bytes. In a complete message the CR of every line, the empty one
+ *   too, becomes NUL.
  * - line_table: PLATFORM_MAX_MESSAGE_LINES + 1 entries. Gets the start of each line, then
  *   a null pointer.
  * - Result: the bytes that the message occupies; 0, with the data untouched, when no
@@ -203,18 +198,17 @@ int platform_send_message(int socket, const char *first, ...) __attribute__((sen
  *   wait is 0 and nothing is there.
  * - Errors: PLATFORM_SOCKET_FAILED when the peer closed, the wait failed (reported as
  *   "select failed") or the receive failed.
- * - Limits: none for the descriptor's number. It may be above FD_SETSIZE. */
+ * - Limits: none for the descriptor's number, which may exceed FD_SETSIZE. */
 int platform_select_recv(int socket, void *buffer, int32_t length, int wait, PlatformIdle idle);
 
 /* Sends the whole buffer, in as many sends as that takes.
  * - buffer, length: the data. A length below 1 returns 0.
  * - Result: length.
- * - Errors: -1 with errno at the first send that fails. How much went out before it is
- *   not told.
+ * - Errors: -1 with errno at the first send that fails. The count sent before is unknown.
  * - Blocks while the peer does not read.
  * - A signal whose handler was installed without SA_RESTART ends a send that waits: -1,
- *   EINTR. A send that has moved part of its bytes by then does not fail, and the rest is
- *   sent on. So a timer that is to limit the call must repeat. */
+ *   EINTR. A send that has moved part of its bytes by then does not fail, and the call
+ *   goes on with the rest. A timer that is to limit the call must therefore repeat. */
 int platform_send_all(int socket, const void *buffer, int32_t length);
 
 /* Receives once.
@@ -227,38 +221,35 @@ int platform_recv_guarded(int socket, void *buffer, int32_t length);
 /* ---- Connections ------------------------------------------------------------------------------------------------- */
 
 /* Opens a TCP socket that listens on localhost.
- * - first_port, end_port: the range. The first free port is taken; end_port is not in it.
- *   Port 0 lets the system choose.
+ * - first_port, end_port: the range, without end_port. Its first free port is taken. Port
+ *   0 lets the system choose.
  * - chosen_port: gets the port, 0 for one that the system chose; may be null.
  * - Result: the descriptor.
- * - Errors: -1 after the report "server sock open failed " when no port is free or the
- *   range is empty. */
+ * - Errors: -1 after the report "server sock open failed " when no port was opened. */
 int platform_server_socket_open(int first_port, int end_port, int *chosen_port);
 
 /* Waits for one connection, then closes the listening socket.
  * - seconds: the longest wait. An interruption starts the full time again.
- * - Result: the connected descriptor; PLATFORM_SOCKET_NOT_READY when nobody connected in
- *   time.
+ * - Result: the connected descriptor; PLATFORM_SOCKET_NOT_READY after that time.
  * - Errors: PLATFORM_SOCKET_FAILED when the wait (reported as "select failed") or the
  *   accept failed.
  * - Ownership: the listening socket stays open when nobody connected or the wait failed.
  *   A failed accept closes it. */
 int platform_accept_timeout(int listening, int seconds);
 
-/* Accepts one connection and closes the listening socket.
+/* Accepts one connection and closes the listening socket, also after a failure.
  * - Result: the connected descriptor.
- * - Errors: PLATFORM_SOCKET_FAILED with errno. It closes the listening socket then too.
+ * - Errors: PLATFORM_SOCKET_FAILED with errno.
  * - Blocks until somebody connects. */
 int platform_accept_once(int listening);
 
 /* Accepts one connection. The listening socket stays open.
  * - address: gets at most 16 bytes of the peer's address; may be null.
- * - address_length: gets the length of the address; may be null. Untouched when address
- *   is null.
+ * - address_length: gets its length; may be null. Without address it is left alone.
  * - Result: the connected descriptor.
  * - Errors: PLATFORM_SOCKET_FAILED with errno. Each failed accept is reported as
  *   "accept". After EINTR and EAGAIN it is tried again, up to 500 attempts in all.
- * - Blocks. */
+ * - Blocks until somebody connects. */
 int platform_accept_retry(int listening, struct sockaddr *address, socklen_t *address_length);
 
 /* Connects to a host by TCP over IPv4.
@@ -280,9 +271,9 @@ int platform_connect_host(const char *host, int port);
  * - Errors: -1 with the errno of the call that failed.
  * - Ownership: the list stays the caller's.
  * - A signal whose handler was installed without SA_RESTART ends the attempt on one
- *   address, and the next address is tried. When all fail, errno is EINTR. On the socket
- *   of an interrupted attempt the next one may wait for the same peer: each address may
- *   take a signal of its own. */
+ *   address, and the next address is tried. When all fail, errno is EINTR. All attempts
+ *   share one socket: the one after an interruption may wait for the same peer. A timer
+ *   that is to limit the call must therefore repeat. */
 int platform_socket_open(const struct addrinfo *list, int server, int backlog);
 
 /* Shuts the socket down in both directions and closes it. Result: that of close. */

@@ -15,7 +15,7 @@
  *
  * The companion, early in its start-up:
  *
- *   1. platform_pair_child_open with the same name.
+ *   1. platform_pair_child_open opens its end under the same name.
  *   2. platform_pair_ok and error_text tell whether that worked.
  *   3. It serves its parent until the stream ends.
  *
@@ -106,25 +106,22 @@
  *
  * Traps:
  *
- * - The message loop reads ahead. A value sent right after a message is swallowed by the
- *   receiver's buffer. Wait for an acknowledgement, as the example does, or send the
- *   value as a line of the message.
+ * - The message loop reads ahead and swallows a value sent right after a message. Wait
+ *   for an acknowledgement, as the example does, or send the value in a line.
  * - platform_pair_kill_child waits for ever for a companion that ignores SIGTERM or is
  *   stopped. End a companion as the example does.
  * - On a non-blocking pair the end of the stream and EAGAIN are both the result 0. Set
- *   errno to 0 before platform_pair_recv: EAGAIN leaves it at EAGAIN, the end of the
- *   stream at 0.
- * - With no descriptor free, or without /proc, every process "does not exist":
- *   platform_pair_companion_alive is 0 then for a companion that lives.
+ *   errno to 0 before platform_pair_recv. It stays 0 at the end of the stream.
+ * - With no descriptor free, or without /proc, platform_pair_companion_alive is 0 for a
+ *   companion that lives.
  * - A peer can end its receiver by a message that is too long (socket.h).
  * - A NUL in a line of a message hides the rest of the line (socket.h).
  * - A companion inherits NAME_HYBRID like any other variable and takes its descriptor for
  *   a port. A parent unsets it before it opens a local pair under NAME.
- * - Without stdio_fds a companion has no terminal, under a debugger neither.
+ * - Without stdio_fds a companion has no terminal, not even under a debugger.
  *
  * Invariant: a handle is valid precisely when it is not null and its field self points at
- * the record itself. Every operation that takes a handle asserts that and aborts the
- * process otherwise, except platform_pair_valid and platform_pair_describe.
+ * it. A call with any other aborts, save platform_pair_valid and platform_pair_describe.
  */
 #ifndef ZEL_COMPONENTS_PLATFORM_ZEL_PAIR_CONNECTION_H
 #define ZEL_COMPONENTS_PLATFORM_ZEL_PAIR_CONNECTION_H
@@ -144,19 +141,18 @@ typedef enum PlatformPairKind {
     PLATFORM_PAIR_KIND_HYBRID = 13 /* "pid-rtx_fd_w" */
 } PlatformPairKind;
 
-/* The field error_number of a handle, where it is no number of the system. */
+/* The values of the field error_number that are no error numbers of the system. */
 typedef enum PlatformPairError {
     PLATFORM_PAIR_BAD_VARIABLE = -1, /* the variable does not begin with two numbers */
     PLATFORM_PAIR_HEALTHY = 0        /* no error so far */
 } PlatformPairError;
 
-/* The field child_exit_status of a handle, outside the range of exit codes. */
+/* The value of the field child_exit_status that is no exit code. */
 typedef enum PlatformPairStatus {
     PLATFORM_PAIR_STATUS_UNKNOWN = 256 /* the companion has not been reaped */
 } PlatformPairStatus;
 
-/* One end of a pair.
- * - Ownership: made by the open operations, released by platform_pair_close alone. */
+/* One end of a pair. The open calls make it, platform_pair_close alone releases it. */
 typedef struct PairHandle {
     int32_t companion_pid;      /* the process at the other end; 0 until known */
     int32_t parent;             /* 1 on the parent's side, 0 on the companion's */
@@ -194,7 +190,7 @@ typedef struct PairHandle {
 
 /* Creates the pair and starts the companion.
  * - env_name: the variable that carries the companion's end.
- * - ignore_sigpipe: not 0 makes the parent ignore SIGPIPE from now on.
+ * - ignore_sigpipe: not 0 makes the parent ignore SIGPIPE once the companion is forked.
  * - blocking: 0 puts both ends into non-blocking mode.
  * - file: the program, searched along PATH.
  * - stdio_fds: the companion's standard descriptors, see the table. Each is closed in the
@@ -204,12 +200,12 @@ typedef struct PairHandle {
  * - Errors: in the handle, see the table. A fork that fails by EAGAIN is tried up to 31
  *   times. No memory for the handle ends the process with an error. A 257th text is an
  *   assertion that aborts.
- * - A program that cannot be executed is a child that ends by exit(1). So is one whose
+ * - A companion that cannot execute its program ends by exit(1). So does one whose
  *   standard descriptors find no room at the limit of descriptors.
- * - In such a child the parent's exit handlers run. A handler that is for the parent
+ * - Such a companion runs the parent's exit handlers. A handler that is for the parent
  *   alone compares getpid() with the number that the parent noted.
- * - In such a child every descriptor that can be read from and has a position is
- *   /dev/null. The parent reads its files on where it was.
+ * - Such a companion has /dev/null in place of every descriptor that can be read from and
+ *   has a position. The positions of the parent's files do not move.
  * - State: output streams are flushed before the fork. The parent's end is
  *   close-on-exec. */
 PairHandle *platform_pair_parent_open_lp(const char *env_name, int ignore_sigpipe, int blocking, const char *file,
@@ -223,18 +219,16 @@ PairHandle *platform_pair_parent_open_vp(const char *env_name, int ignore_sigpip
 /* Opens the companion's end.
  * - env_name: the variable that carries it.
  * - ignore_signals: not 0 ignores SIGHUP, SIGINT, SIGQUIT, SIGABRT, SIGPIPE, SIGTERM and
- *   SIGURG from now on. A number that is a port leaves all signals as they are.
- * - blocking: kept in the handle. For a number that is a port, not 0 makes the socket
- *   block.
+ *   SIGURG from now on. With a port all signals stay as they are.
+ * - blocking: kept in the handle. With a port, not 0 makes the socket block.
  * - Result: a handle in every case. Its descriptors are -1 after a failure.
- * - Errors: in the handle, see the table. No memory for the handle ends the process with
- *   an error.
- * - Without the variable platform_pair_ok is 1 on purpose. Test error_text too. */
+ * - Errors: in the handle, see the table. Without memory for it the process ends.
+ * - Without the variable or a tag platform_pair_ok is 1: test error_text too. */
 PairHandle *platform_pair_child_open(const char *env_name, int ignore_signals, int blocking);
 
 /* Tells whether a handle is valid.
  * - ph: any pointer to readable storage, or null.
- * - Result: 1 when it is not null and intact, else 0. It never asserts. */
+ * - Result: 1 for a valid handle, else 0. */
 int platform_pair_valid(const PairHandle *ph);
 
 /* ---- Transfers -----------------------------------------------------------------------------------------------------
@@ -266,24 +260,22 @@ int32_t platform_pair_recv(PairHandle *ph, void *buffer, int32_t length);
 /* Tells whether the process at the other end lives.
  * - Result: 1 while it lives, else 0.
  * - Parent: a companion that has ended is reaped, its exit status and signal go into the
- *   handle, and the result is 0. A child that somebody else waited for counts as alive
- *   until its number is gone.
+ *   handle, and the result is 0. A child that other code waited for counts as alive
+ *   while another process has its number.
  * - Kind PLATFORM_PAIR_KIND_HYBRID: 1 always for a companion, and for a parent whose
  *   companion_pid is 0.
- * - Limit: the process is looked for in /proc, which takes a free descriptor. Without
- *   one, or without /proc, the result is 0, and nobody is reaped. */
+ * - Limits: without /proc or a free descriptor the result is 0, and nobody is reaped. */
 int platform_pair_companion_alive(PairHandle *ph);
 
 /* Ends the companion by platform_kill_and_reap.
  * - Result: that of platform_kill_and_reap. On the companion's side 0.
- * - Blocks until the companion has ended: for ever when it ignores SIGTERM or is stopped.
- *   The example at the head of this header shows an ending that cannot hang.
+ * - Blocks until the companion has ended, for ever when it ignores SIGTERM or is stopped.
  * - When the fields already hold the companion's end, or an earlier call waited for it,
  *   nobody is signalled and the result is 0. The number may belong to another process by
  *   then.
- * - Until its program runs, a companion has the signal handlers of its parent. A parent
- *   that handles SIGTERM hears from its companion first. Otherwise the handler may use
- *   the signal up, and the wait has no end.
+ * - Until its program runs, a companion has the signal handlers of its parent. Such a
+ *   handler may use the SIGTERM up, and the wait has no end. A parent that handles
+ *   SIGTERM makes this call only after its companion has sent something.
  * - State: the status fields of the handle stay as they are. */
 int platform_pair_kill_child(PairHandle *ph);
 
@@ -299,7 +291,7 @@ int platform_pair_close(PairHandle *ph);
  * - ph: a damaged handle or null is described too.
  * - buffer: 2048 bytes, or null for a static buffer that every such call overwrites.
  * - Result: the buffer.
- * - With error_text set the text is "zel: ", error_text, and nothing else. */
+ * - With error_text set the text is "zel: " and error_text alone. */
 char *platform_pair_describe(const PairHandle *ph, char *buffer);
 
 /* ---- The fields of a handle -------------------------------------------------------------------------------------- */
@@ -325,7 +317,7 @@ int32_t platform_pair_tx_fd(const PairHandle *ph);
 /* Result: companion_pid, the number of the process at the other end; 0 until known. */
 int32_t platform_pair_companion_pid(const PairHandle *ph);
 
-/* Result: child_exit_status; PLATFORM_PAIR_STATUS_UNKNOWN until it was reaped. */
+/* Result: child_exit_status; PLATFORM_PAIR_STATUS_UNKNOWN before the child is reaped. */
 int32_t platform_pair_child_exit_status(const PairHandle *ph);
 
 /* Result: child_term_signal, the signal that ended the companion; 0 if none. */
@@ -335,12 +327,12 @@ int32_t platform_pair_child_term_signal(const PairHandle *ph);
 int32_t platform_pair_hybrid_environment(const PairHandle *ph);
 
 /* Result: the system's text for error_number.
- * - Ownership: the C library's, valid until its next such text. */
+ * - Ownership: the C library's. Its next error text may overwrite it. */
 const char *platform_pair_errstr(const PairHandle *ph);
 
 /* ---- Waiting for processes --------------------------------------------------------------------------------------- */
 
-/* waitpid without blocking.
+/* Calls waitpid without blocking.
  * - pid: the child.
  * - exit_code: zeroed first; gets the exit code of a child that ended by exit. May be
  *   null.
@@ -348,7 +340,7 @@ const char *platform_pair_errstr(const PairHandle *ph);
  * - Result: that of waitpid: pid when it was reaped, 0 while it runs, -1 with errno. */
 int32_t platform_wait_nohang(int32_t pid, int32_t *exit_code, int32_t *signal);
 
-/* waitpid, again after every interruption.
+/* Calls waitpid, and calls it again after every interruption.
  * - pid: the child.
  * - status: gets the wait status; may be null.
  * - Result: pid.
@@ -360,14 +352,13 @@ int32_t platform_wait_child(int32_t pid, int32_t *status);
 /* Sends SIGTERM, or SIGKILL when SIGTERM cannot be sent, and waits for the process.
  * - pid: below 1 nobody is signalled.
  * - Result: 1; 0 when no signal could be sent.
- * - Blocks until the process has ended, for ever when it ignores SIGTERM or is stopped.
- *   There is no escalation to SIGKILL after a time. */
+ * - Blocks until the process ends, for ever when it ignores SIGTERM or is stopped. */
 int platform_kill_and_reap(int32_t pid);
 
 /* Opens the shared descriptor on /dev/null, for reading and writing.
  * - Result: the descriptor. It is above the standard descriptors, and programs do not
  *   inherit it.
- * - Errors: -1 when it cannot be opened there.
+ * - Errors: -1 when it cannot be opened.
  * - Ownership: each open counts a reference, given back by platform_null_fd_close. */
 int platform_null_fd_open(void);
 

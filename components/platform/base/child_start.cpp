@@ -21,8 +21,8 @@ bool is_open(int fd) {
     return fcntl(fd, F_GETFD) != -1;
 }
 
-// Copies a standard descriptor away that is to stand in another place. Its own place may
-// be taken before it is used.
+// A source may be a standard descriptor of another place. It is copied above the
+// standard ones, since another source may replace it before its turn.
 Standards lift_moved_standards(const Standards &standards) {
     Standards sources = standards;
     for (int place = 0; place < kStandardCount; ++place) {
@@ -54,8 +54,8 @@ bool put_in_place(const Standards &sources, size_t place) {
     return true;
 }
 
-// A stream stays open when it stands on a standard descriptor, because the parent had
-// none.
+// A stream gets the number of a standard descriptor when the parent had closed that one.
+// Then it stays open.
 void close_unless_standard(FILE *stream) {
     if (stream != nullptr && fileno(stream) >= kStandardCount) {
         fclose(stream);
@@ -79,8 +79,8 @@ void take_pending(const sigset_t &signals) {
     }
 }
 
-// The flush raises no SIGPIPE in the program, which did not write. The mask and the
-// disposition are as before: an ignored signal would stay ignored in the companion.
+// Flushes the output streams. SIGPIPE is blocked meanwhile, and one that the flush raised
+// is taken away. It is not ignored: an ignored signal would stay ignored in a child.
 void flush_output() {
     const ErrnoKept kept;
     sigset_t sigpipe;

@@ -11,8 +11,8 @@ namespace zel {
 // The descriptors of the parent that become a child's standard input, output and error.
 using Standards = std::array<int, 3>;
 
-// In the parent, before it opens anything for the child: takes the three descriptors. An
-// entry that is not open becomes the parent's own of that place. errno is kept.
+// In the parent, before it opens anything for the child: returns the three descriptors.
+// One that is not open becomes the parent's own of its place. errno is kept.
 Standards choose_standards(const int descriptors[3]);
 
 // fork, with the output streams flushed first: a child that leaves by exit prints nothing
@@ -20,7 +20,7 @@ Standards choose_standards(const int descriptors[3]);
 // fork fails.
 int32_t fork_flushed();
 
-// In the child: makes the three its standard input, output and error. Each is closed
+// In the child: makes the descriptors its standard input, output and error. Closes each
 // after its last use. Returns whether each stands in its place.
 bool redirect_standard(const Standards &standards);
 

@@ -17,7 +17,7 @@ namespace {
 
 constexpr int kStandardCount = 3;
 
-// A file, known by its device and number. No file when both are 0.
+// A file, known by its device and inode. Both are 0 for no file.
 struct File {
     dev_t device;
     ino_t inode;
@@ -55,8 +55,8 @@ Readiness wait_with_select(int fd, long seconds, long microseconds) {
     return readiness_of(select(fd + 1, &readable, nullptr, nullptr, &timeout));
 }
 
-// For a descriptor at or above FD_SETSIZE, which no descriptor set holds. ppoll, because
-// its time-out has the range of select's; that of poll is an int of milliseconds.
+// For a descriptor at or above FD_SETSIZE, which no descriptor set holds. The time-out of
+// ppoll has the range of select's. That of poll is an int of milliseconds.
 Readiness wait_with_poll(int fd, long seconds, long microseconds) {
     struct pollfd entry = {.fd = fd, .events = POLLIN, .revents = 0};
     const struct timespec timeout = {.tv_sec = seconds, .tv_nsec = microseconds * 1000};

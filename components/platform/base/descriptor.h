@@ -5,14 +5,13 @@
 
 namespace zel {
 
-// Sets the mode of a descriptor. Returns 0, or -1 with errno.
+// Sets the blocking mode of a descriptor. Returns 0, or -1 with errno.
 int set_blocking(int fd, bool blocking);
 
 // Makes the descriptor close-on-exec. errno is kept.
 void set_close_on_exec(int fd);
 
-// Takes back the mark of set_close_on_exec from a standard descriptor that still leads to
-// the same file.
+// Undoes set_close_on_exec on a standard descriptor that still leads to the same file.
 void clear_own_close_on_exec(int fd);
 
 // Closes the descriptor and keeps errno.
@@ -27,8 +26,8 @@ int above_standard(int fd);
 
 enum class Readiness { ready, timeout, failed };
 
-// Waits until the descriptor can be read, at most that long. A failure leaves its errno,
-// EINTR among them.
+// Waits until the descriptor can be read, at most that long. A failure sets errno. An
+// interruption is the failure EINTR.
 Readiness wait_readable(int fd, long seconds, long microseconds);
 
 // Whether the error is EINTR or EAGAIN: the call that failed is to be tried again.

@@ -21,8 +21,8 @@ int64_t milliseconds_now() {
 
 } // namespace
 
-// The clock decides whether to sleep again. The result of an interrupted sleep, the
-// seconds left, is rounded: several signals within a second would make it lose time.
+// The clock decides whether to sleep again. An interrupted sleep returns the seconds
+// left, rounded: over several signals the roundings would add up.
 void sleep_seconds(unsigned int seconds) {
     const int64_t end = milliseconds_now() + seconds * kMillisecondsPerSecond;
     for (int64_t left = end - milliseconds_now(); left > 0; left = end - milliseconds_now()) {

@@ -37,10 +37,10 @@ constexpr size_t kPromptLineLength = 254;
 constexpr std::array<const char *, 8> kVariables = {
     "ZEL_DEBUG", "ZEL_DIAGNOSTICS_PATH", "ZEL_DIAG_DIR", "ZEL_TMPDIR", "TMP", "TEMP", "ZEL_DIST", "ZEL_PERROR"};
 
-// The caller's own arguments, ended by null.
+// The program's own arguments before a marker, ended by null.
 using ArgumentsBefore = std::array<char *, kScanBound>;
 
-// Joins the words from first up to last, which is left out, with single blanks.
+// Joins the words with single blanks. The position last is after the last word.
 char *join(char *const *first, char *const *last) {
     size_t length = 0;
     for (char *const *word = first; word != last; ++word) {
@@ -148,7 +148,7 @@ void prompt(char **arguments) {
     take_line();
 }
 
-// DELIBERATE: the messages of the calls that cannot start a program or do not know an op
+// DELIBERATE: the messages about a program that cannot be started and about an unknown op
 // are fixed texts. Tests: DebugOp.AShellThatCannotBeStartedIsSaidAndEndsTheProcess,
 // DebugOp.ExecWithoutAProgramFailsLikeOneThatCannotBeStarted,
 // DebugOp.AnUnknownOpIsSaidAndEndsTheProcess.
@@ -187,8 +187,8 @@ void carry_out(const Request &request, const char *program, char **args_before) 
     }
 }
 
-// Returns the index of the marker, or the bound when there is none. The arguments before
-// it are collected.
+// Returns the index of the marker, or the bound or more when there is none. Collects the
+// arguments before that index.
 int32_t find_marker(int32_t bound, char **argv, ArgumentsBefore &before) {
     size_t count = 0;
     int32_t index = 1;
@@ -220,9 +220,9 @@ void act_on_variable(const char *program, ArgumentsBefore &before) {
     free(request);
 }
 
-// A request in a process with raised rights would run a command of its caller with rights
-// that the caller lacks: no request is looked for. A program that is started from here
-// may itself have no raised rights, and would obey the variables: they are removed.
+// No request is looked for: it would run a command of the caller with rights that the
+// caller lacks. The variables are removed: a program that is started from here may have
+// no raised rights, and would obey them.
 void start_with_raised_rights(int32_t argc, char **argv, const char *name) {
     for (const char *variable : kVariables) {
         unsetenv(variable);

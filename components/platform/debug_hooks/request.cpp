@@ -44,8 +44,8 @@ char *copy_text(std::string_view text) {
 Request take_apart(const char *text) {
     const size_t length = strlen(text);
     Request request = {.line = copy_text({text, length}), .words = nullptr, .op = nullptr, .arguments = nullptr};
-    // The most words are of one character, each followed by a blank. The null follows the
-    // last.
+    // A text has the most words when each is one character and a blank. One more entry
+    // holds the null.
     request.words = static_cast<char **>(allocate((length / 2 + 2) * sizeof(char *)));
     char *position = request.line;
     size_t count = 0;

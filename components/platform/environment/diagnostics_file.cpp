@@ -24,7 +24,7 @@ constinit bool destination_chosen = false;
 constexpr size_t kLogPathSize = 4096;
 using LogPath = std::array<char, kLogPathSize>;
 
-// The name of the log file leaves out one of these at the start of a program's name.
+// One of these at the start of a program's name is left out of the log file's name.
 constexpr std::array<std::string_view, 3> kFamilyPrefixes = {"kyrel", "zel", "kq_"};
 
 std::string_view without_family_prefix(std::string_view name) {
@@ -40,7 +40,7 @@ bool is_one_of(const char *value, const char *word, const char *digit) {
     return strcasecmp(value, word) == 0 || strcmp(value, digit) == 0;
 }
 
-// DELIBERATE: a directory of these variables is not tested. Test:
+// DELIBERATE: the directory that such a variable names is not tested. Test:
 // PlatformDiagnostics.AFallbackDirectoryIsNotTestedAndItsFailureNotReported.
 const char *fallback_directory() {
     return zel::first_set({"ZEL_TMPDIR", "TMP", "TEMP"}, "");
@@ -64,8 +64,8 @@ void open_log(const char *directory, const char *name) {
     if (!compose_path(path, directory, name)) {
         return;
     }
-    // The names differ by the second. A process that starts after this pause has another
-    // name.
+    // The name holds the second. A process that starts after this pause gets another name
+    // for its file.
     zel::sleep_seconds(1);
     FILE *file = zel::open_log_file(path.data());
     if (file != nullptr) {

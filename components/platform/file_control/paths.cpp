@@ -15,7 +15,7 @@
 
 namespace {
 
-// The bytes of a buffer that hold a current directory, its NUL included.
+// The most bytes that the name of the current directory takes, with its NUL.
 constexpr size_t kDirectorySize = 4096;
 static_assert(kDirectorySize <= zel::kPathBufferSize);
 static_assert(PATH_MAX <= zel::kPathBufferSize, "realpath writes up to PATH_MAX bytes");
@@ -36,8 +36,8 @@ PathResult buffer_for(char *buf, int32_t line) {
     return {.buffer = buffer, .allocated = buf == nullptr};
 }
 
-// Returns a filled buffer. Otherwise an allocated one is released, and the result is
-// null.
+// Returns the buffer when it is filled. Otherwise an allocated one is released, and the
+// result is null.
 char *finish(const PathResult &result, bool filled) {
     if (filled) {
         return result.buffer;

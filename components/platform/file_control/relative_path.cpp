@@ -31,8 +31,8 @@ bool compose_relative_path(std::string_view base, std::string_view target, std::
     if (ups * kUp.size() + rest.size() >= result.size()) {
         return false;
     }
-    // The result may overlap the target: its rest is moved before the steps up are
-    // written.
+    // The result may overlap the target. So the rest of the target is moved before the
+    // steps up are written.
     char *const after_ups = result.data() + ups * kUp.size();
     memmove(after_ups, rest.data(), rest.size());
     after_ups[rest.size()] = '\0';

@@ -122,8 +122,8 @@ bool list_level(Level &level, int fd) {
     return true;
 }
 
-// Enters a directory of the innermost level and lists it. The level whose place it takes
-// is let go first.
+// Enters a directory of the innermost level and lists it. The level whose place in
+// held it takes is let go first.
 bool enter_directory(Walk &walk, const char *name) {
     let_go(descriptor(walk, walk.depth + 1));
     const int fd = openat(descriptor(walk, walk.depth), name, kHold | O_NOFOLLOW);

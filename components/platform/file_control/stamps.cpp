@@ -13,7 +13,7 @@ static_assert(sizeof(FileStamp) == 11 * sizeof(uint32_t));
 
 constexpr FileStamp kNullStamp = {}; // not valid: its check word does not match its size
 
-// Numbers of 64 bits are compared by their low 32 bits alone, but for the size.
+// Numbers of 64 bits are compared by their low 32 bits alone, except the size.
 constexpr uint32_t low_word(uint64_t value) {
     return static_cast<uint32_t>(value);
 }

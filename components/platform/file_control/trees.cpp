@@ -57,7 +57,7 @@ struct ToolPath {
     char *owned = nullptr;
 };
 
-// Waits for the tool.
+// Waits for the tool. Returns 1 when it ended with status 0.
 int succeeded(int32_t pid) {
     int32_t status;
     return pid != -1 && platform_wait_child(pid, &status) == pid && status == 0 ? 1 : 0;

@@ -22,14 +22,14 @@ struct Tag {
     int32_t kind;
 };
 
-// The longer tags come first: the short one is a prefix of both.
+// The longer tags come first: both begin with the short one.
 constexpr std::array<Tag, 3> kTags = {{
     {"pid-rtx_fd_l", PLATFORM_PAIR_KIND_LOCAL},
     {"pid-rtx_fd_w", PLATFORM_PAIR_KIND_HYBRID},
     {"pid-rtx_fd", PLATFORM_PAIR_KIND_PLAIN},
 }};
 
-// The signals that a companion may ask to ignore, in this order.
+// The signals that a companion ignores on request, in this order.
 constexpr std::array<int, 7> kIgnoredSignals = {SIGHUP, SIGINT, SIGQUIT, SIGABRT, SIGPIPE, SIGTERM, SIGURG};
 
 // The two numbers at the start of the environment string.

@@ -19,7 +19,7 @@ PairHandle *create_handle(bool parent, int32_t kind, int blocking, const char *f
 // Sets the one descriptor, which serves both directions.
 void set_descriptor(PairHandle *ph, int fd);
 
-// From now on the process ignores the signal.
+// Makes the process ignore the signal from now on.
 void ignore_signal(int signal);
 
 // Whether the companion of a parent's handle is known to have ended. Its number may
@@ -33,8 +33,8 @@ void remember_end(const PairHandle *ph);
 // Forgets what was remembered for the handle.
 void forget_ends(const PairHandle *ph);
 
-// platform_kill_and_reap that also tells whether the process has ended. A process that is
-// not a child of the caller may live on.
+// Does the same as platform_kill_and_reap, and tells whether the process has ended. A
+// process that is not a child of the caller may live on.
 int kill_and_reap(int32_t pid, bool *ended);
 
 } // namespace zel::pair

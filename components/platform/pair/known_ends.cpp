@@ -10,7 +10,7 @@ namespace zel::pair {
 
 namespace {
 
-// The companion of a handle. A later companion on the same record has another number.
+// A companion, known by its handle and its number.
 struct Companion {
     const PairHandle *handle;
     int32_t pid;

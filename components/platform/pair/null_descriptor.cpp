@@ -33,8 +33,8 @@ FILE *move_above_standard(FILE *stream) {
     return moved;
 }
 
-// Opens /dev/null above the standard descriptors. A number that the process had closed
-// would be taken for its own input or output.
+// Opens /dev/null above the standard descriptors. The program would take a standard one
+// for its own input or output.
 FILE *open_null_device() {
     FILE *stream = fopen("/dev/null", kNullMode);
     return stream == nullptr || fileno(stream) > STDERR_FILENO ? stream : move_above_standard(stream);

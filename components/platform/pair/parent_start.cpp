@@ -79,7 +79,7 @@ bool create_sockets(SocketPair &ends) {
     return true;
 }
 
-// EAGAIN means that the process table is full. The fork is tried again at once, without a
+// EAGAIN means that a limit of processes is reached. The fork is tried again without a
 // pause.
 int32_t fork_with_retries() {
     int32_t pid = zel::fork_flushed();
@@ -96,8 +96,8 @@ void keep_failure(PairHandle *ph, const char *step) {
 
 // ---- Between fork and exec ------------------------------------------------------------------------------------------
 
-// Without memory the variable is not set. An older value may name the end of another
-// pair, so the variable is removed then.
+// Without memory the variable keeps its older value. That may name the end of another
+// pair, so the variable is removed.
 void put_end_into_environment(const Start &start, int child_end) {
     std::array<char, 64> value;
     zel::format_text(value, "%d %d pid-rtx_fd_l", start.parent_pid, child_end);

@@ -22,7 +22,7 @@ bool is_multicast(const struct addrinfo &entry) {
     return IN_MULTICAST(ntohl(address.sin_addr.s_addr));
 }
 
-// Multicast addresses cannot be listened on by a stream socket.
+// A stream socket cannot listen on a multicast address.
 bool can_listen_on(const struct addrinfo &entry) {
     if (entry.ai_family != AF_INET && entry.ai_family != AF_INET6) {
         return false;

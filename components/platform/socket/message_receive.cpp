@@ -25,8 +25,8 @@ constexpr int32_t kDrainSize = 2048;
 
 using ReceiveArea = std::array<char, zel::kReceiveSize>;
 
-// Counts how often a buffer was emptied, moved or replaced. The pointers of the buffer do
-// not show that: other data of the same length may stand in it.
+// Counts how often a buffer was emptied or replaced, or its data moved. The pointers of
+// the buffer do not show that: other data of the same length may stand in it.
 constinit uint32_t buffer_changes = 0;
 
 int32_t unparsed_length() {
@@ -60,8 +60,8 @@ void move_rest_to_start() {
 }
 
 // The starts of the lines of one message. A small table stands in place, a larger one on
-// the heap. A peer decides how deep handlers that receive are nested, so each level takes
-// little stack. A handler that leaves by longjmp leaks the table on the heap.
+// the heap. Handlers that receive are nested as deep as the peer decides: each level
+// takes little stack. A handler that leaves by longjmp leaks the table on the heap.
 struct LineTable {
     explicit LineTable(const char *user) : function(user) {}
     ~LineTable() {

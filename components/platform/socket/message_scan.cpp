@@ -15,8 +15,8 @@ bool is_line_end(const char *text) {
     return text[0] == '\r' && text[1] == '\n';
 }
 
-// Returns the position after the next CR LF of the current line, or 0. memchr finds the
-// LF; the CR must stand before it in the same line.
+// Returns the position after the CR LF that ends the current line, or 0 when there is
+// none. memchr finds the LF. The CR must stand before it in the same line.
 int32_t find_line_end(MessageScan &scan, int32_t length) {
     while (scan.searched < length) {
         const char *from = scan.data + scan.searched;
@@ -49,8 +49,8 @@ void record_line(MessageScan &scan, int32_t next_line) {
     scan.line_start = next_line;
 }
 
-// A line ends kLineEndSize bytes before the next line starts, and the last line as far
-// before the empty line.
+// The text of a line ends kLineEndSize bytes before the next line. The empty line follows
+// the last one.
 int32_t close_message(MessageScan &scan) {
     char *const end = scan.data + scan.line_start;
     for (int32_t line = 1; line < scan.lines; ++line) {

@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// Finds the end of a message in data that arrives in pieces. Text work alone, no socket.
+// Finds the end of a message in data that arrives in pieces. It works on text alone.
 #ifndef ZEL_COMPONENTS_PLATFORM_SOCKET_MESSAGE_SCAN_H
 #define ZEL_COMPONENTS_PLATFORM_SOCKET_MESSAGE_SCAN_H
 
@@ -28,7 +28,7 @@ inline constexpr int32_t kLineTableFull = -1;
 // Continues the search. length: the bytes of data that are there now.
 // - Result: the length of a complete message, 0 while it is not complete, or
 //   kLineTableFull.
-// - In a complete message the CR of every line and of the end becomes NUL, and a null
+// - In a complete message the CR of every line, the empty one too, becomes NUL. A null
 //   pointer closes the line table. Otherwise the data is untouched.
 // - More than PLATFORM_MAX_MESSAGE_LINES lines are an assertion that aborts.
 int32_t scan_message(MessageScan &scan, int32_t length);

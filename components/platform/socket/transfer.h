@@ -1,7 +1,7 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// The two steps of platform_select_recv. The message loop takes them one by one: its
-// receive area is not on the stack while the idle function runs, which may hand over
-// messages itself.
+// The two steps of platform_select_recv. The message loop takes them one by one. Its
+// receive area is not on the stack while the idle function runs: that function may hand
+// over messages itself.
 #ifndef ZEL_COMPONENTS_PLATFORM_SOCKET_TRANSFER_H
 #define ZEL_COMPONENTS_PLATFORM_SOCKET_TRANSFER_H
 
