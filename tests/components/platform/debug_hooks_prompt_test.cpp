@@ -39,6 +39,35 @@ struct Pipe {
     int writer = -1;
 };
 
+// Carries out the prompt while signals interrupt its first three reads.
+void prompt_under_signals() {
+    int calls = 0;
+    const Interposed interrupted(hook::read, [&calls](int fd, void *buffer, size_t size) -> ssize_t {
+        if (calls++ < 3) {
+            errno = EINTR;
+            return -1;
+        }
+        return hook::read.real(fd, buffer, size);
+    });
+    carry_out("prompt");
+}
+
+// Carries out the prompt. The lines arrive after the first read that finds nothing. Returns how many reads found
+// nothing.
+int prompt_with_late_lines(const Pipe &input) {
+    int refused = 0;
+    const Interposed counting(hook::read, [&](int fd, void *buffer, size_t size) {
+        const ssize_t count = hook::read.real(fd, buffer, size);
+        if (count == -1 && refused++ == 0) {
+            input.add("first\nsecond\n");
+            errno = EAGAIN;
+        }
+        return count;
+    });
+    carry_out("prompt");
+    return refused;
+}
+
 } // namespace
 
 TEST(DebugPrompt, APromptWithWordsWritesEachAndABlank) {
@@ -110,17 +139,7 @@ TEST(DebugPrompt, APromptTakesALineOfWhichStdioHasReadAPart) {
 TEST(DebugPrompt, ASignalDoesNotAnswerAPrompt) {
     const Outcome outcome = run_in_child([] {
         const Pipe input("first\nsecond\n");
-        int calls = 0;
-        {
-            const Interposed interrupted(hook::read, [&calls](int fd, void *buffer, size_t size) -> ssize_t {
-                if (calls++ < 3) {
-                    errno = EINTR;
-                    return -1;
-                }
-                return hook::read.real(fd, buffer, size);
-            });
-            carry_out("prompt");
-        }
+        prompt_under_signals();
         printf("%s", input.rest().c_str());
     });
     EXPECT_EQ(outcome.out, "second\n");
@@ -130,18 +149,7 @@ TEST(DebugPrompt, APromptWaitsForInputThatSomebodyMadeNonBlocking) {
     const Outcome outcome = run_in_child([] {
         const Pipe input("");
         fcntl(STDIN_FILENO, F_SETFL, O_NONBLOCK);
-        int refused = 0;
-        {
-            const Interposed counting(hook::read, [&](int fd, void *buffer, size_t size) {
-                const ssize_t count = hook::read.real(fd, buffer, size);
-                if (count == -1 && refused++ == 0) {
-                    input.add("first\nsecond\n");
-                    errno = EAGAIN;
-                }
-                return count;
-            });
-            carry_out("prompt");
-        }
+        const int refused = prompt_with_late_lines(input);
         printf("%d %s", refused, input.rest().c_str());
     });
     EXPECT_EQ(outcome.out, "1 second\n");
