@@ -135,19 +135,26 @@ TEST(DebugHeapUnmapped, APointerIntoAnUnmappedBlockIsASentence) {
     });
 }
 
+namespace {
+
+// Releases 400 blocks, which trims the heap, and then the block of this index again.
+void release_all_and_one_again(size_t index) {
+    std::vector<void *> pointers(400);
+    for (void *&pointer : pointers) {
+        pointer = zel_malloc(1000, "F", "p");
+    }
+    for (void *pointer : pointers) {
+        zel_free(pointer);
+    }
+    zel_free(named('P', pointers[index]));
+}
+
+} // namespace
+
 TEST(DebugHeapUnmapped, ABlockOfATrimmedHeapIsOneOfTwoSentences) {
     for (const int mode : {ZEL_MALLOC_CHECK_PTR, ZEL_MALLOC_VERIFY_HEAP}) {
         for (size_t index = 0; index < 400; index += 57) {
-            const Outcome outcome = run_heap(mode, [index] {
-                std::vector<void *> pointers(400);
-                for (void *&pointer : pointers) {
-                    pointer = zel_malloc(1000, "F", "p");
-                }
-                for (void *pointer : pointers) {
-                    zel_free(pointer);
-                }
-                zel_free(named('P', pointers[index]));
-            });
+            const Outcome outcome = run_heap(mode, [index] { release_all_and_one_again(index); });
             const bool told = outcome.err.starts_with("Error: zel_free: " + kAtTheBeginning) ||
                               outcome.err.starts_with("Error: zel_free: " + kAfterRelease);
             EXPECT_TRUE(told) << outcome.err << " for block " << index;
