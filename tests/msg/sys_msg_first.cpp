@@ -5,3 +5,7 @@
 #include <msg/msg.h>
 
 #include "sys_msg.h"
+
+int main(void) {
+    return finds_the_message_type() ? 0 : 1;
+}
