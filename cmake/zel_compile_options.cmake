@@ -25,9 +25,10 @@ endif()
 
 set(ZEL_WARNINGS)
 set(ZEL_CXX_WARNINGS)
+set(ZEL_HARDENING)
 
-# zel_use_warning(LIST OPTION): adds to the list a warning that the compiler at hand knows.
-function(zel_use_warning list option)
+# zel_use_option(LIST OPTION): adds to the list an option that the compiler at hand knows for the target.
+function(zel_use_option list option)
   string(MAKE_C_IDENTIFIER "ZEL_HAS${option}" known)
   # An option that is merely unknown is a warning to clang.
   set(CMAKE_REQUIRED_FLAGS -Werror)
@@ -40,19 +41,33 @@ endfunction()
 
 foreach(option -Wall -Wextra -Wpedantic -Wconversion -Wsign-conversion -Wshadow -Wformat=2 -Wcast-align -Wcast-qual
     -Wundef -Wwrite-strings -Wdouble-promotion -Wnull-dereference -Wvla)
-  zel_use_warning(ZEL_WARNINGS ${option})
+  zel_use_option(ZEL_WARNINGS ${option})
 endforeach()
 foreach(option -Wold-style-cast -Wextra-semi -Wzero-as-null-pointer-constant -Wsuggest-override -Wlogical-op
     -Wduplicated-cond -Wduplicated-branches)
-  zel_use_warning(ZEL_CXX_WARNINGS ${option})
+  zel_use_option(ZEL_CXX_WARNINGS ${option})
 endforeach()
 if(ZEL_WERROR)
   list(APPEND ZEL_WARNINGS -Werror)
 endif()
 
+# An overrun of an array on the stack ends the process, a large frame cannot jump over the guard page of its stack, and
+# where the processor can tell, an indirect call or a return goes nowhere but to its mark.
+foreach(option -fstack-protector-strong -fstack-clash-protection -fcf-protection=full)
+  zel_use_option(ZEL_HARDENING ${option})
+endforeach()
+
 # zel_warnings(TARGET): the project's warning level.
 function(zel_warnings target)
   target_compile_options(${target} PRIVATE ${ZEL_WARNINGS} "$<$<COMPILE_LANGUAGE:CXX>:${ZEL_CXX_WARNINGS}>")
+endfunction()
+
+# zel_program_options(TARGET): what a program that is shipped is compiled with. The checked forms of the C library's
+# calls need an optimising build.
+function(zel_program_options target)
+  zel_warnings(${target})
+  target_compile_options(${target} PRIVATE ${ZEL_HARDENING} -U_FORTIFY_SOURCE
+    "$<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:-D_FORTIFY_SOURCE=2>")
 endfunction()
 
 # zel_library_options(TARGET): what every source of the library is compiled with. It needs nothing at run time but the
@@ -61,6 +76,8 @@ function(zel_library_options target)
   zel_warnings(${target})
   set_target_properties(${target} PROPERTIES POSITION_INDEPENDENT_CODE ON CXX_VISIBILITY_PRESET hidden)
   target_include_directories(${target} PRIVATE ${PROJECT_SOURCE_DIR})
-  target_compile_options(${target} PRIVATE -fno-exceptions -fno-rtti -fno-threadsafe-statics
-    -include ${PROJECT_SOURCE_DIR}/msg/base/prelude.h)
+  # The checked forms of the C library's calls stay off: they end a process whose own format holds %n, and they hide the
+  # calls from a program that puts its own in their place.
+  target_compile_options(${target} PRIVATE ${ZEL_HARDENING} -U_FORTIFY_SOURCE
+    -fno-exceptions -fno-rtti -fno-threadsafe-statics -include ${PROJECT_SOURCE_DIR}/msg/base/prelude.h)
 endfunction()

@@ -27,6 +27,14 @@ private:
     Interposed<int(FILE *)> flush_;
 };
 
+// Prints by a format that the program built.
+void print_as_built(const char *format, ...) {
+    va_list args;
+    va_start(args, format);
+    _msg_output(MSG_INFO, MSG_FMT_LINE, 0, 0, "", format, args);
+    va_end(args);
+}
+
 // The writes and flushes of the library while the body runs, in order.
 std::string recorded(const std::function<void()> &body) {
     return run_messages([&body] {
@@ -136,6 +144,18 @@ TEST(MsgOutput, TwoDollarSignsStandForOne) {
         msg_print("5$ $$");
     });
     EXPECT_EQ(outcome.out, "$5 left\n$\n$$ three\n5$ $$\n");
+}
+
+// The checked form of vsnprintf ends a process whose format is writable and holds %n.
+TEST(MsgOutput, AFormatOfTheProgramsOwnMayAskForThePosition) {
+    const Outcome outcome = run_messages([] {
+        std::string format = "four%n.";
+        int position = 0;
+        print_as_built(format.data(), &position);
+        msg_print("%d", position);
+    });
+    EXPECT_EQ(outcome.out, "four.\n4\n");
+    EXPECT_EQ(outcome.status, 0);
 }
 
 TEST(MsgOutput, ASingleDollarSignEndsTheProcess) {
