@@ -26,11 +26,12 @@ Cost cost_of_removal(const ScratchFolder &scratch, int files) {
     });
 }
 
-TEST(CountedFiles, AFileMoreInATreeIsTwoSystemCallsMoreToItsRemoval) {
+TEST(CountedFiles, AFileMoreIsAtMostTwoSystemCallsMoreToRemoveATree) {
     const ScratchFolder scratch;
     const Cost few = cost_of_removal(scratch, 10);
     const Cost many = cost_of_removal(scratch, 20);
-    EXPECT_EQ(many.calls.size() - few.calls.size(), 2U * 10U);
+    EXPECT_GE(many.calls.size() - few.calls.size(), 10U); // each is unlinked
+    EXPECT_LE(many.calls.size() - few.calls.size(), 2U * 10U);
     EXPECT_LE(many.allocations - few.allocations, 2U * 10U);
 }
 

@@ -59,7 +59,8 @@ class Instructions(unittest.TestCase):
     def test_each_operation_is_within_three_per_cent_of_its_figure(self):
         figures = instructions.figures_for(self.setting, instructions.read_figures())
         found = instructions.faults(instructions.count(self.setting["program"]), figures)
-        self.assertEqual(found, [], f"{self.setting['compiler']}, {self.setting['target']}; {ADVICE}")
+        if found:
+            self.fail("\n".join([f"{self.setting['compiler']}, {self.setting['target']}:", *found, ADVICE]))
 
     def test_the_library_alone_counts_and_not_what_it_calls(self):
         self.assertEqual(instructions.instructions_of_library(PROFILE), 100 + 20 + 5 + 2 + 40)
