@@ -11,7 +11,7 @@
 //   FILE                 without any: README.md, CONTRIBUTING.md and LICENSE of the source tree that this program was
 //                        built from, found from the folder of this program
 //
-// Standard output, for each text and then once (a text without words has no last part):
+// Standard output, for each text and then once:
 //
 //   notes.txt
 //       lines            2
@@ -26,7 +26,16 @@
 // ASCII white space (wc leaves out a word without a printable byte in some versions). At
 // most ten words are shown, the most frequent first, equally frequent ones in byte order;
 // a byte that is not printable ASCII is shown as \xNN, a backslash as two, and a word of
-// more than 40 characters is cut and ends in "...".
+// more than 40 characters is cut and ends in "...". A text without words has no list.
+//
+// The memory that a text takes is limited. Words of more than 64 KiB are counted and not
+// listed. Neither are words that are new when the table of words is full: it holds
+// 1,000,000 different words, of 32 MiB in all. They may have been among the most
+// frequent, so the answer says how many there were:
+//
+//       words not listed
+//                1  of more than 65536 bytes
+//              208  new to a full table (1000000 words or 33554432 bytes)
 //
 // Errors go to standard error. Exit status, the highest that applies:
 //
@@ -38,6 +47,7 @@
 //
 // The steps of a parent: start the companion (start_companion), talk to it (count_text),
 // end and reap it (end_companion).
+#include "word_count_answer.h"
 #include "word_count_link.h"
 #include "word_count_protocol.h"
 
@@ -50,8 +60,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <charconv>
-#include <cinttypes>
 #include <fcntl.h>
 #include <filesystem>
 #include <string>
@@ -78,76 +86,6 @@ struct Options {
     std::string debug; // the request for the companion's start-up hook, or ""
     std::vector<Text> texts;
 };
-
-// ---- The answer ---------------------------------------------------------------------------------------------------
-
-struct WordRow {
-    uint64_t count = 0;
-    std::string word;
-};
-
-struct Answer {
-    bool understood = false;
-    uint64_t lines = 0;
-    uint64_t words = 0;
-    uint64_t bytes = 0;
-    std::vector<WordRow> most_frequent;
-};
-
-// The message loop's handler has no argument of ours, and the texts it gets are gone when
-// it returns: it keeps here what it was told.
-Answer answer;
-
-// Takes the part before the next blank off the front of the text.
-std::string_view take_field(std::string_view &text) {
-    const size_t end = std::min(text.find(' '), text.size());
-    const std::string_view field = text.substr(0, end);
-    text.remove_prefix(std::min(end + 1, text.size()));
-    return field;
-}
-
-bool take_number(std::string_view &text, uint64_t &number) {
-    const std::string_view field = take_field(text);
-    const auto [end, error] = std::from_chars(field.data(), field.data() + field.size(), number);
-    return error == std::errc() && end == field.data() + field.size();
-}
-
-bool parse_answer(std::string_view first, char **lines) {
-    if (take_field(first) != kCounted || !take_number(first, answer.lines) || !take_number(first, answer.words) ||
-        !take_number(first, answer.bytes)) {
-        return false;
-    }
-    for (char **line = lines; *line != nullptr; ++line) {
-        std::string_view rest = *line;
-        WordRow row;
-        if (!take_number(rest, row.count)) {
-            return false;
-        }
-        row.word = rest;
-        answer.most_frequent.push_back(row);
-    }
-    return true;
-}
-
-int on_answer(int /*socket*/, char *first_line, char **lines) {
-    answer = {};
-    answer.understood = parse_answer(first_line, lines);
-    return 1;
-}
-
-// The name goes out raw: wrapping would drop the blanks of a long one.
-void print_answer(const Text &text) {
-    msg_print_raw("%s\n", text.name.c_str());
-    msg_print("    lines %12" PRIu64, answer.lines);
-    msg_print("    words %12" PRIu64, answer.words);
-    msg_print("    bytes %12" PRIu64, answer.bytes);
-    if (!answer.most_frequent.empty()) {
-        msg_print("    most frequent words");
-    }
-    for (const WordRow &row : answer.most_frequent) {
-        msg_print("%14" PRIu64 "  %s", row.count, row.word.c_str());
-    }
-}
 
 // ---- One text -----------------------------------------------------------------------------------------------------
 
@@ -182,6 +120,16 @@ Result request(Companion &companion, const Text &text) {
 
 bool send_chunk(PairHandle *pair, const Chunk &chunk, int32_t length) {
     return send_value(pair, length) && send_whole(pair, chunk.data(), length);
+}
+
+// The message loop's handler has no argument of ours, and the texts it gets are gone when
+// it returns: it keeps here what it was told.
+Answer answer;
+
+int on_answer(int /*socket*/, char *first_line, char **lines) {
+    answer = {};
+    answer.understood = parse_answer(first_line, lines, answer);
+    return 1;
 }
 
 Result receive_answer(PairHandle *pair) {
@@ -223,7 +171,7 @@ Result count_text(Companion &companion, const Text &text) {
     const Result result = exchange(companion, text, fd);
     close(fd);
     if (result == Result::counted) {
-        print_answer(text);
+        print_answer(text.name, answer);
     }
     return result;
 }

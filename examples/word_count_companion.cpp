@@ -10,6 +10,7 @@
 // Exit status: 0 after "quit"; 1 when the pair could not be opened, the parent went away,
 // or a request was not understood.
 #include "word_count_protocol.h"
+#include "word_count_table.h"
 
 #include <components/platform/debug_hooks.h>
 #include <components/platform/socket.h>
@@ -19,10 +20,9 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <span>
 #include <string>
 #include <string_view>
-#include <unordered_map>
-#include <utility>
 #include <vector>
 
 namespace {
@@ -31,6 +31,7 @@ using namespace word_count;
 
 constexpr std::string_view kWhiteSpace = " \t\n\v\f\r";
 constexpr size_t kMostFrequent = 10;
+constexpr size_t kBatch = 64; // words that are looked up together
 
 // The state of the companion. The handler of the message loop gets no argument of ours,
 // so it is process-wide.
@@ -43,52 +44,90 @@ constinit Service service = {};
 
 // ---- Counting -----------------------------------------------------------------------------------------------------
 
-using Frequency = std::pair<const std::string, uint64_t>;
+constexpr std::array<bool, 256> kIsWhite = [] {
+    std::array<bool, 256> white = {};
+    for (const char byte : kWhiteSpace) {
+        white[static_cast<unsigned char>(byte)] = true;
+    }
+    return white;
+}();
+
+bool is_white(char byte) {
+    return kIsWhite[static_cast<unsigned char>(byte)];
+}
 
 struct Counts {
     uint64_t lines = 0;
     uint64_t words = 0;
     uint64_t bytes = 0;
-    std::string word; // the word at the end of what was counted so far; it may go on in the next chunk
-    std::unordered_map<std::string, uint64_t> frequencies;
+    uint64_t too_long = 0; // words of more than kLongestWord bytes
+    uint64_t no_room = 0;  // words that the full table did not take
+    WordTable table;
+    std::string open_word; // the word at the end of what was counted so far; it may go on in the next chunk
 };
 
-void end_word(Counts &counts) {
-    if (counts.word.empty()) {
-        return;
-    }
-    ++counts.words;
-    ++counts.frequencies[counts.word];
-    counts.word.clear();
+void count_words(Counts &counts, std::span<const Word> words) {
+    counts.words += words.size();
+    counts.no_room += words.size() - add_words(counts.table, words);
 }
 
+// Takes the word at this place, which white space ends.
+Word take_word(const char *&place) {
+    const char *start = place;
+    uint32_t hash = kHashStart;
+    for (; !is_white(*place); ++place) {
+        hash = next_hash(hash, *place);
+    }
+    return {.text = {start, static_cast<size_t>(place - start)}, .hash = hash};
+}
+
+// Counts a piece that is empty or ends in white space.
+void add_closed_piece(Counts &counts, std::string_view piece) {
+    std::array<Word, kBatch> batch;
+    size_t taken = 0;
+    for (const char *place = piece.begin(); place != piece.end();) {
+        if (is_white(*place)) {
+            counts.lines += *place == '\n' ? 1 : 0;
+            ++place;
+            continue;
+        }
+        batch[taken++] = take_word(place);
+        if (taken == batch.size()) {
+            count_words(counts, batch);
+            taken = 0;
+        }
+    }
+    count_words(counts, {batch.data(), taken});
+}
+
+// Of a word that is too long one byte more than the limit is kept, by which it is known.
+void keep_open_word(Counts &counts, std::string_view part) {
+    counts.open_word.append(part.substr(0, kLongestWord + 1 - counts.open_word.size()));
+}
+
+void end_open_word(Counts &counts) {
+    const Word word = {.text = counts.open_word, .hash = hash_of(counts.open_word)};
+    if (word.text.size() > kLongestWord) {
+        ++counts.words;
+        ++counts.too_long;
+    } else if (!word.text.empty()) {
+        count_words(counts, {&word, 1});
+    }
+    counts.open_word.clear();
+}
+
+// The chunk goes on with the open word, then come closed words, then the next open one.
 void add_chunk(Counts &counts, std::string_view chunk) {
     counts.bytes += chunk.size();
-    counts.lines += static_cast<uint64_t>(std::count(chunk.begin(), chunk.end(), '\n'));
-    size_t start = 0;
-    for (size_t end = chunk.find_first_of(kWhiteSpace); end != std::string_view::npos;
-         end = chunk.find_first_of(kWhiteSpace, start)) {
-        counts.word.append(chunk.substr(start, end - start));
-        end_word(counts);
-        start = end + 1;
+    const auto first_white = std::find_if(chunk.begin(), chunk.end(), is_white);
+    keep_open_word(counts, {chunk.begin(), first_white});
+    if (first_white == chunk.end()) {
+        return;
     }
-    counts.word.append(chunk.substr(start));
-}
-
-bool comes_before(const Frequency *a, const Frequency *b) {
-    return a->second != b->second ? a->second > b->second : a->first < b->first;
-}
-
-std::vector<const Frequency *> most_frequent(const Counts &counts) {
-    std::vector<const Frequency *> words;
-    words.reserve(counts.frequencies.size());
-    for (const Frequency &entry : counts.frequencies) {
-        words.push_back(&entry);
-    }
-    const size_t kept = std::min(words.size(), kMostFrequent);
-    std::partial_sort(words.begin(), words.begin() + static_cast<std::ptrdiff_t>(kept), words.end(), comes_before);
-    words.resize(kept);
-    return words;
+    end_open_word(counts);
+    const auto behind_white = std::find_if(chunk.rbegin(), chunk.rend(), is_white).base();
+    add_closed_piece(counts, {first_white, behind_white});
+    keep_open_word(counts, {behind_white, chunk.end()});
 }
 
 // ---- Talking to the parent ----------------------------------------------------------------------------------------
@@ -101,7 +140,7 @@ Received receive_text(PairHandle *pair, Counts &counts) {
     int32_t length;
     while (receive_value(pair, length)) {
         if (length == kEndOfText) {
-            end_word(counts);
+            end_open_word(counts);
             return Received::whole;
         }
         if (length < 0) {
@@ -115,18 +154,27 @@ Received receive_text(PairHandle *pair, Counts &counts) {
     return Received::stream_ended;
 }
 
+std::string first_line_of(const Counts &counts) {
+    std::string line = kCounted;
+    for (const uint64_t number : {counts.lines, counts.words, counts.bytes}) {
+        line += " " + std::to_string(number);
+    }
+    if (counts.too_long != 0 || counts.no_room != 0) {
+        line += " " + std::to_string(counts.too_long) + " " + std::to_string(counts.no_room);
+    }
+    return line;
+}
+
 bool send_answer(PairHandle *pair, const Counts &counts) {
-    std::vector<std::string> lines = {std::string(kCounted) + " " + std::to_string(counts.lines) + " " +
-                                      std::to_string(counts.words) + " " + std::to_string(counts.bytes)};
-    for (const Frequency *entry : most_frequent(counts)) {
-        lines.push_back(std::to_string(entry->second) + " " + visible(entry->first, kVisibleWord));
+    std::vector<std::string> lines = {first_line_of(counts)};
+    for (const CountedWord &word : most_frequent_words(counts.table, kMostFrequent)) {
+        lines.push_back(std::to_string(word.count) + " " + visible(word.text, kVisibleWord));
     }
     return send_message(pair, lines);
 }
 
-// Serves one "count". False when the stream is of no more use.
-bool count_text(PairHandle *pair) {
-    Counts counts;
+// False when the stream is of no more use.
+bool serve_text(PairHandle *pair, Counts &counts) {
     if (!send_value(pair, kReady)) {
         return false;
     }
@@ -139,6 +187,14 @@ bool count_text(PairHandle *pair) {
         break;
     }
     return false;
+}
+
+// Serves one "count".
+bool count_text(PairHandle *pair) {
+    Counts counts;
+    const bool served = serve_text(pair, counts);
+    clear_words(counts.table);
+    return served;
 }
 
 // The handler of the message loop: 1 goes on, 0 ends the loop. It may read values from

@@ -10,7 +10,9 @@
 //   parent     text  = *chunk last                                    chunk = int32 length, then as many bytes
 //                                                                     last  = int32 0, or int32 -1: broken off
 //   companion  answer = first *10word CR LF                           none when the text was broken off
-//                first  = "counted " lines " " words " " bytes CR LF
+//                first  = "counted " lines " " words " " bytes [left-out] CR LF
+//                left-out = " " too-long " " no-room               only if words were left out of the list: those that
+//                                                                  are too long, and new ones in a full table
 //                word   = count " " visible-word CR LF                the most frequent word first
 //   parent     quit  = "quit" CR LF CR LF                             the companion ends
 //
@@ -49,6 +51,12 @@ inline constexpr int32_t kChunkSize = 65536; // the longest chunk, in bytes
 // Capacity of either side's message buffer: far more than the longest name or answer, and
 // the 8192 bytes that may follow.
 inline constexpr int32_t kMessageRoom = 65536;
+
+// What the companion lists: words up to this length; of a text so many different ones, with
+// so many bytes in all. The others it counts and leaves out of the list.
+inline constexpr size_t kLongestWord = 65536;
+inline constexpr size_t kMostWords = 1000000;
+inline constexpr size_t kMostWordBytes = 32 << 20;
 
 // Longest name or word in a message, in visible characters.
 inline constexpr size_t kVisibleName = 4096;

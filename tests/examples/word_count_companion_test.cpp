@@ -4,8 +4,12 @@
 
 #include <components/platform/zel_pair_connection.h>
 
+#include <support/files.h>
+
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <cstring>
 #include <sys/socket.h>
 #include <sys/wait.h>
 
@@ -41,6 +45,22 @@ struct WordCountCompanion : testing::Test {
     void say(const std::string &bytes) const {
         ASSERT_EQ(send(platform_pair_tx_fd(pair), bytes.data(), bytes.size(), MSG_NOSIGNAL),
                   static_cast<ssize_t>(bytes.size()));
+    }
+
+    // The most memory that the companion has taken so far, in bytes.
+    size_t most_memory() const {
+        const std::string status = read_file("/proc/" + std::to_string(platform_pair_companion_pid(pair)) + "/status");
+        const size_t start = status.find("VmHWM:");
+        EXPECT_NE(start, std::string::npos);
+        return strtoul(status.c_str() + start + strlen("VmHWM:"), nullptr, 10) * 1024;
+    }
+
+    size_t memory_after_a_short_text() const {
+        say("count\r\nname\r\n\r\n");
+        expect_answer(value(1));
+        say(chunk("short") + value(0));
+        expect_answer("counted 0 1 5\r\n1 short\r\n\r\n");
+        return most_memory();
     }
 
     // As many bytes as are expected; fewer when the stream ends.
@@ -87,6 +107,44 @@ TEST_F(WordCountCompanion, ATextThatIsBrokenOffIsNotAnswered) {
     expect_answer(value(1));
     say(chunk("two") + value(0));
     expect_answer("counted 0 1 3\r\n1 two\r\n\r\n");
+}
+
+TEST_F(WordCountCompanion, WordsThatAreNotListedAreTwoMoreNumbers) {
+    say("count\r\nname\r\n\r\n");
+    expect_answer(value(1));
+    const std::string half(32768, 'w');
+    say(chunk(half) + chunk(half) + chunk("w so") + value(0));
+    expect_answer("counted 0 2 65540 1 0\r\n1 so\r\n\r\n");
+}
+
+TEST_F(WordCountCompanion, AWordWithoutAnEndTakesNoMemory) {
+    const size_t before = memory_after_a_short_text();
+    say("count\r\nname\r\n\r\n");
+    expect_answer(value(1));
+    const std::string piece = chunk(std::string(65536, 'w'));
+    for (int time = 0; time < 1024; ++time) {
+        say(piece);
+    }
+    say(value(0));
+    expect_answer("counted 0 1 67108864 1 0\r\n\r\n");
+    EXPECT_LT(most_memory(), before + (4 << 20));
+}
+
+// 128 MB of words that are all different.
+TEST_F(WordCountCompanion, DifferentWordsTakeBoundedMemory) {
+    const size_t before = memory_after_a_short_text();
+    say("count\r\nname\r\n\r\n");
+    expect_answer(value(1));
+    for (int first = 0; first < 500000; first += 250) {
+        std::string words;
+        for (int number = first; number < first + 250; ++number) {
+            words += std::to_string(1000000 + number) + std::string(248, 'w') + "\n";
+        }
+        say(chunk(words));
+    }
+    say(value(0));
+    expect_answer("counted 500000 500000 128000000 0 368414\r\n1 1000000w");
+    EXPECT_LT(most_memory(), before + (96 << 20));
 }
 
 TEST_F(WordCountCompanion, QuitEndsItWell) {

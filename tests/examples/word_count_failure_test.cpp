@@ -195,12 +195,18 @@ TEST_P(WordCountFailure, AnAnswerThatDoesNotSayCountedIsNotUnderstood) {
 
 TEST_P(WordCountFailure, AnAnswerWithoutAllItsNumbersIsNotUnderstood) {
     expect_not_understood("answer counted 1 2");
+    expect_not_understood("answer counted 1 2 3 4");
 }
 
 TEST_P(WordCountFailure, AnAnswerWithSomethingElseForANumberIsNotUnderstood) {
     expect_not_understood("answer counted 1 2 3x");
     expect_not_understood("answer counted 1 -2 3");
     expect_not_understood("answer counted 1 2 99999999999999999999");
+    expect_not_understood("answer counted 1 2 3 x 0");
+}
+
+TEST_P(WordCountFailure, AnAnswerWithANumberTooManyIsNotUnderstood) {
+    expect_not_understood("answer counted 1 2 3 4 5 6");
 }
 
 TEST_P(WordCountFailure, AWordWithoutItsCountIsNotUnderstood) {
