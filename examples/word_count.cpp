@@ -37,6 +37,7 @@
 //                1  of more than 65536 bytes
 //              208  new to a full table (1000000 words or 33554432 bytes)
 //
+// A text that takes long shows its progress on standard error if that is a terminal.
 // Errors go to standard error. Exit status, the highest that applies:
 //
 //   0  all texts were counted
@@ -49,6 +50,7 @@
 // end and reap it (end_companion).
 #include "word_count_answer.h"
 #include "word_count_link.h"
+#include "word_count_progress.h"
 #include "word_count_protocol.h"
 
 #include <components/platform/debug_hooks.h>
@@ -93,17 +95,17 @@ enum class Result { counted, unreadable, companion_lost, not_understood };
 
 using Chunk = std::array<char, kChunkSize>;
 
-// The length read, 0 at the end of the file, -1 with errno.
+// The length read, 0 at the end of the file, or the error number as a negative value.
 int32_t read_chunk(int fd, Chunk &chunk) {
     ssize_t length;
     do {
         length = read(fd, chunk.data(), chunk.size());
     } while (length == -1 && errno == EINTR);
-    return static_cast<int32_t>(length);
+    return length == -1 ? -errno : static_cast<int32_t>(length);
 }
 
-Result report_unreadable(const Text &text) {
-    const std::string reason = std::generic_category().message(errno);
+Result report_unreadable(const Text &text, int error) {
+    const std::string reason = std::generic_category().message(error);
     msg_error("%s cannot be read: %s.", text.name.c_str(), reason.c_str());
     return Result::unreadable;
 }
@@ -120,6 +122,22 @@ Result request(Companion &companion, const Text &text) {
 
 bool send_chunk(PairHandle *pair, const Chunk &chunk, int32_t length) {
     return send_value(pair, length) && send_whole(pair, chunk.data(), length);
+}
+
+// Sends the chunk that has been read and all that follow. The length becomes that of the
+// last read: 0 or an error. False when the companion is gone.
+bool send_chunks(PairHandle *pair, int fd, Chunk &chunk, int32_t &length) {
+    Progress progress = begin_progress(fd);
+    bool sent = true;
+    for (; length > 0; length = read_chunk(fd, chunk)) {
+        sent = send_chunk(pair, chunk, length);
+        if (!sent) {
+            break;
+        }
+        advance_progress(progress, length);
+    }
+    end_progress(progress);
+    return sent;
 }
 
 // The message loop's handler has no argument of ours, and the texts it gets are gone when
@@ -144,20 +162,18 @@ Result receive_answer(PairHandle *pair) {
 Result exchange(Companion &companion, const Text &text, int fd) {
     Chunk chunk;
     int32_t length = read_chunk(fd, chunk);
-    if (length == -1) {
-        return report_unreadable(text);
+    if (length < 0) {
+        return report_unreadable(text, -length);
     }
     const Result requested = request(companion, text);
     if (requested != Result::counted) {
         return requested;
     }
-    for (; length > 0; length = read_chunk(fd, chunk)) {
-        if (!send_chunk(companion.pair, chunk, length)) {
-            return Result::companion_lost;
-        }
+    if (!send_chunks(companion.pair, fd, chunk, length)) {
+        return Result::companion_lost;
     }
-    if (length == -1) {
-        report_unreadable(text);
+    if (length < 0) {
+        report_unreadable(text, -length);
         return send_value(companion.pair, kBrokenOff) ? Result::unreadable : Result::companion_lost;
     }
     return send_value(companion.pair, kEndOfText) ? receive_answer(companion.pair) : Result::companion_lost;
@@ -166,7 +182,7 @@ Result exchange(Companion &companion, const Text &text, int fd) {
 Result count_text(Companion &companion, const Text &text) {
     const int fd = open(text.path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd == -1) {
-        return report_unreadable(text);
+        return report_unreadable(text, errno);
     }
     const Result result = exchange(companion, text, fd);
     close(fd);
