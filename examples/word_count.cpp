@@ -8,8 +8,9 @@
 //   --companion PROGRAM  the companion: a path, or a name searched along PATH; without it word_count_companion in the
 //                        folder of this program
 //   --debug REQUEST      what the companion's start-up hook is asked for; a request in ZEL_DEBUG stops this program
-//   FILE                 without any: README.md, CONTRIBUTING.md and LICENSE of the source tree that this program was
-//                        built from, found from the folder of this program
+//   FILE                 "-" is standard input. Without any FILE: standard input when that is a pipe; otherwise
+//                        README.md, CONTRIBUTING.md and LICENSE of the source tree that this program was built from,
+//                        found from the folder of this program
 //
 // Standard output, for each text and then once:
 //
@@ -66,6 +67,7 @@
 #include <filesystem>
 #include <string>
 #include <string_view>
+#include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
 #include <vector>
@@ -94,6 +96,15 @@ struct Options {
 enum class Result { counted, unreadable, companion_lost, not_understood };
 
 using Chunk = std::array<char, kChunkSize>;
+
+// The name of standard input among the files, and in messages.
+constexpr std::string_view kStandardInput = "-";
+constexpr const char *kStandardInputName = "standard input";
+
+int open_text(const Text &text) {
+    return text.path == kStandardInput ? fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1)
+                                       : open(text.path.c_str(), O_RDONLY | O_CLOEXEC);
+}
 
 // The length read, 0 at the end of the file, or the error number as a negative value.
 int32_t read_chunk(int fd, Chunk &chunk) {
@@ -180,7 +191,7 @@ Result exchange(Companion &companion, const Text &text, int fd) {
 }
 
 Result count_text(Companion &companion, const Text &text) {
-    const int fd = open(text.path.c_str(), O_RDONLY | O_CLOEXEC);
+    const int fd = open_text(text);
     if (fd == -1) {
         return report_unreadable(text, errno);
     }
@@ -224,7 +235,17 @@ std::filesystem::path own_folder() {
     return std::filesystem::read_symlink("/proc/self/exe", ignored).parent_path();
 }
 
+// A pipe that stands there without a FILE was put there to be counted. A terminal, a null
+// device or a script that a shell reads was not.
+bool standard_input_is_pipe() {
+    struct stat status;
+    return fstat(STDIN_FILENO, &status) == 0 && S_ISFIFO(status.st_mode);
+}
+
 std::vector<Text> default_texts() {
+    if (standard_input_is_pipe()) {
+        return {{.path = std::string(kStandardInput), .name = kStandardInputName}};
+    }
     const std::filesystem::path root = (own_folder() / WORD_COUNT_ROOT).lexically_normal();
     std::vector<Text> texts;
     for (const char *name : {"README.md", "CONTRIBUTING.md", "LICENSE"}) {
@@ -241,7 +262,8 @@ bool refuse_arguments(const std::string &reason) {
 
 void add_texts(Options &options, char **files) {
     for (char **file = files; *file != nullptr; ++file) {
-        options.texts.push_back({.path = *file, .name = visible(*file, kVisibleName)});
+        const bool named = *file != kStandardInput;
+        options.texts.push_back({.path = *file, .name = named ? visible(*file, kVisibleName) : kStandardInputName});
     }
 }
 
