@@ -5,87 +5,110 @@
 #include <components/platform/socket/message_scan.h>
 #include <msg/base/assertion.h>
 
+#include <algorithm>
+
 namespace zel::socket {
 
 namespace {
 
 constexpr int32_t kLineEndSize = 2;
 
+// Why a search stops.
+enum class Stop { at_end, message, full };
+
+// A search under way. The compiler keeps these pointers in registers; the state of the
+// scan is written back when the search stops.
+struct Search {
+    char *line;     // start of the line whose end is searched
+    char *position; // no line end lies between line and here
+    char **entry;   // takes the next line
+};
+
 bool is_line_end(const char *text) {
     return text[0] == '\r' && text[1] == '\n';
 }
 
-// Returns the position after the CR LF that ends the current line, or 0 when there is
-// none. memchr finds the LF. The CR must stand before it in the same line.
-int32_t find_line_end(MessageScan &scan, int32_t length) {
-    while (scan.searched < length) {
-        const char *from = scan.data + scan.searched;
-        const void *found = memchr(from, '\n', static_cast<size_t>(length - scan.searched));
-        if (found == nullptr) {
-            scan.searched = length;
-            return 0;
+// Moves the position after the CR LF that ends the current line. Returns false when there
+// is none. memchr finds the LF. The CR must stand before it in the same line.
+inline bool pass_line_end(Search &search, char *end) {
+    do {
+        void *newline = memchr(search.position, '\n', static_cast<size_t>(end - search.position));
+        if (newline == nullptr) {
+            search.position = end;
+            return false;
         }
-        const auto newline = static_cast<int32_t>(static_cast<const char *>(found) - scan.data);
-        scan.searched = newline + 1;
-        if (newline > scan.line_start && scan.data[newline - 1] == '\r') {
-            return scan.searched;
-        }
-    }
-    return 0;
+        search.position = static_cast<char *>(newline) + 1;
+    } while (search.position - search.line < kLineEndSize || search.position[-kLineEndSize] != '\r');
+    return true;
 }
 
-// A table for PLATFORM_MAX_MESSAGE_LINES lines never counts as full: at that limit
-// record_line asserts.
-bool is_full(const MessageScan &scan) {
-    return scan.lines + 1 >= scan.capacity && scan.lines < PLATFORM_MAX_MESSAGE_LINES;
+// Returns the entry at which the table is full. A table for PLATFORM_MAX_MESSAGE_LINES
+// lines has room for all of them.
+char *const *full_at(const MessageScan &scan) {
+    return scan.line_table + std::min(scan.capacity - 1, PLATFORM_MAX_MESSAGE_LINES);
 }
 
-// The condition and the function of the assertion are promised texts.
-void record_line(MessageScan &scan, int32_t next_line) {
+// A line more than PLATFORM_MAX_MESSAGE_LINES is an assertion. Its condition and its
+// function are promised texts.
+int32_t refuse_line(const MessageScan &scan) {
     if (scan.lines >= PLATFORM_MAX_MESSAGE_LINES) {
         assertion_failed("lines < PLATFORM_MAX_MESSAGE_LINES", kUnit, "platform_parse_message");
     }
-    scan.line_table[scan.lines++] = scan.data + scan.line_start;
-    scan.line_start = next_line;
+    return kLineTableFull;
 }
 
 // The text of a line ends kLineEndSize bytes before the next line. The empty line follows
 // the last one.
-int32_t close_message(MessageScan &scan) {
-    char *const end = scan.data + scan.line_start;
-    for (int32_t line = 1; line < scan.lines; ++line) {
-        scan.line_table[line][-kLineEndSize] = '\0';
+void cut_lines(const Search &found, char **first) {
+    for (char **line = first + 1; line != found.entry; ++line) {
+        (*line)[-kLineEndSize] = '\0';
     }
-    end[-kLineEndSize] = '\0';
-    end[0] = '\0';
-    scan.line_table[scan.lines] = nullptr;
-    return scan.line_start + kLineEndSize;
+    found.line[-kLineEndSize] = '\0';
+    found.line[0] = '\0';
+    *found.entry = nullptr;
+}
+
+// An empty line ends the message. An empty first line does not: a message has at least
+// one line. behind_line: a line has just ended where the search goes on.
+inline Stop run(Search &search, char *end, bool behind_line, char *const *full) {
+    for (;; behind_line = true) {
+        if (behind_line && end - search.line < kLineEndSize) {
+            return Stop::at_end;
+        }
+        if (behind_line && is_line_end(search.line)) {
+            return Stop::message;
+        }
+        if (!pass_line_end(search, end)) {
+            return Stop::at_end;
+        }
+        if (search.entry == full) {
+            --search.position; // the search finds this LF again when it goes on
+            return Stop::full;
+        }
+        *search.entry++ = search.line;
+        search.line = search.position;
+    }
 }
 
 } // namespace
 
 int32_t scan_message(MessageScan &scan, int32_t length) {
-    for (;;) {
-        // An empty line ends the message. An empty first line does not: a message has at
-        // least one line.
-        if (scan.lines > 0 && scan.searched == scan.line_start) {
-            if (length - scan.line_start < kLineEndSize) {
-                return 0;
-            }
-            if (is_line_end(scan.data + scan.line_start)) {
-                return close_message(scan);
-            }
-        }
-        const int32_t next_line = find_line_end(scan, length);
-        if (next_line == 0) {
-            return 0;
-        }
-        if (is_full(scan)) {
-            scan.searched = next_line - 1; // the search finds this LF again when it goes on
-            return kLineTableFull;
-        }
-        record_line(scan, next_line);
+    if (scan.searched >= length) {
+        return 0;
     }
+    Search search = {.line = scan.data + scan.line_start,
+                     .position = scan.data + scan.searched,
+                     .entry = scan.line_table + scan.lines};
+    const bool behind_line = scan.lines > 0 && scan.searched == scan.line_start;
+    const Stop stop = run(search, scan.data + length, behind_line, full_at(scan));
+    scan.lines = static_cast<int32_t>(search.entry - scan.line_table);
+    scan.line_start = static_cast<int32_t>(search.line - scan.data);
+    scan.searched = static_cast<int32_t>(search.position - scan.data);
+    if (stop != Stop::message) {
+        return stop == Stop::full ? refuse_line(scan) : 0;
+    }
+    cut_lines(search, scan.line_table);
+    return scan.line_start + kLineEndSize;
 }
 
 } // namespace zel::socket
