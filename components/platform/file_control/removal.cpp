@@ -151,13 +151,24 @@ const char *next_name(Level &level) {
 // Removes an entry that is no directory. A link is removed itself, whether or not it
 // points to anything. A directory becomes the innermost level, and is removed when it is
 // empty. An entry that is gone is no failure.
+//
+// The system is asked to remove the entry before its status is read: unlinkat follows no
+// link and refuses a directory.
 bool remove_entry(Walk &walk, const char *name) {
     const int fd = descriptor(walk, walk.depth);
+    const int error_before = errno;
+    if (unlinkat(fd, name, 0) == 0) {
+        return true;
+    }
     struct stat status;
     if (fstatat(fd, name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
         return true;
     }
-    return S_ISDIR(status.st_mode) ? enter_directory(walk, name) : unlinkat(fd, name, 0) == 0;
+    if (!S_ISDIR(status.st_mode)) {
+        return false;
+    }
+    errno = error_before;
+    return enter_directory(walk, name);
 }
 
 // Opens a level that was let go again, as the parent of the level below it. Returns -1

@@ -309,6 +309,34 @@ TEST_F(RemoveDir, AnEntryThatIsGoneMeanwhileIsNoFailure) {
     EXPECT_FALSE(exists("tree"));
 }
 
+TEST_F(RemoveDir, OnlyWhatCannotBeUnlinkedIsLookedAt) {
+    make_folder("tree");
+    make_folder("tree/below");
+    make_file("tree/below/file");
+    make_file("tree/file");
+    make_link("below", "tree/link");
+    std::vector<std::string> looked_at;
+    const Interposed looking(hook::fstatat, [&looked_at](int fd, const char *name, struct stat *status, int flags) {
+        EXPECT_EQ(flags, AT_SYMLINK_NOFOLLOW) << name;
+        looked_at.emplace_back(name);
+        return hook::fstatat.real(fd, name, status, flags);
+    });
+    EXPECT_EQ(platform_remove_dir(path("tree").c_str()), 1);
+    EXPECT_EQ(looked_at, std::vector<std::string>{"below"});
+    EXPECT_FALSE(exists("tree"));
+}
+
+TEST_F(RemoveDir, ADirectoryBelowIsNoErrorThatStaysInErrno) {
+    make_folder("tree");
+    make_folder("tree/below");
+    make_file("tree/below/file");
+    make_file("tree/below/.hidden");
+    make_file("tree/.hidden");
+    errno = ERANGE;
+    EXPECT_EQ(platform_remove_dir(path("tree").c_str()), 1);
+    EXPECT_EQ(errno, ERANGE);
+}
+
 TEST_F(RemoveDir, AFolderBelowThatMayNotBeWrittenStopsTheWalkAlsoWhenItIsEmpty) {
     make_folder("tree");
     make_folder("tree/empty");
