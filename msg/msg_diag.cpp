@@ -68,6 +68,18 @@ void write_line(FILE *stream, const char *text, int error) {
     write_second_pass(stream, text, error);
 }
 
+// Kept out of line: a text that no stream takes does not touch the stack of its area.
+[[gnu::noinline]] void write_to_all(const MsgStreamDesc &desc, const char *format, va_list args, int error) {
+    DiagnosticText text;
+    zel::vformat_text(text, format, args);
+    for (int32_t index = 0; index < desc.count; ++index) {
+        write_line(desc.streams[index], text.data(), error);
+        if (desc.sync != 0) {
+            zel::msg::force_to_disk(desc.streams[index]);
+        }
+    }
+}
+
 } // namespace
 
 void msg_diag(const char *format, ...) {
@@ -81,15 +93,8 @@ void msg_diag(const char *format, ...) {
     if (desc->count == 0) {
         return;
     }
-    DiagnosticText text;
     va_list args;
     va_start(args, format);
-    zel::vformat_text(text, format, args);
+    write_to_all(*desc, format, args, kept.value);
     va_end(args);
-    for (int32_t index = 0; index < desc->count; ++index) {
-        write_line(desc->streams[index], text.data(), kept.value);
-        if (desc->sync != 0) {
-            zel::msg::force_to_disk(desc->streams[index]);
-        }
-    }
 }
