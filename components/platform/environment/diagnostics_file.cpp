@@ -48,18 +48,19 @@ const char *fallback_directory() {
 
 // DELIBERATE: the month counts from 00. Test:
 // PlatformDiagnostics.TheFileNameCarriesTheLocalTimeWithTheMonthFromZero.
-bool compose_path(LogPath &path, const char *directory, const char *name) {
+bool compose_path(LogPath &path, const char *directory, std::string_view name) {
     constexpr int kCentury = 100;
     const time_t now = time(nullptr);
     struct tm local = {};
     tzset(); // localtime_r alone would not see a TZ that the program has set since
     localtime_r(&now, &local);
-    return zel::format_text(path, "%s/zel%02d%02d%02d%02d%02d%02d%s.log", directory, local.tm_year - kCentury,
+    return zel::format_text(path, "%s/zel%02d%02d%02d%02d%02d%02d%.*s.log", directory, local.tm_year - kCentury,
                             local.tm_mon, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
-                            name == nullptr ? "" : name);
+                            static_cast<int>(name.size()), name.data());
 }
 
-void open_log(const char *directory, const char *name) {
+// Kept out of line: a start without a log does not touch the stack that the path takes.
+[[gnu::noinline]] void open_log(const char *directory, std::string_view name) {
     LogPath path;
     if (!compose_path(path, directory, name)) {
         return;
@@ -73,33 +74,48 @@ void open_log(const char *directory, const char *name) {
     }
 }
 
-} // namespace
-
-void platform_open_diagnostics(const char *name) {
+// Chooses the destination. Returns the directory in which a log is to be opened, or null
+// when there is to be none.
+const char *choose_destination() {
     if (destination_chosen) {
-        return;
+        return nullptr;
     }
     destination_chosen = true;
     const char *value = zel::variable("ZEL_DIAGNOSTICS_PATH");
     if (value == nullptr || *value == '\0' || strcmp(value, "0") == 0) {
-        return;
+        return nullptr;
     }
     if (is_one_of(value, "stdout", "1")) {
         msg_add_stream(MSG_DIAG, stdout);
-    } else if (is_one_of(value, "stderr", "2")) {
+        return nullptr;
+    }
+    if (is_one_of(value, "stderr", "2")) {
         msg_add_stream(MSG_DIAG, stderr);
-    } else {
-        open_log(platform_is_writable_dir(value) ? value : fallback_directory(), name);
+        return nullptr;
+    }
+    return platform_is_writable_dir(value) ? value : fallback_directory();
+}
+
+// The name that a log takes from that of its program.
+std::string_view derived_name(int32_t argc, char *const *argv) {
+    const bool named = argc > 0 && argv[0] != nullptr;
+    return named ? without_family_prefix(zel::without_extension(zel::last_component(argv[0]))) : "";
+}
+
+} // namespace
+
+void platform_open_diagnostics(const char *name) {
+    const char *directory = choose_destination();
+    if (directory != nullptr) {
+        open_log(directory, name == nullptr ? "" : name);
     }
 }
 
 void platform_diag_startup(int32_t argc, char **argv, const char *name) {
-    zel::PathBuffer derived = {};
-    if (name == nullptr && argc > 0 && argv[0] != nullptr) {
-        const auto program = without_family_prefix(zel::without_extension(zel::last_component(argv[0])));
-        zel::copy_part(std::span(derived).first(derived.size() - 1), program);
+    const char *directory = choose_destination();
+    if (directory != nullptr) {
+        open_log(directory, name == nullptr ? derived_name(argc, argv) : name);
     }
-    platform_open_diagnostics(name == nullptr ? derived.data() : name);
     for (int32_t index = 0; index < argc; ++index) {
         msg_diag("argv[%d] = \"%s\"\n", index, argv[index]);
     }
