@@ -187,36 +187,46 @@ void carry_out(const Request &request, const char *program, char **args_before) 
     }
 }
 
-// Returns the index of the marker, or the bound or more when there is none. Collects the
-// arguments before that index.
-int32_t find_marker(int32_t bound, char **argv, ArgumentsBefore &before) {
-    size_t count = 0;
+// An underscore has no second case: an argument that begins otherwise is passed over.
+bool is_marker(const char *argument) {
+    return *argument == *kMarker && strcasecmp(argument, kMarker) == 0;
+}
+
+// Returns the index of the marker, or the bound or more when there is none.
+int32_t find_marker(int32_t bound, char *const *argv) {
     int32_t index = 1;
-    while (index < bound && strcasecmp(argv[index], kMarker) != 0) {
-        before[count++] = argv[index++];
+    while (index < bound && !is_marker(argv[index])) {
+        ++index;
     }
-    before[count] = nullptr;
     return index;
+}
+
+// Carries out a request, with the arguments up to that index. Kept out of line: a start
+// without a request does not touch the stack that the list takes.
+[[gnu::noinline]] void obey(const char *request, const char *program, char *const *argv, int32_t end) {
+    ArgumentsBefore before;
+    *std::copy(argv + 1, argv + std::max(end, 1), before.begin()) = nullptr;
+    platform_debug_op(program, before.data(), request);
 }
 
 // DELIBERATE: a process with a marker opens no diagnostics file and echoes nothing. Test:
 // DebugHooksMarker.AMarkerOpensNoDiagnostics.
-void act_on_marker(int32_t index, int32_t *argc, char **argv, ArgumentsBefore &before) {
+void act_on_marker(int32_t index, int32_t *argc, char **argv) {
     char *request = join(argv + index + 1, argv + *argc);
     *argc = index;
     argv[index] = nullptr;
-    platform_debug_op(argv[0], before.data(), request);
+    obey(request, argv[0], argv, index);
     free(request);
 }
 
-void act_on_variable(const char *program, ArgumentsBefore &before) {
+void act_on_variable(int32_t bound, char *const *argv) {
     const char *value = zel::variable("ZEL_DEBUG");
     if (value == nullptr || *value == '\0') {
         return;
     }
     char *request = copy_text(value);
     platform_setenv("ZEL_DEBUG", "");
-    platform_debug_op(program, before.data(), request);
+    obey(request, bound > 0 ? argv[0] : "", argv, bound);
     free(request);
 }
 
@@ -247,14 +257,13 @@ void platform_debug_hooks_named(int32_t *argc, char **argv, const char *name) {
         start_with_raised_rights(*argc, argv, name);
         return;
     }
-    ArgumentsBefore before = {};
     const int32_t bound = std::min(*argc, kScanBound);
-    const int32_t index = find_marker(bound, argv, before);
+    const int32_t index = find_marker(bound, argv);
     if (index < bound) {
-        act_on_marker(index, argc, argv, before);
+        act_on_marker(index, argc, argv);
         return;
     }
-    act_on_variable(*argc > 0 ? argv[0] : "", before);
+    act_on_variable(bound, argv);
     platform_diag_startup(*argc, argv, name);
 }
 

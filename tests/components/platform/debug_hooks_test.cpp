@@ -8,10 +8,55 @@
 #include <cctype>
 #include <cstdlib>
 #include <string>
+#include <sys/mman.h>
+#include <ucontext.h>
 #include <unistd.h>
 #include <vector>
 
 using namespace zel::test;
+
+namespace {
+
+// A stack of its own. The system gives it a page when something on it is touched.
+class FreshStack {
+public:
+    FreshStack() {
+        EXPECT_NE(area_, MAP_FAILED);
+        madvise(area_, kSize, MADV_NOHUGEPAGE); // or a page would be many
+    }
+    FreshStack(const FreshStack &) = delete;
+    FreshStack &operator=(const FreshStack &) = delete;
+    ~FreshStack() { munmap(area_, kSize); }
+
+    void run(void (*function)()) {
+        ucontext_t here;
+        ucontext_t there;
+        ASSERT_EQ(getcontext(&there), 0);
+        there.uc_stack = {.ss_sp = area_, .ss_flags = 0, .ss_size = kSize};
+        there.uc_link = &here;
+        makecontext(&there, function, 0);
+        ASSERT_EQ(swapcontext(&here, &there), 0);
+    }
+
+    size_t touched() const {
+        const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+        std::vector<unsigned char> pages(kSize / page);
+        EXPECT_EQ(mincore(area_, kSize, pages.data()), 0);
+        const auto count = std::count_if(pages.begin(), pages.end(), [](unsigned char entry) { return entry & 1; });
+        return static_cast<size_t>(count) * page;
+    }
+
+private:
+    static constexpr size_t kSize = 1 << 20;
+    void *area_ = mmap(nullptr, kSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+};
+
+void start_without_request() {
+    static Arguments arguments({"prog", "a", "__b"});
+    platform_debug_hooks(&arguments.argc, arguments.argv.data());
+}
+
+} // namespace
 
 TEST(DebugHooks, WithoutARequestTheArgumentsStayAsTheyAre) {
     const Outcome outcome = run_hook({"prog", "a", "b"});
@@ -27,6 +72,20 @@ TEST(DebugHooks, WithoutARequestTheDiagnosticsAreOpenedAndTheArgumentsEchoed) {
         platform_debug_hooks(&arguments.argc, arguments.argv.data());
     });
     EXPECT_EQ(outcome.err, "argv[0] = \"prog\"\nargv[1] = \"a\"\n");
+}
+
+TEST(DebugHooks, WithoutARequestNoLargeTextOrListTouchesTheStack) {
+    const Outcome outcome = run_in_child([] {
+        unsetenv("ZEL_DEBUG");
+        unsetenv("ZEL_DIAGNOSTICS_PATH");
+        msg_set_print_prefix("as in a program whose messages are in use");
+        FreshStack first; // what is linked and interposed on the first call takes more
+        first.run(start_without_request);
+        FreshStack second;
+        second.run(start_without_request);
+        printf("%zu bytes", second.touched());
+    });
+    EXPECT_EQ(outcome.out, "4096 bytes");
 }
 
 TEST(DebugHooks, AnExplicitNameGoesIntoTheDiagnosticsFile) {
