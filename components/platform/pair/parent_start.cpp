@@ -38,7 +38,7 @@ struct Start {
     const char *file;
     const zel::Standards *standards; // null: the null device
     char *const *argv;
-    int32_t parent_pid;
+    std::array<char, 64> child_address; // the value of the variable
 };
 
 void close_both(const SocketPair &ends) {
@@ -89,6 +89,11 @@ int32_t fork_with_retries() {
     return pid;
 }
 
+// Formatted before the fork: a child takes a fault for each page of code that it uses.
+void format_child_address(Start &start, int32_t parent_pid, int child_end) {
+    zel::format_text(start.child_address, "%d %d pid-rtx_fd_l", parent_pid, child_end);
+}
+
 void keep_failure(PairHandle *ph, const char *step) {
     ph->error_number = errno;
     ph->error_text = step;
@@ -98,12 +103,11 @@ void keep_failure(PairHandle *ph, const char *step) {
 
 // Without memory the variable keeps its older value. That may name the end of another
 // pair, so the variable is removed.
-void put_end_into_environment(const Start &start, int child_end) {
-    std::array<char, 64> value;
-    zel::format_text(value, "%d %d pid-rtx_fd_l", start.parent_pid, child_end);
-    platform_setenv(start.env_name, value.data());
+void put_end_into_environment(const Start &start) {
+    const char *value = start.child_address.data();
+    platform_setenv(start.env_name, value);
     const char *held = platform_getenv(start.env_name);
-    if (held != nullptr && strcmp(held, value.data()) != 0) {
+    if (held != nullptr && strcmp(held, value) != 0) {
         unsetenv(start.env_name);
     }
 }
@@ -126,7 +130,7 @@ bool redirect(const Start &start) {
     if (!start.blocking) {
         zel::set_blocking(ends.child_end, false);
     }
-    put_end_into_environment(start, ends.child_end);
+    put_end_into_environment(start);
     execvp(start.file, start.argv);
     ph->error_text = "execvp failed";
     zel::exit_beside_parent(1);
@@ -157,17 +161,19 @@ PairHandle *platform_pair_parent_open_vp(const char *env_name, int ignore_sigpip
     // Chosen before the sockets are created: they may take the number of an entry that is
     // not open.
     const zel::Standards standards = stdio_fds != nullptr ? zel::choose_standards(stdio_fds) : zel::Standards{};
-    const Start start = {.env_name = env_name,
-                         .blocking = blocking != 0,
-                         .file = file,
-                         .standards = stdio_fds != nullptr ? &standards : nullptr,
-                         .argv = argv,
-                         .parent_pid = platform_getpid()};
+    const int32_t parent_pid = platform_getpid();
+    Start start = {.env_name = env_name,
+                   .blocking = blocking != 0,
+                   .file = file,
+                   .standards = stdio_fds != nullptr ? &standards : nullptr,
+                   .argv = argv,
+                   .child_address = {}};
     SocketPair ends;
     if (!create_sockets(ends)) {
         keep_failure(ph, "socketpair create failed");
         return ph;
     }
+    format_child_address(start, parent_pid, ends.child_end);
     const int32_t pid = fork_with_retries();
     if (pid == -1) {
         // DELIBERATE: the two socket ends stay open in the parent. Test:
