@@ -28,18 +28,21 @@ struct OpenFile {
     const int fd;
 };
 
-// Compares open files: another process may exchange a name before it is opened.
-bool is_same_file(int one, int other) {
-    struct stat source;
-    struct stat target;
-    return fstat(one, &source) == 0 && S_ISREG(source.st_mode) && fstat(other, &target) == 0 &&
-           source.st_dev == target.st_dev && source.st_ino == target.st_ino;
+bool is_same_file(const struct stat &source, const struct stat &target) {
+    return S_ISREG(source.st_mode) && source.st_dev == target.st_dev && source.st_ino == target.st_ino;
 }
 
-// Empties the target. Devices and pipes are left alone.
-bool make_empty(int fd) {
-    struct stat status;
-    return fstat(fd, &status) == 0 && (!S_ISREG(status.st_mode) || ftruncate(fd, 0) == 0);
+// Empties the target. Devices and pipes are left alone. Returns false when it cannot be
+// emptied, or is the source. Open files are compared: another process may exchange a name
+// before it is opened.
+bool make_ready(int source, int target) {
+    struct stat from;
+    struct stat to;
+    const bool known = fstat(source, &from) == 0;
+    if (fstat(target, &to) != 0 || (known && is_same_file(from, to))) {
+        return false;
+    }
+    return !S_ISREG(to.st_mode) || ftruncate(target, 0) == 0;
 }
 
 // A read that a signal interrupts is repeated.
@@ -72,7 +75,7 @@ int platform_copy_file(const char *from, const char *to) {
         return 0;
     }
     const OpenFile target(open(to, O_WRONLY | O_CREAT | O_CLOEXEC, kCreationMode));
-    if (target.fd == -1 || is_same_file(source.fd, target.fd) || !make_empty(target.fd)) {
+    if (target.fd == -1 || !make_ready(source.fd, target.fd)) {
         return 0;
     }
     Chunk chunk;

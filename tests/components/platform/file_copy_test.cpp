@@ -96,6 +96,19 @@ TEST_F(CopyFile, AFileOfTheSameNumberOnAnotherDeviceIsAnotherFile) {
     EXPECT_EQ(read_file(path("to")), "text");
 }
 
+TEST_F(CopyFile, EachFileIsLookedAtOnce) {
+    write_file(path("from"), "text");
+    std::vector<ino_t> looked_at;
+    const Interposed looking(hook::fstat, [&looked_at](int fd, struct stat *status) {
+        const int result = hook::fstat.real(fd, status);
+        looked_at.push_back(status->st_ino);
+        return result;
+    });
+    EXPECT_EQ(platform_copy_file(path("from").c_str(), path("to").c_str()), 1);
+    ASSERT_EQ(looked_at.size(), 2U);
+    EXPECT_NE(looked_at[0], looked_at[1]);
+}
+
 TEST_F(CopyFile, AReadThatFailsEndsTheCopy) {
     // A folder can be opened for reading and not read.
     EXPECT_EQ(platform_copy_file(folder.path.c_str(), path("to").c_str()), 1);
