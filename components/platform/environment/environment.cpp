@@ -16,15 +16,17 @@ char *platform_getenv(const char *name) {
 // Copied and not formatted: between fork and exec a child takes a fault for each page of
 // code that it uses.
 int platform_setenv(const char *name, const char *value) {
-    const size_t name_length = strlen(name);
-    const size_t value_size = strlen(value) + 1;
-    char *entry = static_cast<char *>(malloc(name_length + 1 + value_size));
+    const std::string_view key = name;
+    const std::string_view text = value;
+    const size_t length = key.size() + 1 + text.size();
+    char *entry = static_cast<char *>(malloc(length + 1));
     if (entry == nullptr) {
         return 0;
     }
-    memcpy(entry, name, name_length);
-    entry[name_length] = '=';
-    memcpy(entry + name_length + 1, value, value_size);
+    memcpy(entry, key.data(), key.size());
+    entry[key.size()] = '=';
+    memcpy(entry + key.size() + 1, text.data(), text.size());
+    entry[length] = '\0';
     putenv(entry); // the environment keeps the storage
     return 0;
 }
