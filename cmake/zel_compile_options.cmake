@@ -57,6 +57,11 @@ foreach(option -fstack-protector-strong -fstack-clash-protection -fcf-protection
   zel_use_option(ZEL_HARDENING ${option})
 endforeach()
 
+# A call of the C library goes straight through the table of addresses: no stub in between, and on x86 no register that
+# holds the table for the stub's sake.
+set(ZEL_LIBRARY_CALLS)
+zel_use_option(ZEL_LIBRARY_CALLS -fno-plt)
+
 # zel_warnings(TARGET): the project's warning level.
 function(zel_warnings target)
   target_compile_options(${target} PRIVATE ${ZEL_WARNINGS} "$<$<COMPILE_LANGUAGE:CXX>:${ZEL_CXX_WARNINGS}>")
@@ -78,6 +83,6 @@ function(zel_library_options target)
   target_include_directories(${target} PRIVATE ${PROJECT_SOURCE_DIR})
   # The checked forms of the C library's calls stay off: they end a process whose own format holds %n, and they hide the
   # calls from a program that puts its own in their place.
-  target_compile_options(${target} PRIVATE ${ZEL_HARDENING} -U_FORTIFY_SOURCE
+  target_compile_options(${target} PRIVATE ${ZEL_HARDENING} ${ZEL_LIBRARY_CALLS} -U_FORTIFY_SOURCE
     -fno-exceptions -fno-rtti -fno-threadsafe-statics -include ${PROJECT_SOURCE_DIR}/msg/base/prelude.h)
 endfunction()
