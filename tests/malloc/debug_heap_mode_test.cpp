@@ -195,6 +195,49 @@ TEST(DebugHeapMode, TheModesMayBeSwitchedAtAnyTime) {
     EXPECT_EQ(outcome.status, 1);
 }
 
+TEST(DebugHeapMode, ASwitchBackKnowsWhatCameAndWentMeanwhile) {
+    const Outcome outcome = run_heap(2, [] {
+        void *stays = named('P', zel_malloc(4, "stays", "s"));
+        void *goes = zel_malloc(4, "goes", "g");
+        zel_enable_malloc_debug(1);
+        keep_from_system(goes);
+        zel_free(goes);
+        zel_malloc(5, "takes the record", "t");
+        void *comes = named('Q', zel_malloc(4, "comes", "c"));
+        for (void *damaged : {stays, goes, comes}) {
+            set_word_at(damaged, 4, 0);
+        }
+        zel_enable_malloc_debug(2);
+        zel_malloc(1, "late", nullptr);
+    });
+    const std::string finding = " referenced data that was corrupted at the end.  The pointer was allocated by "
+                                "zel_malloc with a length of 4.  The storage was allocated in the function ";
+    EXPECT_EQ(outcome.err, "Warning: The pointer <P>" + finding + "stays for s.  \n" + "Warning: The pointer <Q>" +
+                               finding + "comes for c.  \n" +
+                               "Error: zel_malloc: The heap was corrupted. (Currently inside of late)\n");
+    EXPECT_EQ(outcome.status, 1);
+}
+
+TEST(DebugHeapMode, ASwitchAsksTheSystemForNothing) {
+    const Outcome outcome = run_heap(1, [] {
+        for (int count = 0; count < 3000; ++count) {
+            zel_malloc(4, nullptr, nullptr);
+        }
+        static int calls;
+        const auto count = [](auto &hook) {
+            return [&hook](auto... arguments) { return ++calls, hook.real(arguments...); };
+        };
+        {
+            const Interposed counted(hook::malloc, count(hook::malloc));
+            const Interposed resized(hook::realloc, count(hook::realloc));
+            zel_enable_malloc_debug(2);
+            zel_enable_malloc_debug(1);
+        }
+        printf("%d", calls);
+    });
+    EXPECT_EQ(outcome.out, "0");
+}
+
 TEST(DebugHeapMode, SwitchingToTheSameModeChangesNothing) {
     EXPECT_EQ(switch_from_to(1, 1).out, "mode 1\n");
     EXPECT_EQ(switch_from_to(2, 2).out, "mode 2\n");

@@ -123,6 +123,26 @@ TEST(DebugHeapStreams, VerificationGoesOnInTheTableThatAFindingMadeMove) {
     EXPECT_EQ(outcome.status, 1);
 }
 
+TEST(DebugHeapStreams, VerificationGoesOnThoughAFindingsStreamEndsItsMode) {
+    const Outcome outcome = run_heap(ZEL_MALLOC_VERIFY_HEAP, [] {
+        void *p = named('P', zel_malloc(kSize, "F", "p"));
+        static void *q;
+        q = zel_malloc(kSize, "F", "q");
+        set_word_at(p, kSize, 0);
+        write_through_stream(MSG_WARNING, STDERR_FILENO, [] {
+            zel_enable_malloc_debug(ZEL_MALLOC_CHECK_PTR);
+            keep_from_system(q);
+            zel_free(q);
+            zel_malloc(kSize, "takes the record", "t");
+            set_word_at(named('R', zel_malloc(kSize, "many", "m")), kSize, 0);
+        });
+        zel_malloc(1, "G", nullptr);
+    });
+    EXPECT_EQ(outcome.err, finding('P', "F", "p") + finding('R', "many", "m") +
+                               "Error: zel_malloc: The heap was corrupted. (Currently inside of G)\n");
+    EXPECT_EQ(outcome.status, 1);
+}
+
 TEST(DebugHeapStreams, AFindingsStreamMayTakeTheEndOfTheHeapAway) {
     const Outcome outcome = run_heap(ZEL_MALLOC_CHECK_PTR, [] {
         const intptr_t page = sysconf(_SC_PAGESIZE);

@@ -220,6 +220,22 @@ TEST(DebugHeapUnmapped, AVerificationNamesTheOwnerOfALiveBlockThatIsGone) {
     }
 }
 
+TEST(DebugHeapUnmapped, AVerificationNamesTheOwnerOfABlockBelowTheHeapThatIsGone) {
+    const Outcome outcome = run_heap(ZEL_MALLOC_VERIFY_HEAP, [] {
+        constexpr size_t kPage = 4096;
+        alignas(kPage) static char pages[2 * kPage];
+        {
+            const Interposed placed(hook::malloc, [](size_t /*size*/) -> void * { return pages; });
+            named('P', zel_malloc(kPage, "F", "p"));
+        }
+        mprotect(pages, sizeof pages, PROT_NONE);
+        zel_malloc(1, "G", nullptr);
+    });
+    EXPECT_EQ(outcome.err, "Warning: " + kAtTheBeginning + kOwner + "\n" +
+                               "Error: zel_malloc: The heap was corrupted. (Currently inside of G)\n");
+    EXPECT_EQ(outcome.status, 1) << "signal " << outcome.signal;
+}
+
 TEST(DebugHeapUnmapped, TheReportMarksALiveBlockThatIsGone) {
     const Outcome outcome = run_heap(1, [] {
         named('P', allocate_and_unmap_the_end());

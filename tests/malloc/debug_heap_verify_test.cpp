@@ -4,7 +4,9 @@
 
 #include <malloc/internal/debug_heap_state.h>
 #include <msg/msg.h>
+#include <support/interpose.h>
 
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -180,6 +182,45 @@ TEST(DebugHeapVerify, ASoundHeapIsWorkedOnInSilence) {
     EXPECT_EQ(outcome.status, 0);
 }
 
+TEST(DebugHeapVerify, ABlockMayBelongToTwoRecords) {
+    const Outcome outcome = run_heap(kVerify, [] {
+        static std::array<uint64_t, 8> block;
+        const Interposed placed(hook::malloc, [](size_t /*size*/) -> void * { return block.data(); });
+        zel_malloc(5, "F", "p");
+        zel_malloc(6, "G", "q"); // its header names the second record
+        zel_malloc_if_room(7);
+        printf("%lu", zel_malloc_mem_used());
+    });
+    EXPECT_EQ(outcome.out, "18");
+    EXPECT_EQ(outcome.err, "");
+}
+
+TEST(DebugHeapVerify, ABlockThatTheSystemMisplacedIsAFinding) {
+    const Outcome outcome = run_heap(kVerify, [] {
+        {
+            const auto misplaced = [](size_t size) { return static_cast<char *>(hook::malloc.real(size + 4)) + 4; };
+            const Interposed placed(hook::malloc, misplaced);
+            named('P', zel_malloc(4, "F", "p"));
+        }
+        zel_malloc(1, "G", nullptr);
+    });
+    EXPECT_EQ(outcome.err, "Warning: The pointer <P> was not valid on this platform (should be a multiple of 8).  \n"
+                           "Error: zel_malloc: The heap was corrupted. (Currently inside of G)\n");
+}
+
+TEST(DebugHeapVerify, ALengthThatWasOverwrittenIsAFinding) {
+    for (const size_t trailer : {size_t{0x1000}, size_t{0} - 8, size_t{0}}) {
+        const Outcome outcome = run_heap(kVerify, [trailer] {
+            const void *pointer = named('P', zel_malloc(4, "F", "p"));
+            zel::memory::debug_heap.records[0].length = trailer - reinterpret_cast<uintptr_t>(pointer);
+            zel_malloc(1, "G", nullptr);
+        });
+        EXPECT_EQ(outcome.err.find("Warning: The pointer <P> referenced data that was corrupted at the end.  "), 0U)
+            << outcome.err;
+        EXPECT_EQ(outcome.status, 1) << "signal " << outcome.signal;
+    }
+}
+
 TEST(DebugHeapVerify, WorkOnASoundHeapDoesNotDisturbTheErrorNumber) {
     const Outcome outcome = run_heap(kVerify, [] {
         errno = EXDEV;
@@ -230,8 +271,8 @@ TEST(DebugHeapVerify, RecordsThatAreNotInUseAreNotLookedAt) {
         for (size_t index = kCount - 2; index > 0; --index) {
             zel_free(pointers[index]);
         }
+        zel_enable_malloc_debug(kVerify); // looks at every record, once
         forbid_records(3, kCount - 2);
-        zel_enable_malloc_debug(kVerify);
         zel_free(zel_malloc(4, "G", "g"));
         zel_malloc_debug_report(0);
         set_word_at(named('P', pointers[kCount - 1]), 4, 0);
