@@ -1,12 +1,8 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// The checks of the debug heap: one pointer, or the whole heap.
+// The check of the whole heap.
 #include <malloc/internal/debug_check.h>
 
-#include <malloc/debug_heap.h>
-#include <malloc/internal/debug_block.h>
 #include <malloc/internal/debug_diagnosis.h>
-#include <malloc/internal/debug_heap_state.h>
-#include <malloc/internal/pointer.h>
 #include <msg/base/memory_report.h>
 #include <msg/msg.h>
 
@@ -14,44 +10,62 @@ namespace zel::memory {
 
 namespace {
 
+// Whether the block of a record in use is sound at first sight: aligned, all of it within
+// reach, both guards intact, and its header names that very record. The trailer does not
+// lie in front of the pointer, so that each needs one bound alone.
+inline bool is_plainly_sound(const Record &record, uint32_t index, Reach reach) {
+    const auto address = reinterpret_cast<uintptr_t>(record.pointer);
+    const uintptr_t trailer = (address + record.length + (kWordSize - 1)) & ~(kWordSize - 1);
+    return is_aligned(record.pointer) && address >= reach.start + kWordSize && trailer >= address &&
+           trailer < reach.end && is_live_header(record.pointer, static_cast<int32_t>(index)) &&
+           read_word(bytes_at(record.pointer) + (trailer - address)) == kTrailerMagic;
+}
+
+// Whether the pointer of a record is valid all the same. Out of line: the walk keeps its
+// registers.
+[[gnu::noinline]] bool is_valid(const Record &record, Reach reach) {
+    return valid_record(record.pointer, reach) != nullptr;
+}
+
+// The smallest index in use, not below from, whose pointer is not valid; the capacity
+// when there is none.
+uint32_t next_unsound(uint32_t from) {
+    const Reach reach = heap_reach();
+    const uint32_t capacity = debug_heap.capacity;
+    for (IndexRun run = next_run(debug_heap.in_use, capacity, from); run.first < capacity;
+         run = next_run(debug_heap.in_use, capacity, run.end)) {
+        const Record *record = &debug_heap.records[run.first];
+        for (uint32_t index = run.first; index < run.end; ++index, ++record) {
+            if (!is_plainly_sound(*record, index, reach) && !is_valid(*record, reach)) [[unlikely]] {
+                return index;
+            }
+        }
+    }
+    return capacity;
+}
+
 // Checks every record in use, in the order of the indices. Each finding is a warning. A
-// stream that takes it may run the program's code and so move the table and the end of
-// the heap: both are read again.
+// stream that takes it may run the program's code: the table and the end of the heap may
+// move, and the program may switch to the mode that does not keep the set. The
+// verification goes on all the same.
 bool heap_is_sound() {
-    bool sound = true;
-    Reach reach = heap_reach();
-    uint32_t index = next_index(debug_heap.in_use, debug_heap.capacity, 0);
+    uint32_t index = next_unsound(0);
+    const bool sound = index == debug_heap.capacity;
     while (index < debug_heap.capacity) {
         const Record &record = debug_heap.records[index];
-        if (valid_record(record.pointer, reach) == nullptr) {
-            msg_warn("%s", diagnose(record.pointer, &record, false));
-            sound = false;
-            reach = heap_reach();
+        msg_warn("%s", diagnose(record.pointer, &record, false));
+        if (!keeps_in_use()) {
+            build_in_use();
         }
-        index = next_index(debug_heap.in_use, debug_heap.capacity, index + 1);
+        index = next_unsound(index + 1);
     }
     return sound;
 }
 
 } // namespace
 
-const Record *valid_record(const void *pointer, const Reach &reach) {
-    Header header;
-    if (!is_aligned(pointer) || !read_header(pointer, reach, &header) || header.magic != kLiveMagic) {
-        return nullptr;
-    }
-    const Record *record = record_at(header.index);
-    const bool valid = record != nullptr && record->pointer == pointer && is_in_use(*record) &&
-                       has_intact_trailer(pointer, record->length, reach);
-    return valid ? record : nullptr;
-}
-
-// A stream may allocate while a finding is written to it. That allocation does not verify
-// the heap again: the same finding would be written without end.
-void require_sound_heap(const Caller &caller) {
-    if (debug_heap.mode != ZEL_MALLOC_VERIFY_HEAP || debug_heap.verifying) {
-        return;
-    }
+void verify_heap(Method method, const char *name, Place place, const char *purpose_or_file) {
+    const Caller caller = {.method = method, .name = name, .place = place, .purpose_or_file = purpose_or_file};
     debug_heap.verifying = true;
     const zel::MemoryReport under_way; // the findings are reports of the memory library
     if (!heap_is_sound()) {

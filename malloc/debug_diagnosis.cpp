@@ -4,6 +4,7 @@
 #include <malloc/internal/debug_diagnosis.h>
 
 #include <malloc/internal/debug_block.h>
+#include <malloc/internal/debug_records.h>
 #include <malloc/internal/pointer.h>
 #include <msg/base/text.h>
 
@@ -50,13 +51,20 @@ struct Findings {
     bool trailer_intact;   // of the owner's block; true without an owner or a live magic
 };
 
+// The record that the header names, or null.
+const Record *indexed_record(const Findings &findings) {
+    const int32_t index = findings.header.index;
+    return findings.header_readable && has_record(index) ? &debug_heap.records[index] : nullptr;
+}
+
 // Looks at the header, its record and the trailer. Memory that cannot be read is not
 // touched.
 Findings look_at(const void *pointer, const Record *known) {
     const Reach reach = heap_reach();
     Findings findings = {};
-    findings.header_readable = read_header(pointer, reach, &findings.header);
-    findings.indexed = findings.header_readable ? record_at(findings.header.index) : nullptr;
+    findings.header_readable = has_readable_header(pointer, reach);
+    findings.header = findings.header_readable ? header_of(pointer) : Header{};
+    findings.indexed = indexed_record(findings);
     findings.indexed_is_owner = findings.indexed != nullptr && findings.indexed->pointer == pointer &&
                                 (known == nullptr || known == findings.indexed);
     findings.owner = findings.indexed_is_owner ? findings.indexed : known;
@@ -85,8 +93,8 @@ void append_verdict(Sentences &text, const Findings &findings, bool in_release) 
 // DELIBERATE: no blanks follow a purpose without a function. Test:
 // DebugHeapDiagnosis.APurposeAloneIsNotFollowedByBlanks.
 void append_place(Sentences &text, const Caller &caller) {
-    const char *function = caller.place.function;
     const char *purpose = caller.purpose_or_file;
+    const char *function = function_of(caller);
     if (caller.method == Method::file_line) {
         append(text, "The storage was allocated in %s, line %d.  ", purpose, caller.place.line);
     } else if (function != nullptr && purpose != nullptr) {
@@ -101,9 +109,9 @@ void append_place(Sentences &text, const Caller &caller) {
 // Who allocated the storage, and how much.
 void append_owner(Sentences &text, const Record &owner, bool released) {
     append(text, "%s", released ? "  Before being free'd, the " : "  The ");
-    append(text, "pointer was allocated by %s with a length of %ld.  ", owner.caller.name,
+    append(text, "pointer was allocated by %s with a length of %ld.  ", caller_of(owner).name,
            static_cast<long>(owner.length));
-    append_place(text, owner.caller);
+    append_place(text, caller_of(owner));
 }
 
 } // namespace
@@ -126,7 +134,7 @@ const char *diagnose(const void *pointer, const Record *known, bool in_release) 
 
 const char *context_text(const Caller &caller) {
     const std::span<char> text = texts.context;
-    const char *function = caller.place.function;
+    const char *function = function_of(caller);
     const char *purpose = caller.purpose_or_file;
     text.front() = '\0';
     if (caller.method == Method::file_line) {

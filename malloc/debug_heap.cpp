@@ -3,7 +3,7 @@
 #include <malloc/debug_heap.h>
 
 #include <malloc/internal/debug_diagnosis.h>
-#include <malloc/internal/debug_heap_state.h>
+#include <malloc/internal/debug_records.h>
 #include <malloc/internal/readable_memory.h>
 #include <malloc/internal/zel_malloc_core.h>
 #include <msg/base/memory_report.h>
@@ -14,8 +14,14 @@ using zel::memory::warn_while_off;
 
 namespace zel::memory {
 
-constinit DebugHeap debug_heap = {
-    .mode = 0, .verifying = false, .heap_start = 0, .records = nullptr, .in_use = {}, .capacity = 0, .bytes_in_use = 0};
+constinit DebugHeap debug_heap = {.mode = 0,
+                                  .verifying = false,
+                                  .heap_start = 0,
+                                  .records = nullptr,
+                                  .callers = nullptr,
+                                  .in_use = {},
+                                  .capacity = 0,
+                                  .bytes_in_use = 0};
 
 bool warn_while_off(const char *operation) {
     if (debug_heap_on()) {
@@ -53,7 +59,11 @@ void zel_enable_malloc_debug(int mode) {
     if (!zel::memory::debug_heap_on()) {
         zel::memory::find_heap_start();
     }
+    const bool was_kept = zel::memory::keeps_in_use();
     debug_heap.mode = mode;
+    if (!was_kept && zel::memory::keeps_in_use()) {
+        zel::memory::build_in_use();
+    }
 }
 
 int zel_malloc_debug_mode() {

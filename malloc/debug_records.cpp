@@ -2,7 +2,6 @@
 // The record table of the debug heap.
 #include <malloc/internal/debug_records.h>
 
-#include <malloc/internal/debug_heap_state.h>
 #include <msg/base/limits.h>
 
 #include <algorithm>
@@ -44,16 +43,19 @@ bool grow_index_set(uint32_t before, uint32_t capacity) {
     return true;
 }
 
+} // namespace
+
 // Grows every part of the table, then stores the capacity. When a part cannot grow, the
 // capacity stays. Entries behind the capacity are not read, and the next attempt sets
-// them up.
+// them up. The set grows in every mode: a switch of the mode needs no memory.
 bool grow_table() {
     const uint32_t before = debug_heap.capacity;
     if (before > kMostRecords - kRecordTableStep) {
         return false;
     }
     const uint32_t capacity = before + kRecordTableStep;
-    if (!enlarge(debug_heap.records, capacity) || !grow_index_set(before, capacity)) {
+    if (!enlarge(debug_heap.records, capacity) || !enlarge(debug_heap.callers, capacity) ||
+        !grow_index_set(before, capacity)) {
         return false;
     }
     // The new records are the free list, in the order of their indices.
@@ -67,33 +69,24 @@ bool grow_table() {
     return true;
 }
 
-} // namespace
-
-bool is_in_use(const Record &record) {
-    return record.state == kInUseByFunction || record.state == kInUseByLine;
+uint32_t next_in_use(uint32_t from) {
+    if (keeps_in_use()) {
+        return next_index(debug_heap.in_use, debug_heap.capacity, from);
+    }
+    while (from < debug_heap.capacity && !is_in_use(debug_heap.records[from])) {
+        ++from;
+    }
+    return from;
 }
 
-Record *record_at(int32_t index) {
-    return index < 0 || static_cast<uint32_t>(index) >= debug_heap.capacity ? nullptr : &debug_heap.records[index];
-}
-
-bool has_free_record() {
-    return debug_heap.free_head != kEndOfFreeList || grow_table();
-}
-
-int32_t take_record(Method method) {
-    const int32_t index = debug_heap.free_head;
-    Record &record = debug_heap.records[index];
-    debug_heap.free_head = record.state;
-    record.state = method == Method::file_line ? kInUseByLine : kInUseByFunction;
-    insert_index(debug_heap.in_use, static_cast<uint32_t>(index));
-    return index;
-}
-
-void release_record(int32_t index) {
-    debug_heap.records[index].state = debug_heap.free_head;
-    debug_heap.free_head = index;
-    erase_index(debug_heap.in_use, static_cast<uint32_t>(index));
+void build_in_use() {
+    for (uint32_t index = 0; index < debug_heap.capacity; ++index) {
+        if (is_in_use(debug_heap.records[index])) {
+            insert_index(debug_heap.in_use, index);
+        } else {
+            erase_index(debug_heap.in_use, index);
+        }
+    }
 }
 
 } // namespace zel::memory

@@ -3,14 +3,15 @@
 #include <malloc/debug_heap.h>
 
 #include <malloc/internal/debug_check.h>
-#include <malloc/internal/debug_heap_state.h>
 #include <malloc/internal/pointer.h>
 #include <msg/base/memory_report.h>
 #include <msg/msg.h>
 
+using zel::memory::Caller;
 using zel::memory::debug_heap;
 using zel::memory::kPointerDigits;
 using zel::memory::Method;
+using zel::memory::next_in_use;
 using zel::memory::Record;
 
 namespace {
@@ -36,19 +37,19 @@ void print_heading() {
 
 // Writes the row of a record. Raw messages are not wrapped: the columns stand at any
 // width.
-void print_row(const Record &record, uint32_t index, bool valid) {
+void print_row(const Record &record, const Caller &caller, uint32_t index, bool valid) {
     const char *mark = valid ? " " : "*";
     const auto id = static_cast<int>(index);
     const auto address = reinterpret_cast<unsigned long>(record.pointer);
     const auto length = static_cast<long>(record.length);
-    const char *name = record.caller.name;
-    if (record.caller.method == Method::file_line) {
+    const char *name = caller.name;
+    if (caller.method == Method::file_line) {
         msg_print_raw("%s%5d 0x%0*lX%8ld %-20s %-20d %s\n", mark, id, kPointerDigits, address, length, name,
-                      record.caller.place.line, record.caller.purpose_or_file);
+                      caller.place.line, caller.purpose_or_file);
         return;
     }
     msg_print_raw("%s%5d 0x%0*lX%8ld %-20s %-20s %s\n", mark, id, kPointerDigits, address, length, name,
-                  text_or_unknown(record.caller.place.function), text_or_unknown(record.caller.purpose_or_file));
+                  text_or_unknown(caller.place.function), text_or_unknown(caller.purpose_or_file));
 }
 
 void add(Totals &totals, const Record &record, bool valid) {
@@ -57,21 +58,18 @@ void add(Totals &totals, const Record &record, bool valid) {
     totals.invalid += valid ? 0 : 1;
 }
 
-uint32_t next_in_use(uint32_t from) {
-    return zel::memory::next_index(debug_heap.in_use, debug_heap.capacity, from);
-}
-
 // Visits every record in use, in the order of the indices. verbose: also writes the rows.
 Totals walk_records(bool verbose) {
     Totals totals = {};
     for (uint32_t index = next_in_use(0); index < debug_heap.capacity; index = next_in_use(index + 1)) {
-        const Record record = debug_heap.records[index]; // a copy: a stream may make the table move
+        const Record record = debug_heap.records[index]; // copies: a stream may make the tables move
+        const Caller caller = debug_heap.callers[index];
         const bool valid = zel::memory::valid_record(record.pointer, zel::memory::heap_reach()) != nullptr;
         if (verbose && totals.pointers == 0) {
             print_heading();
         }
         if (verbose) {
-            print_row(record, index, valid);
+            print_row(record, caller, index, valid);
         }
         add(totals, record, valid);
     }

@@ -59,7 +59,9 @@ void compose_report(Report &report, unsigned long size, const Caller &caller, in
 
 } // namespace
 
-void *zel::memory::report_failure(size_t size, const Caller &caller) {
+void *zel::memory::report_failure(size_t size, Method method, const char *name, Place place,
+                                  const char *purpose_or_file) {
+    const Caller caller = {.method = method, .name = name, .place = place, .purpose_or_file = purpose_or_file};
     Report report;
     compose_report(report, size, caller, errno);
     // Spans the handler as well: it may write messages without memory.

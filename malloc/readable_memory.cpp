@@ -2,7 +2,6 @@
 // Which memory can be read.
 #include <malloc/internal/readable_memory.h>
 
-#include <malloc/internal/debug_heap_state.h>
 #include <msg/base/errno_kept.h>
 
 #include <array>
@@ -11,15 +10,10 @@
 #include <linux/futex.h>
 #include <span>
 #include <sys/syscall.h>
-#include <unistd.h>
 
 namespace zel::memory {
 
 namespace {
-
-uintptr_t heap_end() {
-    return reinterpret_cast<uintptr_t>(sbrk(0)); // the C library keeps it: no system call
-}
 
 // Reads the line of /proc/self/stat. The line is empty when the file cannot be read.
 void read_status(std::span<char> line) {
@@ -50,14 +44,8 @@ void find_heap_start() {
     std::array<char, 2048> line;
     read_status(line);
     const uintptr_t start = heap_start_in(line.data());
-    const uintptr_t end = heap_end();
+    const auto end = reinterpret_cast<uintptr_t>(sbrk(0));
     debug_heap.heap_start = start == 0 || start > end ? end : start;
-}
-
-// All memory from the start of the heap to its end is mapped, unless the program unmaps
-// some.
-Reach heap_reach() {
-    return {.start = debug_heap.heap_start, .end = kAlwaysProbes ? 0 : heap_end()};
 }
 
 // The futex operation wakes no thread and moves none. The kernel reads the word first,

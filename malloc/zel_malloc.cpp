@@ -10,6 +10,8 @@
 using zel::memory::by_function;
 using zel::memory::by_line;
 using zel::memory::Caller;
+using zel::memory::Method;
+using zel::memory::Place;
 using zel::memory::report_failure;
 using zel::memory::zel_free_core;
 using zel::memory::zel_malloc_core;
@@ -18,36 +20,45 @@ using zel::memory::zel_realloc_core;
 namespace {
 
 // Decides the result of a request that failed.
-using OnFailure = void *(size_t size, const Caller &caller);
+using OnFailure = void *(size_t size, Method method, const char *name, Place place, const char *purpose_or_file);
 
 // An _if_room entry returns null when memory has run out. Any other error is reported.
-void *report_unless_out_of_memory(size_t size, const Caller &caller) {
-    return errno == ENOMEM ? nullptr : report_failure(size, caller);
+[[gnu::cold]] void *report_unless_out_of_memory(size_t size, Method method, const char *name, Place place,
+                                                const char *purpose_or_file) {
+    return errno == ENOMEM ? nullptr : report_failure(size, method, name, place, purpose_or_file);
+}
+
+// The result of a request that failed. Everything around it is inline, so that an entry
+// is one function.
+[[gnu::always_inline]] inline void *fail(size_t size, const Caller &caller, OnFailure on_failure) {
+    return on_failure(size, caller.method, caller.name, caller.place, caller.purpose_or_file);
 }
 
 // The entries that allocate, whatever describes their caller.
-void *allocate(size_t size, const Caller &caller, OnFailure on_failure = report_failure) {
+[[gnu::always_inline]] inline void *allocate(size_t size, const Caller &caller, OnFailure on_failure = report_failure) {
     if (size == 0) {
         return nullptr;
     }
     void *block = zel_malloc_core(size, caller);
-    return block != nullptr ? block : on_failure(size, caller);
+    return block != nullptr ? block : fail(size, caller, on_failure);
 }
 
 // The entries that clear.
 // DELIBERATE: the product is not tested for overflow and wraps at the width of size_t.
 // Test: ZelCalloc.TheProductWrapsWithoutATest.
-void *allocate_zeroed(size_t count, size_t size, const Caller &caller, OnFailure on_failure = report_failure) {
+[[gnu::always_inline]] inline void *allocate_zeroed(size_t count, size_t size, const Caller &caller,
+                                                    OnFailure on_failure = report_failure) {
     if (count == 0 || size == 0) {
         return nullptr;
     }
     const size_t bytes = count * size;
     void *block = zel_malloc_core(bytes, caller);
-    return block != nullptr ? memset(block, 0, bytes) : on_failure(bytes, caller);
+    return block != nullptr ? memset(block, 0, bytes) : fail(bytes, caller, on_failure);
 }
 
 // The entries that resize. With a null pointer they allocate, under their own name.
-void *reallocate(void *pointer, size_t size, const Caller &caller, OnFailure on_failure = report_failure) {
+[[gnu::always_inline]] inline void *reallocate(void *pointer, size_t size, const Caller &caller,
+                                               OnFailure on_failure = report_failure) {
     if (size == 0) {
         zel_free(pointer);
         return nullptr;
@@ -56,7 +67,7 @@ void *reallocate(void *pointer, size_t size, const Caller &caller, OnFailure on_
         return allocate(size, caller, on_failure);
     }
     void *block = zel_realloc_core(pointer, size, caller);
-    return block != nullptr ? block : on_failure(size, caller);
+    return block != nullptr ? block : fail(size, caller, on_failure);
 }
 
 } // namespace

@@ -24,7 +24,9 @@ struct Piece {
 Piece allocate_text(size_t size, const Caller &caller) {
     void *block = zel_malloc_core(size, caller);
     if (block == nullptr) {
-        return {.text = static_cast<char *>(report_failure(size, caller)), .allocated = false};
+        return {.text = static_cast<char *>(
+                    report_failure(size, caller.method, caller.name, caller.place, caller.purpose_or_file)),
+                .allocated = false};
     }
     return {.text = static_cast<char *>(block), .allocated = true};
 }

@@ -11,13 +11,15 @@ namespace zel::memory {
 // The form of a description, by its promised number.
 enum class Method : int32_t { function_purpose = 0, file_line = 1 };
 
-// The place of a request. Each form uses one of the two fields.
-struct Place {
+// The place of a request. The form of the description tells which of the two it is.
+union Place {
     const char *function; // function/purpose form: the calling function, or null
     int32_t line;         // file/line form: the line of the call
 };
 
-// The texts are kept by pointer: callers pass literals.
+// The texts are kept by pointer: callers pass literals. A function that is out of line
+// takes the four values one by one: they travel in registers, and an entry that is inline
+// up to there never builds the record.
 struct Caller {
     Method method;
     const char *name; // the entry, or the name that the caller passed
@@ -25,18 +27,18 @@ struct Caller {
     const char *purpose_or_file; // a purpose may be null
 };
 
+// The calling function; null in the file/line form.
+constexpr const char *function_of(const Caller &caller) {
+    return caller.method == Method::file_line ? nullptr : caller.place.function;
+}
+
 constexpr Caller by_function(const char *name, const char *function, const char *purpose) {
-    return {.method = Method::function_purpose,
-            .name = name,
-            .place = {.function = function, .line = 0},
-            .purpose_or_file = purpose};
+    return {
+        .method = Method::function_purpose, .name = name, .place = {.function = function}, .purpose_or_file = purpose};
 }
 
 constexpr Caller by_line(const char *name, int32_t line, const char *file) {
-    return {.method = Method::file_line,
-            .name = name,
-            .place = {.function = nullptr, .line = line},
-            .purpose_or_file = file};
+    return {.method = Method::file_line, .name = name, .place = {.line = line}, .purpose_or_file = file};
 }
 
 } // namespace zel::memory

@@ -3,7 +3,9 @@
 #ifndef ZEL_MALLOC_INTERNAL_DEBUG_DIAGNOSIS_H
 #define ZEL_MALLOC_INTERNAL_DEBUG_DIAGNOSIS_H
 
-#include <malloc/internal/debug_records.h>
+#include <malloc/internal/debug_heap_state.h>
+
+#pragma GCC visibility push(hidden)
 
 namespace zel::memory {
 
@@ -17,5 +19,7 @@ const char *diagnose(const void *pointer, const Record *known, bool in_release);
 const char *context_text(const Caller &caller);
 
 } // namespace zel::memory
+
+#pragma GCC visibility pop
 
 #endif

@@ -5,45 +5,67 @@
 #define ZEL_MALLOC_INTERNAL_DEBUG_RECORDS_H
 
 #include <malloc/internal/caller.h>
+#include <malloc/internal/debug_heap_state.h>
 
-#include <cstddef>
-#include <cstdint>
+#pragma GCC visibility push(hidden)
 
 namespace zel::memory {
 
-// The states of a record in use, by the form of its description.
-inline constexpr int32_t kInUseByFunction = -1;
-inline constexpr int32_t kInUseByLine = -2;
-
-// The state of the last free record. Every other free record holds the index of the next
-// one.
-inline constexpr int32_t kEndOfFreeList = -3;
-
-// One allocation. The index of its record is its ID in every text. A released record
-// keeps all but its state, so that a later diagnosis names the owner.
-struct Record {
-    void *pointer; // the user pointer
-    size_t length; // the bytes asked for
-    Caller caller;
-    int32_t state; // one of the states above, or the index of the next free record
-};
+// Who asked for the storage of a record of the table.
+inline const Caller &caller_of(const Record &record) {
+    return debug_heap.callers[&record - debug_heap.records];
+}
 
 // Whether the allocation is live.
-bool is_in_use(const Record &record);
+inline bool is_in_use(const Record &record) {
+    return record.state == kInUse;
+}
 
-// The record of an index; null when the index is outside the table.
-Record *record_at(int32_t index);
+// Whether the table has a record of that index.
+inline bool has_record(int32_t index) {
+    return static_cast<uint32_t>(index) < debug_heap.capacity;
+}
 
-// Grows the table when it has no free record. Returns false when there is still none.
-bool has_free_record();
+// Enlarges a table whose records are all in use. Returns false without memory; the table
+// is as it was then.
+bool grow_table();
+
+// Makes sure of a free record. Returns false when the table cannot grow.
+inline bool has_free_record() {
+    return debug_heap.free_head != kEndOfFreeList || grow_table();
+}
 
 // Takes the head of the free list; has_free_record has made sure of one. Returns the
 // index of the record.
-int32_t take_record(Method method);
+inline int32_t take_record() {
+    const int32_t index = debug_heap.free_head;
+    Record &record = debug_heap.records[index];
+    debug_heap.free_head = record.state;
+    record.state = kInUse;
+    if (keeps_in_use()) {
+        insert_index(debug_heap.in_use, static_cast<uint32_t>(index));
+    }
+    return index;
+}
 
 // Puts a record in use at the head of the free list.
-void release_record(int32_t index);
+inline void release_record(int32_t index) {
+    debug_heap.records[index].state = debug_heap.free_head;
+    debug_heap.free_head = index;
+    if (keeps_in_use()) {
+        erase_index(debug_heap.in_use, static_cast<uint32_t>(index));
+    }
+}
+
+// The smallest index of a record in use that is not below from; the capacity when there
+// is none.
+uint32_t next_in_use(uint32_t from);
+
+// Builds the set of the indices in use anew from the records.
+void build_in_use();
 
 } // namespace zel::memory
+
+#pragma GCC visibility pop
 
 #endif

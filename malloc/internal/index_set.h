@@ -91,6 +91,23 @@ constexpr uint32_t next_index(const IndexSet &set, uint32_t capacity, uint32_t f
     return capacity;
 }
 
+// Members without a gap between them, in one word of level 0.
+struct IndexRun {
+    uint32_t first;
+    uint32_t end; // behind the last one; first when there is none
+};
+
+// The run that begins with the smallest member that is not below from. A walk by runs
+// looks for a member once a word at best, and not once a member.
+constexpr IndexRun next_run(const IndexSet &set, uint32_t capacity, uint32_t from) {
+    const uint32_t first = next_index(set, capacity, from);
+    if (first == capacity) {
+        return {.first = capacity, .end = capacity};
+    }
+    const uint32_t members = set.levels[0][first / kBitsPerWord] >> (first % kBitsPerWord);
+    return {.first = first, .end = first + static_cast<uint32_t>(std::countr_one(members))};
+}
+
 } // namespace zel::memory
 
 #endif

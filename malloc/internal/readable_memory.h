@@ -3,7 +3,12 @@
 #ifndef ZEL_MALLOC_INTERNAL_READABLE_MEMORY_H
 #define ZEL_MALLOC_INTERNAL_READABLE_MEMORY_H
 
+#include <malloc/internal/debug_heap_state.h>
+
 #include <cstdint>
+#include <unistd.h>
+
+#pragma GCC visibility push(hidden)
 
 namespace zel::memory {
 
@@ -31,18 +36,29 @@ struct Reach {
     uintptr_t end;
 };
 
-// The reach of the system's heap as it stands.
-Reach heap_reach();
+// The reach of the system's heap as it stands. The C library keeps its end: there is no
+// system call. All memory from the start of the heap to its end is mapped, unless the
+// program unmaps some.
+inline Reach heap_reach() {
+    return {.start = debug_heap.heap_start, .end = kAlwaysProbes ? 0 : reinterpret_cast<uintptr_t>(sbrk(0))};
+}
 
 // Asks the kernel whether the word at an address can be read. address: a multiple of 4.
 bool can_be_read(uintptr_t address);
 
+// Whether an address lies within reach.
+inline bool is_within(uintptr_t address, Reach reach) {
+    return address >= reach.start && address < reach.end;
+}
+
 // Whether the word at an address can be read. An address within reach costs no system
 // call.
-inline bool is_readable(uintptr_t address, const Reach &reach) {
-    return (address >= reach.start && address < reach.end) || can_be_read(address);
+inline bool is_readable(uintptr_t address, Reach reach) {
+    return is_within(address, reach) || can_be_read(address);
 }
 
 } // namespace zel::memory
+
+#pragma GCC visibility pop
 
 #endif

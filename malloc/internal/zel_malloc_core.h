@@ -1,12 +1,16 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // The core primitives under every entry of the memory library. They report no failure of
-// the system allocator.
+// the system allocator. While the debug heap is off they are a few instructions around
+// the system's call, so they are inline; all else is out of line.
 #ifndef ZEL_MALLOC_INTERNAL_ZEL_MALLOC_CORE_H
 #define ZEL_MALLOC_INTERNAL_ZEL_MALLOC_CORE_H
 
-#include <malloc/internal/caller.h>
+#include <malloc/internal/debug_heap_state.h>
+#include <malloc/internal/pointer.h>
 
-#include <cstddef>
+#include <cstdlib>
+
+#pragma GCC visibility push(hidden)
 
 namespace zel::memory {
 
@@ -18,14 +22,65 @@ struct State {
 
 extern State state;
 
+// Asks the system for a block. An attempt that fails counts as well.
+inline void *request_block(size_t size) {
+    void *block = malloc(size);
+    state.total_requested += static_cast<uint32_t>(size);
+    return block;
+}
+
+// Asks the system to resize a block. An attempt that fails counts as well.
+inline void *resize_block(void *block, size_t size) {
+    void *resized = realloc(block, size);
+    state.total_requested += static_cast<uint32_t>(size);
+    return resized;
+}
+
+// The core primitives while the debug heap is on: each block has guards and a record.
+void *guarded_malloc(size_t size, Method method, const char *name, Place place, const char *purpose_or_file);
+void *guarded_realloc(void *pointer, size_t size, Method method, const char *name, Place place,
+                      const char *purpose_or_file);
+void guarded_free(void *pointer);
+
+// Ends the process: the entry of that name was passed a pointer that is no multiple of 8.
+[[noreturn, gnu::cold]] void refuse_unaligned(const void *pointer, const char *name);
+
 // Allocates size bytes; asks the system for 0 bytes as well. Returns null with errno when
 // the system provides no block, or no memory for the record of the debug heap.
-void *zel_malloc_core(size_t size, const Caller &caller);
+inline void *zel_malloc_core(size_t size, const Caller &caller) {
+    state.allocation_called = true;
+    if (debug_heap_on()) [[unlikely]] {
+        return guarded_malloc(size, caller.method, caller.name, caller.place, caller.purpose_or_file);
+    }
+    return request_block(size);
+}
+
 // Resizes storage to size bytes, not 0. Returns null with errno when the system cannot.
-void *zel_realloc_core(void *pointer, size_t size, const Caller &caller);
+inline void *zel_realloc_core(void *pointer, size_t size, const Caller &caller) {
+    state.allocation_called = true;
+    if (!is_aligned(pointer)) {
+        refuse_unaligned(pointer, caller.name);
+    }
+    if (debug_heap_on()) [[unlikely]] {
+        return guarded_realloc(pointer, size, caller.method, caller.name, caller.place, caller.purpose_or_file);
+    }
+    return resize_block(pointer, size);
+}
+
 // Releases storage. pointer: not null.
-void zel_free_core(void *pointer);
+inline void zel_free_core(void *pointer) {
+    if (!is_aligned(pointer)) {
+        refuse_unaligned(pointer, "zel_free");
+    }
+    if (debug_heap_on()) [[unlikely]] {
+        guarded_free(pointer);
+        return;
+    }
+    free(pointer);
+}
 
 } // namespace zel::memory
+
+#pragma GCC visibility pop
 
 #endif

@@ -12,6 +12,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 #include <utility>
+#include <vector>
 
 using namespace zel::test;
 
@@ -49,17 +50,28 @@ void write_through_stream(int type, int fd, const std::function<void()> &body) {
     msg_add_stream(type, stream);
 }
 
-// From now on a record table that grows moves, and the old one is overwritten at once.
+// The bytes of a table of the debug heap; 0 for any other storage.
+size_t table_size(const void *storage) {
+    if (storage == nullptr) {
+        return 0;
+    }
+    return storage == debug_heap.records   ? debug_heap.capacity * sizeof *debug_heap.records
+           : storage == debug_heap.callers ? debug_heap.capacity * sizeof *debug_heap.callers
+                                           : 0;
+}
+
+// From now on a table that grows moves, and the old one is overwritten and stays.
 void spoil_tables_that_move() {
     hook::realloc.replacement = [](void *pointer, size_t size) {
-        if (pointer == nullptr || pointer != debug_heap.records) {
+        const size_t before = table_size(pointer);
+        if (before == 0) {
             return hook::realloc.real(pointer, size);
         }
-        const size_t before = debug_heap.capacity * sizeof(zel::memory::Record);
+        static auto &old_tables = *new std::vector<void *>; // leak checkers find them here
+        old_tables.push_back(pointer);
         void *moved = hook::malloc.real(size);
         memcpy(moved, pointer, before);
         memset(pointer, 0xFF, before);
-        hook::free.real(pointer);
         return moved;
     };
 }

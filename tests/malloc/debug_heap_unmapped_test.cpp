@@ -229,6 +229,7 @@ TEST(DebugHeapUnmapped, AVerificationNamesTheOwnerOfABlockBelowTheHeapThatIsGone
             named('P', zel_malloc(kPage, "F", "p"));
         }
         mprotect(pages, sizeof pages, PROT_NONE);
+        atexit([] { mprotect(pages, sizeof pages, PROT_READ | PROT_WRITE); }); // leak checkers read them
         zel_malloc(1, "G", nullptr);
     });
     EXPECT_EQ(outcome.err, "Warning: " + kAtTheBeginning + kOwner + "\n" +

@@ -111,6 +111,52 @@ TEST(IndexSet, ASetEqualsAReferenceWhateverComesAndGoes) {
     }
 }
 
+namespace {
+
+// Visits the runs from the index on. Each member stands in one of them, and none holds
+// anything else.
+void expect_runs_of_members(const Pair &pair, uint32_t from) {
+    std::set<uint32_t> members;
+    for (IndexRun run = next_run(pair.set, pair.capacity, from); run.first < pair.capacity;
+         run = next_run(pair.set, pair.capacity, run.end)) {
+        ASSERT_LT(run.first, run.end);
+        ASSERT_EQ(run.first / kBitsPerWord, (run.end - 1) / kBitsPerWord) << "a run ends with its word";
+        for (uint32_t index = run.first; index < run.end; ++index) {
+            ASSERT_TRUE(members.insert(index).second) << index;
+        }
+    }
+    ASSERT_EQ(members, std::set<uint32_t>(pair.reference.lower_bound(from), pair.reference.end())) << "from " << from;
+}
+
+} // namespace
+
+TEST(IndexSet, TheRunsOfASetAreItsMembers) {
+    std::mt19937 random(2);
+    for (const uint32_t range : {1U, 31U, 32U, 33U, 1025U}) {
+        for (const uint32_t density : {1U, 2U, 20U}) {
+            Pair pair(range);
+            for (uint32_t index = 0; index < range; ++index) {
+                if (random() % (density + 1) != 0) {
+                    pair.insert(index);
+                }
+            }
+            for (uint32_t from = 0; from <= range; ++from) {
+                expect_runs_of_members(pair, from);
+            }
+        }
+    }
+}
+
+TEST(IndexSet, AFullWordIsOneRun) {
+    Pair pair(96);
+    for (uint32_t index = 0; index < 96; ++index) {
+        pair.insert(index);
+    }
+    EXPECT_EQ(next_run(pair.set, 96, 32).end, 64U);
+    EXPECT_EQ(next_run(pair.set, 96, 37).first, 37U);
+    EXPECT_EQ(next_run(pair.set, 96, 37).end, 64U);
+}
+
 TEST(IndexSet, ErasingWhatIsNoMemberChangesNothing) {
     Pair pair(2048);
     pair.insert(7);
