@@ -22,7 +22,7 @@
 
 enum { WRONG_ARGUMENTS = 2, NOT_CONNECTED = 3, BUFFER = 65536, MESSAGE_BUFFER = 65536 };
 
-static const int64_t ONE_WAY = INT64_C(1) << 30;
+static const int64_t ONE_WAY = INT64_C(1) << 28;
 static PairHandle *pair; /* null when the connection is not the library's pair */
 static char buffer[BUFFER];
 
@@ -43,7 +43,7 @@ static void bare_values(int fd) {
     }
 }
 
-/* Takes 1 GiB, says so with one byte, and begins again. */
+/* Takes 256 MiB, says so with one byte, and begins again. */
 static void zel_sink(int fd) {
     (void) fd;
     int64_t left = ONE_WAY;

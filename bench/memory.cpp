@@ -65,9 +65,10 @@ void bare_many(benchmark::State &state) {
 } // namespace
 
 void add_memory_rows() {
-    add_row("64 bytes, allocated and released", Clock::own, 1000000,
+    add_row({.name = "64 bytes, allocated and released", .clock = Clock::own, .iterations = 1000000},
             {{"zel", zel_pair_of_calls}, {"floor", bare_pair_of_calls}});
-    add_row("256 blocks of mixed sizes", Clock::own, 1500, {{"zel", zel_many}, {"floor", bare_many}});
+    add_row({.name = "256 blocks of mixed sizes", .clock = Clock::own, .iterations = 1500},
+            {{"zel", zel_many}, {"floor", bare_many}});
 }
 
 } // namespace bench

@@ -2,6 +2,7 @@
 // A framed message and its answer, over the pair and over TCP, beside messages framed and parsed by hand.
 #include "by_hand.h"
 #include "link.h"
+#include "outside.h"
 #include "rows.h"
 #include "table.h"
 
@@ -83,16 +84,20 @@ void message_by_hand(benchmark::State &state, Route route, bool waits) {
     }
 }
 
-// "floor, waits" calls select before each recv, which the library does to run an idle function ten times a second: the
-// difference between the two floors is the price of that.
+// The floor calls select before each recv, as the library does to run an idle function ten times a second; what "floor,
+// no wait" differs from it by is the price of that.
 template <size_t Count>
 void add_message_row(Route route) {
-    const std::string name = "message, " + std::to_string(Count) + (Count == 1 ? " line" : " lines") +
-                             (route == Route::pair ? ", over the pair" : ", over TCP");
-    add_row(name, Clock::wall, 1000,
-            {{"zel", [route](benchmark::State &state) { zel_message<Count>(state, route); }},
-             {"floor", [route](benchmark::State &state) { message_by_hand<Count>(state, route, false); }},
-             {"floor, waits", [route](benchmark::State &state) { message_by_hand<Count>(state, route, true); }}});
+    const char *way = route == Route::pair ? "over the pair" : "over TCP";
+    const std::string lines = std::to_string(Count);
+    add_row({.name = "message of " + lines + (Count == 1 ? " line " : " lines ") + way,
+             .clock = Clock::wall,
+             .iterations = 1000},
+            with_peers((route == Route::pair ? "message-pair " : "message-tcp ") + lines, Clock::wall,
+                       {{"zel", [route](benchmark::State &state) { zel_message<Count>(state, route); }},
+                        {"floor", [route](benchmark::State &state) { message_by_hand<Count>(state, route, true); }},
+                        {"floor, no wait",
+                         [route](benchmark::State &state) { message_by_hand<Count>(state, route, false); }}}));
 }
 
 } // namespace

@@ -1,11 +1,11 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// Lines of output, wrapped paragraphs and diagnostic lines on /dev/null, beside stdio used by hand.
+// Lines of output, wrapped texts and diagnostic lines to a file, beside stdio used by hand.
+#include "outside.h"
 #include "rows.h"
 #include "table.h"
 
 #include <msg/msg.h>
 
-#include <algorithm>
 #include <array>
 #include <cstdarg>
 #include <cstdio>
@@ -22,23 +22,16 @@ constexpr size_t kWidth = 78;
 constexpr const char *kLine = "%s: %d of %d files, now in %s";
 constexpr const char *kDiagnostic = "%s: request %d answered in %d us\n";
 
-// What opens and ends a line. Variables, as in any program whose prefixes can be set: the compiler must not write the
-// texts into the calls.
+// What opens a line. Variables, as in any program whose prefixes can be set: the compiler must not write the texts into
+// the calls.
 struct Frame {
-    const char *mp; // of the process; none here
     const char *prefix;
     const char *indentation;
-    const char *newline;
 };
-Frame frame = {.mp = "", .prefix = "bench: ", .indentation = "       ", .newline = "\n"};
+Frame frame = {.prefix = "bench: ", .indentation = "       "};
 
 // Where both sides write.
 FILE *target = nullptr;
-
-FILE *null_stream() {
-    static FILE *const stream = std::fopen("/dev/null", "w");
-    return stream;
-}
 
 // Sends informational and diagnostic messages to a stream, behind the prefix.
 struct Redirected {
@@ -56,16 +49,6 @@ struct Redirected {
         msg_add_stream(MSG_INFO, stdout);
     }
 };
-
-// What the library's messages promise: every prefix, indentation, piece and newline is one fputs.
-void open_line_call_by_call(const char *lead) {
-    std::fputs(frame.mp, target);
-    std::fputs(lead, target);
-}
-
-void end_line_call_by_call() {
-    std::fputs(frame.newline, target);
-}
 
 // ---- A line ---------------------------------------------------------------------------------------------------------
 
@@ -89,81 +72,63 @@ void line_by_hand() {
     std::fflush(target);
 }
 
-void line_call_by_call() {
-    std::array<char, kTextSize> text;
-    format_by_hand(text, kLine, "backup", 12, 40, "/home/guest");
-    open_line_call_by_call(frame.prefix);
-    std::fputs(text.data(), target);
-    end_line_call_by_call();
-    std::fflush(target);
-}
+// ---- A wrapped text -------------------------------------------------------------------------------------------------
 
-// ---- A paragraph ----------------------------------------------------------------------------------------------------
-
-std::string make_paragraph() {
+// Words of one to twelve letters, 400 characters in all. fold and fmt get the same.
+std::string make_text() {
     std::string text;
-    for (int i = 0; i < 40; ++i) {
+    while (text.size() < 400) {
         text += "a line of words, some short and some considerably longer ";
     }
-    text.pop_back();
+    text.resize(400);
     return text;
 }
 
-const char *paragraph() {
-    static const std::string text = make_paragraph();
+const char *long_text() {
+    static const std::string text = make_text();
     return text.c_str();
 }
 
-void piece_by_hand(const char *from, const char *to) {
-    std::fwrite(from, 1, static_cast<size_t>(to - from), target);
-}
-
-// fputs writes whole strings, so the text is ended there meanwhile.
-void piece_call_by_call(char *from, char *to) {
-    const char behind = *to;
-    *to = '\0';
-    std::fputs(from, target);
-    *to = behind;
-}
-
-// Greedy, for words that are shorter than a line and single blanks between them. Calls line with each line's opening,
-// beginning and end.
-template <typename Line>
-void wrap(char *text, size_t room, Line line) {
+// Greedy, for words that are shorter than a line and single blanks between them.
+void wrap(const char *text, size_t room) {
     const char *lead = frame.prefix;
-    char *const end = text + std::strlen(text);
+    const char *const end = text + std::strlen(text);
     while (static_cast<size_t>(end - text) > room) {
-        char *blank = static_cast<char *>(memrchr(text, ' ', room + 1));
-        line(lead, text, blank);
+        const auto *blank = static_cast<const char *>(memrchr(text, ' ', room + 1));
+        std::fputs(lead, target);
+        std::fwrite(text, 1, static_cast<size_t>(blank - text), target);
+        std::fputc('\n', target);
         text = blank + 1;
         lead = frame.indentation;
     }
-    line(lead, text, end);
+    std::fputs(lead, target);
+    std::fputs(text, target);
+    std::fputc('\n', target);
     std::fflush(target);
 }
 
-void zel_paragraph() {
-    msg_print("%s", paragraph());
+void zel_wrapped() {
+    msg_print("%s", long_text());
 }
 
-void paragraph_by_hand() {
+void wrapped_by_hand() {
     std::array<char, kTextSize> text;
-    format_by_hand(text, "%s", paragraph());
-    wrap(text.data(), kWidth - std::strlen(frame.prefix), [](const char *lead, const char *from, const char *to) {
-        std::fputs(lead, target);
-        piece_by_hand(from, to);
-        std::fputc('\n', target);
-    });
+    format_by_hand(text, "%s", long_text());
+    wrap(text.data(), kWidth - std::strlen(frame.prefix));
 }
 
-void paragraph_call_by_call() {
-    std::array<char, kTextSize> text;
-    format_by_hand(text, "%s", paragraph());
-    wrap(text.data(), kWidth - std::strlen(frame.prefix), [](const char *lead, char *from, char *to) {
-        open_line_call_by_call(lead);
-        piece_call_by_call(from, to);
-        end_line_call_by_call();
-    });
+// A file of so many of the texts, each a line: the input of fold and fmt.
+std::string file_of_texts(int64_t count) {
+    std::string path = scratch() + "/texts";
+    FILE *file = std::fopen(path.c_str(), "w");
+    for (int64_t i = 0; file != nullptr && i < count; ++i) {
+        std::fprintf(file, "%s\n\n", long_text());
+    }
+    if (file == nullptr || std::fclose(file) != 0) {
+        std::perror(path.c_str());
+        std::exit(1);
+    }
+    return path;
 }
 
 // ---- A diagnostic line ----------------------------------------------------------------------------------------------
@@ -196,18 +161,23 @@ std::string output_of(Action action) {
     return result;
 }
 
-Way to_null(const char *name, Action action) {
+// The file is emptied before each sample.
+Way to_file(const char *name, Action action) {
     return {name, [action](benchmark::State &state) {
-                const Redirected redirected(null_stream());
-                while (state.KeepRunning()) {
-                    action();
+                const std::string path = scratch() + "/output";
+                FILE *file = std::fopen(path.c_str(), "w");
+                if (file == nullptr) {
+                    state.SkipWithError("no file to write to");
+                    return;
                 }
+                {
+                    const Redirected redirected(file);
+                    while (state.KeepRunning()) {
+                        action();
+                    }
+                }
+                std::fclose(file);
             }};
-}
-
-std::ptrdiff_t lines_of_paragraph() {
-    const std::string text = output_of(zel_paragraph);
-    return std::count(text.begin(), text.end(), '\n');
 }
 
 // A floor that does not write the same bytes is none.
@@ -218,25 +188,28 @@ void require_same_output(const char *row, Action zel, Action by_hand) {
     }
 }
 
+void add_output_row(const char *name, int64_t iterations, const std::string &peer_work, Action zel, Action by_hand) {
+    require_same_output(name, zel, by_hand);
+    std::vector<Way> ways = {to_file("zel", zel), to_file("floor", by_hand)};
+    if (!peer_work.empty()) {
+        ways = with_peers(peer_work, Clock::own, ways);
+    }
+    add_row({.name = name, .clock = Clock::own, .iterations = iterations}, ways);
+}
+
 } // namespace
 
 void add_output_rows() {
+    constexpr int64_t kTexts = 4000;
     benchmark::DoNotOptimize(&frame); // from here on the compiler takes it for changeable
-    for (const Action by_hand : {line_by_hand, line_call_by_call}) {
-        require_same_output("line", zel_line, by_hand);
-    }
-    for (const Action by_hand : {paragraph_by_hand, paragraph_call_by_call}) {
-        require_same_output("paragraph", zel_paragraph, by_hand);
-    }
-    require_same_output("diagnostic line", zel_diagnostic, diagnostic_by_hand);
-    add_row(
-        "line of output with its flush", Clock::own, 40000,
-        {to_null("zel", zel_line), to_null("floor", line_by_hand), to_null("floor, same calls", line_call_by_call)});
-    add_row("paragraph, wrapped to " + std::to_string(lines_of_paragraph()) + " lines", Clock::own, 5000,
-            {to_null("zel", zel_paragraph), to_null("floor", paragraph_by_hand),
-             to_null("floor, same calls", paragraph_call_by_call)});
-    add_row("diagnostic line", Clock::own, 80000,
-            {to_null("zel", zel_diagnostic), to_null("floor", diagnostic_by_hand)});
+    add_output_row("line to a file with its flush", 20000, "line '" + scratch() + "/peer'", zel_line, line_by_hand);
+    require_same_output("wrapped text", zel_wrapped, wrapped_by_hand);
+    const std::string files = " '" + file_of_texts(kTexts) + "' '" + scratch() + "/wrapped'";
+    add_row({.name = "wrapped text of 400 characters", .clock = Clock::own, .iterations = kTexts},
+            with_peers("fold" + files, Clock::own,
+                       with_peers("fmt" + files, Clock::own,
+                                  {to_file("zel", zel_wrapped), to_file("floor", wrapped_by_hand)})));
+    add_output_row("diagnostic line", 50000, "", zel_diagnostic, diagnostic_by_hand);
 }
 
 } // namespace bench

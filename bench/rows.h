@@ -5,12 +5,16 @@
 
 namespace bench {
 
-void add_value_rows();
-void add_message_rows();
-void add_start_rows();
 void add_output_rows();
 void add_memory_rows();
+void add_heap_rows();
 void add_parse_rows();
+void add_message_rows();
+void add_value_rows();
+void add_file_rows();
+void add_removal_rows();
+void add_start_rows();
+void add_hook_rows();
 
 } // namespace bench
 

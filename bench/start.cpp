@@ -1,8 +1,10 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// Starting and reaping a companion that leaves at once, beside fork, execv and waitpid.
+// Starting and reaping a companion that leaves at once, beside fork, exec and wait by hand.
+#include "start.h"
+
 #include "link.h"
+#include "outside.h"
 #include "rows.h"
-#include "table.h"
 
 #include <array>
 #include <cstdio>
@@ -16,88 +18,101 @@ namespace bench {
 
 namespace {
 
-void zel_start(benchmark::State &state) {
-    const char *program = companion_path().c_str();
-    while (state.KeepRunning()) {
-        PairHandle *pair = platform_pair_parent_open_lp("ZEL_BENCH_PAIR", 1, 1, program, nullptr, program, "exit",
-                                                        static_cast<char *>(nullptr));
-        int32_t status = -1;
-        platform_wait_child(platform_pair_companion_pid(pair), &status);
-        platform_pair_close(pair);
-        if (status != 0) {
-            state.SkipWithError("the companion failed");
-        }
-    }
-}
+// What the interface promises, by hand: a socket pair, the standard descriptors on /dev/null, the number of the end in
+// the environment.
+struct Ends {
+    int parent;
+    int child;
+};
 
-void bare_start(benchmark::State &state) {
-    const std::vector<const char *> argv = {companion_path().c_str(), "exit", nullptr};
-    while (state.KeepRunning()) {
-        int status = -1;
-        waitpid(start_by_hand(argv), &status, 0);
-        if (status != 0) {
-            state.SkipWithError("the companion failed");
-        }
-    }
-}
-
-// ---- Everything that the library's start promises to do, by hand
-// ------------------------------------------------------
-
-void stand_on_null_streams() {
-    FILE *input = std::fopen("/dev/null", "r");
-    FILE *output = std::fopen("/dev/null", "w");
-    dup2(fileno(input), STDIN_FILENO);
-    dup2(fileno(output), STDOUT_FILENO);
-    dup2(fileno(output), STDERR_FILENO);
-    std::fclose(input);
-    std::fclose(output);
-}
-
-[[noreturn]] void become_companion(const char *const *argv, pid_t parent, const int *ends) {
-    stand_on_null_streams();
-    close(ends[0]);
+[[noreturn]] void become_companion(const char *const *argv, pid_t parent, const Ends &ends) {
+    const int null = open("/dev/null", O_RDWR);
+    dup2(null, STDIN_FILENO);
+    dup2(null, STDOUT_FILENO);
+    dup2(null, STDERR_FILENO);
+    close(null);
+    close(ends.parent);
     std::array<char, 128> variable;
-    std::snprintf(variable.data(), variable.size(), "ZEL_BENCH_PAIR=%d %d pid-rtx_fd_l", parent, ends[1]);
+    std::snprintf(variable.data(), variable.size(), "ZEL_BENCH_PAIR=%d %d pid-rtx_fd_l", parent, ends.child);
     putenv(variable.data());
     execvp(argv[0], const_cast<char *const *>(argv));
-    std::exit(1);
+    _exit(1);
 }
 
-// Returns the wait status, or -1.
-int run_with_same_steps(const char *const *argv) {
-    const pid_t parent = getpid();
-    int ends[2];
+int status_of(pid_t pid) {
     int status = -1;
-    if (socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0) {
-        return status;
-    }
-    fcntl(ends[0], F_SETFD, FD_CLOEXEC);
-    std::fflush(nullptr);
-    const pid_t pid = fork();
-    if (pid == 0) {
-        become_companion(argv, parent, ends);
-    }
-    close(ends[1]);
     waitpid(pid, &status, 0);
-    close(ends[0]);
     return status;
-}
-
-void start_with_same_steps(benchmark::State &state) {
-    const std::array<const char *, 3> argv = {companion_path().c_str(), "exit", nullptr};
-    while (state.KeepRunning()) {
-        if (run_with_same_steps(argv.data()) != 0) {
-            state.SkipWithError("the companion failed");
-        }
-    }
 }
 
 } // namespace
 
+int start_by_library() {
+    const char *program = companion_path().c_str();
+    PairHandle *pair = platform_pair_parent_open_lp("ZEL_BENCH_PAIR", 1, 1, program, nullptr, program, "exit",
+                                                    static_cast<char *>(nullptr));
+    int32_t status = -1;
+    platform_wait_child(platform_pair_companion_pid(pair), &status);
+    platform_pair_close(pair);
+    return status;
+}
+
+int start_with_fork() {
+    const std::array<const char *, 3> argv = {companion_path().c_str(), "exit", nullptr};
+    int fds[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0) {
+        return -1;
+    }
+    const Ends ends = {.parent = fds[0], .child = fds[1]};
+    fcntl(ends.child, F_SETFD, 0);
+    const pid_t parent = getpid();
+    const pid_t pid = fork();
+    if (pid == 0) {
+        become_companion(argv.data(), parent, ends);
+    }
+    close(ends.child);
+    const int status = status_of(pid);
+    close(ends.parent);
+    return status;
+}
+
+int start_alone() {
+    const std::array<const char *, 3> argv = {companion_path().c_str(), "exit", nullptr};
+    const pid_t pid = fork();
+    if (pid == 0) {
+        execv(argv[0], const_cast<char *const *>(argv.data()));
+        _exit(1);
+    }
+    return status_of(pid);
+}
+
+int start_with_vfork() {
+    const std::array<const char *, 3> argv = {companion_path().c_str(), "exit", nullptr};
+    const pid_t pid = vfork(); // NOLINT(clang-analyzer-security.insecureAPI.vfork): it is what is measured
+    if (pid == 0) {
+        execv(argv[0], const_cast<char *const *>(argv.data()));
+        _exit(1);
+    }
+    return status_of(pid);
+}
+
+Body starting(int (*start)()) {
+    return [start](benchmark::State &state) {
+        while (state.KeepRunning()) {
+            if (start() != 0) {
+                state.SkipWithError("the companion failed");
+            }
+        }
+    };
+}
+
 void add_start_rows() {
-    add_row("companion, started and reaped", Clock::wall, 60,
-            {{"zel", zel_start}, {"floor", bare_start}, {"floor, same steps", start_with_same_steps}});
+    add_row({.name = "companion started and reaped", .clock = Clock::wall, .iterations = 50},
+            with_peers("start '" + companion_path() + "'", Clock::wall,
+                       {{"zel", starting(start_by_library)},
+                        {"floor", starting(start_with_fork)},
+                        {"fork and exec alone", starting(start_alone)},
+                        {"vfork and exec alone", starting(start_with_vfork)}}));
 }
 
 } // namespace bench

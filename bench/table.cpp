@@ -1,29 +1,26 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// The rows and their table.
+// The rows, their samples and their table.
 #include "table.h"
+
+#include "json.h"
+#include "statistics.h"
 
 #include <algorithm>
 #include <array>
-#include <cmath>
 #include <cstdio>
+#include <regex>
 
 namespace bench {
 
 namespace {
 
+constexpr const char *kFloor = "floor";
 constexpr double kGiB = 1024.0 * 1024.0 * 1024.0;
 
-// The value below which that part of the values lies.
-double quantile(std::vector<double> values, double part) {
-    std::sort(values.begin(), values.end());
-    return values[static_cast<size_t>(std::lround(part * static_cast<double>(values.size() - 1)))];
-}
-
-std::vector<double> ratios(const std::vector<double> &zel, const std::vector<double> &floor) {
-    std::vector<double> result(std::min(zel.size(), floor.size()));
-    std::transform(zel.begin(), zel.begin() + static_cast<std::ptrdiff_t>(result.size()), floor.begin(), result.begin(),
-                   [](double a, double b) { return a / b; });
-    return result;
+// The works in the order in which they were added.
+std::vector<Work> &works() {
+    static std::vector<Work> added;
+    return added;
 }
 
 std::string text_of(double seconds, double bytes) {
@@ -54,71 +51,91 @@ private:
     Body body_;
 };
 
+void print_line(const Table::Row &row, const std::string &way) {
+    const Table::Samples &samples = row.samples.at(way);
+    const std::vector<double> each = ratios(samples.seconds, row.samples.at(kFloor).seconds);
+    const auto bytes = samples.counters.find("bytes");
+    const std::string time =
+        text_of(quantile(samples.seconds, 0.5), bytes == samples.counters.end() ? 0 : bytes->second);
+    std::printf("%-40s %-22s %11s   %6.2f   %.2f to %.2f\n", row.work.name.c_str(), way.c_str(), time.c_str(),
+                quantile(each, 0.5), quantile(each, 0.25), quantile(each, 0.75));
+}
+
 } // namespace
 
-void add_row(const std::string &name, Clock clock, int64_t iterations, const std::vector<Way> &ways) {
+void add_row(const Work &work, std::vector<Way> ways) {
+    const auto floor = std::find_if(ways.begin(), ways.end(), [](const Way &way) { return way.name == kFloor; });
+    ways.push_back({"floor, again", floor->body});
+    works().push_back(work);
     for (const Way &way : ways) {
-        auto *run = new OneWay(name + "/" + way.name, way.body);
+        auto *run = new OneWay(work.name + "/" + way.name, way.body);
         benchmark::internal::RegisterBenchmarkInternal(run);
-        run->Iterations(iterations);
-        if (clock == Clock::wall) {
+        run->Iterations(work.iterations);
+        if (work.clock == Clock::wall) {
             run->UseRealTime();
         }
     }
+}
+
+bool Table::measure(const Setting &setting) {
+    const std::regex filter(setting.filter);
+    for (const Work &work : works()) {
+        if (std::regex_search(work.name, filter)) {
+            rows_.push_back({.work = work, .ways = {}, .samples = {}});
+        }
+    }
+    for (int round = 0; round < setting.rounds; ++round) {
+        for (const Row &row : rows_) {
+            if (round % row.work.every == 0) {
+                benchmark::RunSpecifiedBenchmarks(this, "^" + row.work.name + "/");
+            }
+        }
+    }
+    return errors_.empty() && !rows_.empty();
 }
 
 bool Table::ReportContext(const Context &) {
     return true;
 }
 
-Table::Row &Table::row(const std::string &name) {
-    const auto known = std::find_if(rows_.begin(), rows_.end(), [&name](const Row &r) { return r.name == name; });
-    if (known != rows_.end()) {
-        return *known;
+// What another process did comes with the time that it took itself.
+void Table::add_sample(const Run &run) {
+    const std::string &name = run.run_name.function_name;
+    const size_t slash = name.rfind('/');
+    const auto row = std::find_if(rows_.begin(), rows_.end(),
+                                  [&](const Row &one) { return name.compare(0, slash, one.work.name) == 0; });
+    const std::string way = name.substr(slash + 1);
+    if (!row->samples.contains(way)) {
+        row->ways.push_back(way);
     }
-    rows_.push_back({.name = name, .ways = {}, .samples = {}});
-    return rows_.back();
+    Samples &samples = row->samples[way];
+    const double whole = row->work.clock == Clock::wall ? run.real_accumulated_time : run.cpu_accumulated_time;
+    double seconds = whole / static_cast<double>(run.iterations);
+    for (const auto &[counter, value] : run.counters) {
+        if (counter == "seconds") {
+            seconds = value;
+        } else {
+            samples.counters[counter] = value;
+        }
+    }
+    samples.seconds.push_back(seconds);
 }
 
 void Table::ReportRuns(const std::vector<Run> &runs) {
     for (const Run &run : runs) {
-        const std::string &name = run.run_name.function_name;
-        const size_t slash = name.rfind('/');
-        const std::string way = name.substr(slash + 1);
         if (run.error_occurred) {
-            errors_.push_back(name + ": " + run.error_message);
-            continue;
+            errors_.push_back(run.run_name.function_name + ": " + run.error_message);
+        } else {
+            add_sample(run);
         }
-        const bool wall = run.run_name.time_type == "real_time";
-        const double seconds = wall ? run.real_accumulated_time : run.cpu_accumulated_time;
-        Row &target = row(name.substr(0, slash));
-        if (!target.samples.contains(way)) {
-            target.ways.push_back(way);
-        }
-        Samples &samples = target.samples[way];
-        samples.seconds.push_back(seconds / static_cast<double>(run.iterations));
-        const auto bytes = run.counters.find("bytes");
-        samples.bytes_per_iteration = bytes == run.counters.end() ? 0 : bytes->second.value;
-        ++samples_;
     }
 }
 
-void Table::print_line(const Row &row, const std::string &floor) {
-    const Samples &zel = row.samples.at("zel");
-    const Samples &other = row.samples.at(floor);
-    const std::vector<double> each = ratios(zel.seconds, other.seconds);
-    std::printf("%-34s %-17s %11s %11s   %5.2f   %.2f to %.2f\n", row.name.c_str(), floor.c_str(),
-                text_of(quantile(zel.seconds, 0.5), zel.bytes_per_iteration).c_str(),
-                text_of(quantile(other.seconds, 0.5), other.bytes_per_iteration).c_str(), quantile(each, 0.5),
-                quantile(each, 0.25), quantile(each, 0.75));
-}
-
-bool Table::print() const {
-    std::printf("%-34s %-17s %11s %11s   %5s   %s\n", "measurement", "beside", "zel", "by hand", "ratio",
-                "middle half");
+void Table::print() const {
+    std::printf("%-40s %-22s %11s   %6s   %s\n", "work", "contender", "time", "ratio", "quartiles");
     for (const Row &row : rows_) {
         for (const std::string &way : row.ways) {
-            if (way != "zel" && row.samples.contains("zel")) {
+            if (row.samples.contains(kFloor)) {
                 print_line(row, way);
             }
         }
@@ -126,7 +143,10 @@ bool Table::print() const {
     for (const std::string &error : errors_) {
         std::fprintf(stderr, "zel_bench: %s\n", error.c_str());
     }
-    return errors_.empty() && !rows_.empty();
+}
+
+bool Table::write_json(const std::string &path, const Setting &setting) const {
+    return bench::write_json(path, setting, rows_);
 }
 
 } // namespace bench

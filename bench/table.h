@@ -1,5 +1,5 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// The measurements as rows: the library beside one or more ways by hand, and the table of their ratios.
+// The measurements as rows: contenders that do one work, and the table of their ratios to the floor.
 #ifndef ZEL_BENCH_TABLE_H
 #define ZEL_BENCH_TABLE_H
 
@@ -15,43 +15,63 @@ namespace bench {
 
 using Body = std::function<void(benchmark::State &)>;
 
-// own: the time that this process computes; other load does not count. wall: for work that another process shares in.
+// own: the processor time of the process that does the work; other load does not count.
+// wall: for work that another process shares in.
 enum class Clock { own, wall };
 
-// What is measured, under the name of a way of doing it: "zel", or a floor.
+// One contender: "zel", "floor", or another way of doing the work.
 struct Way {
-    const char *name;
+    std::string name;
     Body body;
 };
 
-// One row: the library's way first, then the floors. iterations: in one sample of one way.
-void add_row(const std::string &name, Clock clock, int64_t iterations, const std::vector<Way> &ways);
+struct Work {
+    std::string name;
+    Clock clock;
+    int64_t iterations;      // in one sample
+    int every = 1;           // a sample in one round of so many, for work that takes long
+    std::string series = {}; // of a growth plot; empty for a row of the table
+    double x = 0;            // the place in the series
+};
 
-// Collects one sample of every way in each round; prints a line for each floor.
+// Adds a row. The floor is measured a second time as "floor, again": what it differs from itself by, no other ratio
+// can tell from 1.
+void add_row(const Work &work, std::vector<Way> ways);
+
+// How the program was run, for the table and its JSON.
+struct Setting {
+    int rounds;
+    std::string filter; // a regular expression that the names of the rows are searched for; empty for all
+    std::string commit;
+};
+
+// Collects one sample of every way in each round.
 class Table : public benchmark::BenchmarkReporter {
 public:
+    // Takes the samples of all rounds. False when nothing was measured, or not all of it.
+    bool measure(const Setting &setting);
+    void print() const;
+    // False when the file cannot be written.
+    bool write_json(const std::string &path, const Setting &setting) const;
+
     bool ReportContext(const Context &context) override;
     void ReportRuns(const std::vector<Run> &runs) override;
-    // False when nothing was measured, or not all of it.
-    bool print() const;
-    size_t samples() const { return samples_; }
 
-private:
     struct Samples {
-        std::vector<double> seconds;
-        double bytes_per_iteration = 0;
+        std::vector<double> seconds; // of one iteration
+        std::map<std::string, double> counters;
     };
     struct Row {
-        std::string name;
+        Work work;
         std::vector<std::string> ways;
         std::map<std::string, Samples> samples;
     };
-    Row &row(const std::string &name);
-    static void print_line(const Row &row, const std::string &floor);
+
+private:
+    void add_sample(const Run &run);
 
     std::vector<Row> rows_;
     std::vector<std::string> errors_;
-    size_t samples_ = 0;
 };
 
 } // namespace bench
