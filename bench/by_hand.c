@@ -2,6 +2,8 @@
  * Messages framed, received and parsed by hand. */
 #include "by_hand.h"
 
+#include <poll.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/select.h>
 #include <sys/socket.h>
@@ -27,6 +29,38 @@ int by_hand_send(int fd, const char *const *lines, size_t count) {
     }
     end = mempcpy(end, "\r\n", 2);
     return by_hand_send_all(fd, area, (size_t) (end - area));
+}
+
+int by_hand_send_large(int fd, const char *line, size_t count) {
+    const size_t length = strlen(line);
+    char *area = malloc(count * (length + 2) + 2);
+    if (area == NULL) {
+        return 0;
+    }
+    char *end = area;
+    for (size_t sent = 0; sent < count; ++sent) {
+        end = mempcpy(end, line, length);
+        end = mempcpy(end, "\r\n", 2);
+    }
+    end = mempcpy(end, "\r\n", 2);
+    const int result = by_hand_send_all(fd, area, (size_t) (end - area));
+    free(area);
+    return result;
+}
+
+int by_hand_open(ByHandEnd *end, int fd, int waits, size_t size, size_t lines) {
+    end->fd = fd;
+    end->waits = waits;
+    end->used = 0;
+    end->size = size;
+    end->area = malloc(size);
+    end->lines = malloc((lines + 1) * sizeof *end->lines);
+    return end->area != NULL && end->lines != NULL;
+}
+
+void by_hand_close(ByHandEnd *end) {
+    free(end->area);
+    free(end->lines);
 }
 
 /* The position behind the next CR LF, or null. */
@@ -65,7 +99,13 @@ size_t by_hand_parse(char *data, size_t length, char **lines) {
     return (size_t) (line + 2 - data);
 }
 
+/* A set has no place for a descriptor of 1024 or more. */
 static void wait_readable(int fd) {
+    if (fd >= FD_SETSIZE) {
+        struct pollfd readable = {.fd = fd, .events = POLLIN, .revents = 0};
+        poll(&readable, 1, 100);
+        return;
+    }
     fd_set set;
     FD_ZERO(&set);
     FD_SET(fd, &set);
@@ -73,20 +113,24 @@ static void wait_readable(int fd) {
     select(fd + 1, &set, NULL, NULL, &time_out);
 }
 
+/* Whether the message that is being received is there completely. */
+static int is_complete(const ByHandEnd *end) {
+    return end->used >= 4 && memcmp(end->area + end->used - 4, "\r\n\r\n", 4) == 0;
+}
+
 int by_hand_receive(ByHandEnd *end, int (*use)(int fd, char **lines)) {
-    size_t length;
-    while ((length = by_hand_parse(end->area, end->used, end->lines)) == 0) {
+    while (!is_complete(end)) {
         if (end->waits) {
             wait_readable(end->fd);
         }
-        const ssize_t count = recv(end->fd, end->area + end->used, BY_HAND_AREA - end->used, 0);
+        const ssize_t count = recv(end->fd, end->area + end->used, end->size - end->used, 0);
         if (count < 1) {
             return 0;
         }
         end->used += (size_t) count;
     }
-    const int result = use(end->fd, end->lines);
-    end->used -= length;
-    memmove(end->area, end->area + length, end->used);
+    const size_t length = by_hand_parse(end->area, end->used, end->lines);
+    const int result = length > 0 ? use(end->fd, end->lines) : 0;
+    end->used = 0;
     return result;
 }

@@ -20,9 +20,16 @@ typedef struct ByHandEnd {
     int fd;
     int waits; /* not 0: select before each recv, as the library does to run an idle function */
     size_t used;
-    char area[BY_HAND_AREA];
-    char *lines[BY_HAND_LINES + 1]; /* of the last message, a null pointer behind the last line */
+    size_t size; /* of the area */
+    char *area;
+    char **lines; /* of the last message, a null pointer behind the last line */
 } ByHandEnd;
+
+/* Allocates what takes a message of so many bytes and lines. Returns 1, or 0 without memory. */
+int by_hand_open(ByHandEnd *end, int fd, int waits, size_t size, size_t lines);
+
+/* Releases it. The descriptor stays open. */
+void by_hand_close(ByHandEnd *end);
 
 /* Sends all of it. Returns 1, or 0 at the first send that fails. */
 int by_hand_send_all(int fd, const char *data, size_t length);
@@ -30,10 +37,14 @@ int by_hand_send_all(int fd, const char *data, size_t length);
 /* Frames the lines in one buffer, whose size must do, and sends it. Returns 1 or 0. */
 int by_hand_send(int fd, const char *const *lines, size_t count);
 
+/* The same for one line or for so many equal ones, of any size, in a buffer that fits them. */
+int by_hand_send_large(int fd, const char *line, size_t count);
+
 /* Parses the first message in the data. Returns its length, 0 when it is not complete. */
 size_t by_hand_parse(char *data, size_t length, char **lines);
 
-/* Receives one message into end->lines and calls use with them; then drops it. Returns what use returned, 0 at the end
+/* Receives one message into end->lines and calls use with them; then drops it. The peer waits for its answer, so that
+ * nothing stands behind a message. Returns what use returned, 0 at the end
  * of the stream. */
 int by_hand_receive(ByHandEnd *end, int (*use)(int fd, char **lines));
 

@@ -16,11 +16,13 @@
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
 
 enum { WRONG_ARGUMENTS = 2, NOT_CONNECTED = 3, BUFFER = 65536, MESSAGE_BUFFER = 65536 };
+enum { LARGE = 32 << 20, LARGE_LINES = 65536 };
 
 static const int64_t ONE_WAY = INT64_C(1) << 28;
 static PairHandle *pair; /* null when the connection is not the library's pair */
@@ -91,11 +93,12 @@ static int answer_by_hand(int fd, char **lines) {
 }
 
 static void serve_by_hand(int fd, int waits) {
-    static ByHandEnd end;
-    end.fd = fd;
-    end.waits = waits;
-    while (by_hand_receive(&end, answer_by_hand)) {
+    ByHandEnd end;
+    if (by_hand_open(&end, fd, waits, BY_HAND_AREA, BY_HAND_LINES)) {
+        while (by_hand_receive(&end, answer_by_hand)) {
+        }
     }
+    by_hand_close(&end);
 }
 
 static void bare_messages(int fd) {
@@ -104,6 +107,46 @@ static void bare_messages(int fd) {
 
 static void waiting_messages(int fd) {
     serve_by_hand(fd, 1);
+}
+
+/* Messages of any size are answered with their number of lines: large ones would fill the connection both ways. */
+
+static int answer_with_count(int fd, size_t count) {
+    char text[24];
+    snprintf(text, sizeof text, "%zu", count);
+    const char *line = text;
+    return by_hand_send(fd, &line, 1);
+}
+
+static int count_for_library(int fd, char *first, char **further) {
+    size_t count = 1;
+    (void) first;
+    while (further[count - 1] != NULL) {
+        ++count;
+    }
+    return answer_with_count(fd, count);
+}
+
+static int count_by_hand(int fd, char **lines) {
+    size_t count = 0;
+    while (lines[count] != NULL) {
+        ++count;
+    }
+    return answer_with_count(fd, count);
+}
+
+static void zel_large(int fd) {
+    platform_msgbuf_set(platform_msgbuf_create(LARGE));
+    platform_message_loop(fd, count_for_library, NULL, 0);
+}
+
+static void waiting_large(int fd) {
+    ByHandEnd end;
+    if (by_hand_open(&end, fd, 1, LARGE, LARGE_LINES)) {
+        while (by_hand_receive(&end, count_by_hand)) {
+        }
+    }
+    by_hand_close(&end);
 }
 
 static const struct Service {
@@ -117,6 +160,8 @@ static const struct Service {
     {"zel-messages", zel_messages},
     {"bare-messages", bare_messages},
     {"waiting-messages", waiting_messages},
+    {"zel-large", zel_large},
+    {"waiting-large", waiting_large},
 };
 
 /* ---- Ways to the parent ------------------------------------------------------------------------------------------ */

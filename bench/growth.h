@@ -7,6 +7,9 @@ namespace bench {
 
 void add_growth_rows();
 
+// Those of messages: their size, their lines, and the number of the descriptor that they arrive on.
+void add_message_growth();
+
 } // namespace bench
 
 #endif

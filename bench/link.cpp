@@ -78,15 +78,12 @@ const std::string &companion_path() {
     return path;
 }
 
-pid_t start_by_hand(const std::vector<const char *> &argv, int unwanted) {
+pid_t start_by_hand(const std::vector<const char *> &argv) {
     const pid_t pid = require(fork(), "fork");
     if (pid != 0) {
         return pid;
     }
     stand_on_null();
-    if (unwanted != -1) {
-        close(unwanted);
-    }
     execv(companion_path().c_str(), const_cast<char *const *>(argv.data()));
     _exit(1);
 }
@@ -108,9 +105,10 @@ Link Link::by_hand(Route route, const char *service) {
     const char *program = companion_path().c_str();
     if (route == Route::pair) {
         int ends[2];
-        require(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), "socketpair");
+        require(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), "socketpair");
+        require(fcntl(ends[1], F_SETFD, 0), "fcntl");
         const std::string number = std::to_string(ends[1]);
-        const pid_t pid = start_by_hand({program, service, "fd", number.c_str(), nullptr}, ends[0]);
+        const pid_t pid = start_by_hand({program, service, "fd", number.c_str(), nullptr});
         close(ends[1]);
         return {ends[0], pid, nullptr};
     }

@@ -14,9 +14,8 @@ namespace bench {
 // The path of the companion program, beside this one.
 const std::string &companion_path();
 
-// fork and execv, the standard descriptors on /dev/null, as one would write it by hand; unwanted, if not -1, is closed
-// in the child. Returns the child's number.
-pid_t start_by_hand(const std::vector<const char *> &argv, int unwanted = -1);
+// fork and execv, the standard descriptors on /dev/null, as one would write it by hand. Returns the child's number.
+pid_t start_by_hand(const std::vector<const char *> &argv);
 
 enum class Route { pair, tcp };
 

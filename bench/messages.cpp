@@ -10,7 +10,6 @@
 
 #include <array>
 #include <cstring>
-#include <memory>
 #include <tuple>
 
 namespace bench {
@@ -71,17 +70,18 @@ void zel_message(benchmark::State &state, Route route) {
 template <size_t Count>
 void message_by_hand(benchmark::State &state, Route route, bool waits) {
     const Link link = Link::by_hand(route, waits ? "waiting-messages" : "bare-messages");
-    const auto end = std::make_unique<ByHandEnd>();
-    end->fd = link.fd();
-    end->waits = waits ? 1 : 0;
+    ByHandEnd end;
+    if (by_hand_open(&end, link.fd(), waits ? 1 : 0, BY_HAND_AREA, BY_HAND_LINES) == 0) {
+        state.SkipWithError("no memory");
+    }
     const auto lines = message<Count>();
     expected = lines.back();
     while (state.KeepRunning()) {
-        if (by_hand_send(link.fd(), lines.data(), Count) == 0 ||
-            by_hand_receive(end.get(), check_answer_by_hand) == 0) {
+        if (by_hand_send(link.fd(), lines.data(), Count) == 0 || by_hand_receive(&end, check_answer_by_hand) == 0) {
             state.SkipWithError("wrong answer");
         }
     }
+    by_hand_close(&end);
 }
 
 // The floor calls select before each recv, as the library does to run an idle function ten times a second; what "floor,

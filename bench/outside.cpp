@@ -35,8 +35,8 @@ constexpr Peer kPeers[] = {
     {"nftw", "zel_peer_nftw", "", " nftw "},
     {"talloc", "zel_peer_talloc", "", " off "},
     {"mcheck", "zel_peer_mcheck", "LD_PRELOAD=libc_malloc_debug.so.0 ", " on check "},
-    {"dmalloc", "zel_peer_dmalloc", "DMALLOC_OPTIONS=debug=0x403 ", " on "},
-    {"dmalloc", "zel_peer_dmalloc", "DMALLOC_OPTIONS=debug=0x403 ", " check "},
+    {"dmalloc", "zel_peer_dmalloc", "DMALLOC_OPTIONS=debug=0x400 ", " on "},
+    {"dmalloc", "zel_peer_dmalloc", "DMALLOC_OPTIONS=debug=0x400 ", " check "},
     {"AddressSanitizer", "zel_peer_asan", "ASAN_OPTIONS=detect_leaks=0 ", " on "},
 };
 
@@ -75,6 +75,14 @@ bool run(const std::string &line, std::array<double, 2> &seconds) {
     }
     const bool read = std::fscanf(output, "%lf %lf", &seconds[0], &seconds[1]) == 2;
     return pclose(output) == 0 && read && seconds[0] > 0;
+}
+
+// Marks the samples, so that a report can tell them from what was written by hand.
+Body as_peer(Body body) {
+    return [inner = std::move(body)](benchmark::State &state) {
+        inner(state);
+        state.counters["peer"] = 1;
+    };
 }
 
 bool does(const Peer &peer, std::string_view work) {
@@ -121,7 +129,7 @@ std::vector<Way> with_peers(const std::string &work, Clock clock, std::vector<Wa
     for (const Peer &peer : kPeers) {
         const std::string program = beside(peer.program);
         if (peers_are_used && does(peer, work) && std::filesystem::exists(program)) {
-            ways.push_back({peer.name, command(peer.before + ("'" + program + "' %n ") + work, clock)});
+            ways.push_back({peer.name, as_peer(command(peer.before + ("'" + program + "' %n ") + work, clock))});
         }
     }
     return ways;
