@@ -27,7 +27,9 @@ zel_lint(database ${ZEL_PYTHON} -B ${CMAKE_CURRENT_SOURCE_DIR}/lint_database.py
 set_tests_properties(${ZEL_PRESET}/lint.database PROPERTIES FIXTURES_SETUP lint_database)
 # A peer that is not installed has no headers to check its measurement with.
 get_property(ZEL_LEFT_OUT GLOBAL PROPERTY ZEL_LEFT_OUT_SOURCES)
-list(REMOVE_ITEM ZEL_TIDY_SOURCES ${ZEL_LEFT_OUT})
+if(ZEL_LEFT_OUT)
+  list(REMOVE_ITEM ZEL_TIDY_SOURCES ${ZEL_LEFT_OUT})
+endif()
 foreach(source ${ZEL_TIDY_SOURCES})
   zel_lint(tidy:${source} clang-tidy --quiet -p ${ZEL_LINT_DATABASE} ${source})
   set_tests_properties(${ZEL_PRESET}/lint.tidy:${source} PROPERTIES FIXTURES_REQUIRED lint_database)
