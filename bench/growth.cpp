@@ -110,10 +110,10 @@ void add_parent_sizes() {
 } // namespace
 
 void add_growth_rows() {
+    add_parent_sizes();
     add_message_growth();
     add_live_blocks();
     add_companions();
-    add_parent_sizes();
 }
 
 } // namespace bench

@@ -34,6 +34,10 @@ int check_answer_by_hand(int, char **lines) {
     return check_answer(0, lines[0], nullptr);
 }
 
+// The line of a talk about sizes. It is made for the sample and released behind it: a parent that keeps it is larger,
+// and what it forks later slower.
+constinit const char *long_line = nullptr;
+
 using Send = std::function<int(int fd)>;
 
 // Sends and waits for the answer, through the library.
@@ -71,6 +75,7 @@ struct Talk {
     std::string answer;
     Send send;
     int number = 0;
+    size_t line_size = 0; // of long_line
 };
 
 Way way(const char *name, const Talk &talk) {
@@ -79,6 +84,8 @@ Way way(const char *name, const Talk &talk) {
                 const Link link = pair_of_library ? Link::by_library(Route::pair, talk.service)
                                                   : Link::by_hand(Route::pair, talk.service);
                 const int fd = talk.number > link.fd() ? dup2(link.fd(), talk.number) : link.fd();
+                const std::string line(talk.line_size, 'x');
+                long_line = line.c_str();
                 expected = talk.answer;
                 talk.exchange(state, fd, talk.send);
                 if (fd != link.fd()) {
@@ -98,17 +105,21 @@ Work work(const char *series, const char *unit, int x, int64_t most) {
 // ---- The size of a message of one line
 // --------------------------------------------------------------------------------
 
+int send_long_line(int fd) {
+    return platform_send_message(fd, long_line, static_cast<char *>(nullptr));
+}
+
+int send_long_line_by_hand(int fd) {
+    return by_hand_send_large(fd, long_line, 1);
+}
+
 void add_sizes() {
     for (const int size : {1, 16, 256, 4096, 65536, 1 << 20, 16 << 20}) {
-        const std::string line(static_cast<size_t>(size), 'x');
         Work row = work("size of a message", " bytes", size, 32 << 20);
         row.iterations = std::min<int64_t>(row.iterations, 1000);
-        add_row(row, {way("zel", {by_library, "zel-large", "1",
-                                  [line](int fd) {
-                                      return platform_send_message(fd, line.c_str(), static_cast<char *>(nullptr));
-                                  }}),
-                      way("floor", {by_hand, "waiting-large", "1",
-                                    [line](int fd) { return by_hand_send_large(fd, line.c_str(), 1); }})});
+        const auto bytes = static_cast<size_t>(size);
+        add_row(row, {way("zel", {by_library, "zel-large", "1", send_long_line, 0, bytes}),
+                      way("floor", {by_hand, "waiting-large", "1", send_long_line_by_hand, 0, bytes})});
     }
 }
 
