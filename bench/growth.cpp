@@ -45,6 +45,7 @@ Body companions(int count, Link (*start)(Route, const char *), const char *servi
     return [count, start, service](benchmark::State &state) {
         while (state.KeepRunningBatch(count)) {
             std::vector<std::unique_ptr<Link>> links;
+            links.reserve(static_cast<size_t>(count));
             for (int i = 0; i < count; ++i) {
                 links.push_back(std::unique_ptr<Link>(new Link(start(Route::pair, service))));
             }

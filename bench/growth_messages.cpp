@@ -177,7 +177,7 @@ void add_descriptors() {
         const int number = highest_number(wanted);
         const auto zel_sends = [](int fd) { return platform_send_message(fd, kLine, static_cast<char *>(nullptr)); };
         const auto sends = [](int fd) { return by_hand_send(fd, &kLine, 1); };
-        add_row(work("number of the descriptor", "", number, 1000 * (number + 20)),
+        add_row(work("number of the descriptor", "", number, INT64_C(1000) * (number + 20)),
                 {way("zel", {by_library, "zel-messages", kLine, zel_sends, number}),
                  way("floor", {by_hand, "waiting-messages", kLine, sends, number})});
     }

@@ -24,6 +24,7 @@ static void *get(size_t size) {
     const size_t padded = (size + 3) / 4 * 4;
     unsigned char *block = malloc(GUARD + padded + sizeof behind);
     if (!records || !block) {
+        free(block);
         return NULL;
     }
     memcpy(block + GUARD - sizeof before, &before, sizeof before);

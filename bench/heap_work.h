@@ -91,7 +91,7 @@ static inline __attribute__((always_inline)) int heap_main(const struct heap *he
     }
     const long rounds = strtol(argv[1], NULL, 10);
     const int checks = strcmp(argv[2], "check") == 0;
-    struct work work;
+    static struct work work;
     heap_fill_all(heap, &work, strtoul(argv[3], NULL, 10));
     if (checks && !heap->is_whole) {
         return HEAP_MISUSE;

@@ -14,7 +14,7 @@ static const struct heap heap = {get, zel_free, NULL};
 /* Mode 2 verifies the heap twice in a round: at the release and at the allocation. To fill the heap in it would take a
  * time that grows with the square of its blocks: that is done in mode 1. */
 static int measure_checks(long checks, size_t live) {
-    struct work work;
+    static struct work work;
     heap_fill_all(&heap, &work, live);
     zel_enable_malloc_debug(ZEL_MALLOC_VERIFY_HEAP);
     heap_churn(&heap, &work, 1); /* what the switch leaves to the first verification */

@@ -129,7 +129,9 @@ std::vector<Way> with_peers(const std::string &work, Clock clock, std::vector<Wa
     for (const Peer &peer : kPeers) {
         const std::string program = beside(peer.program);
         if (peers_are_used && does(peer, work) && std::filesystem::exists(program)) {
-            ways.push_back({peer.name, as_peer(command(peer.before + ("'" + program + "' %n ") + work, clock))});
+            std::string line = peer.before;
+            line.append("'").append(program).append("' %n ").append(work);
+            ways.push_back({peer.name, as_peer(command(line, clock))});
         }
     }
     return ways;

@@ -87,10 +87,10 @@ int start_alone() {
 }
 
 int start_with_vfork() {
-    const std::array<const char *, 3> argv = {companion_path().c_str(), "exit", nullptr};
+    const char *program = companion_path().c_str();
     const pid_t pid = vfork(); // NOLINT(clang-analyzer-security.insecureAPI.vfork): it is what is measured
     if (pid == 0) {
-        execv(argv[0], const_cast<char *const *>(argv.data()));
+        execl(program, program, "exit", static_cast<char *>(nullptr));
         _exit(1);
     }
     return status_of(pid);

@@ -15,7 +15,7 @@ enum { MOST_WORDS = 8 };
 
 /* Runs the tool with its output in a file, or where it was. */
 static void run_tool(const char *const *words, const char *output) {
-    char *argv[MOST_WORDS] = {NULL};
+    static char *argv[MOST_WORDS];
     int status = -1;
     for (int i = 0; words[i] != NULL; ++i) {
         argv[i] = strdup(words[i]);

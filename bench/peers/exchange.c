@@ -64,9 +64,7 @@ size_t exchange_message(char *area, int lines) {
     for (int line = 0; line < lines; ++line) {
         exchange_line(area + used, EXCHANGE_AREA - used, line);
         used += strlen(area + used);
-        memcpy(area + used, "\r\n", 2);
-        used += 2;
+        used = (size_t) ((char *) mempcpy(area + used, "\r\n", 2) - area);
     }
-    memcpy(area + used, "\r\n", 2);
-    return used + 2;
+    return (size_t) ((char *) mempcpy(area + used, "\r\n", 2) - area);
 }
