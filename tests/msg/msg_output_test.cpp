@@ -9,24 +9,6 @@ using namespace zel::test;
 
 namespace {
 
-// Records each write and flush of the library.
-class Recorded {
-public:
-    Recorded()
-        : puts_(hook::fputs, [this](const char *text, FILE *stream) { return note(text, stream); }),
-          flush_(hook::fflush, [this](FILE *stream) { return note("<flush>", stream); }) {}
-    std::string text() const { return text_; }
-
-private:
-    int note(const char *what, FILE *stream) {
-        text_ += (stream == stdout ? "out{" : "err{") + std::string(what) + "}";
-        return 0;
-    }
-    std::string text_;
-    Interposed<int(const char *, FILE *)> puts_;
-    Interposed<int(FILE *)> flush_;
-};
-
 // Prints by a format that the program built.
 void print_as_built(const char *format, ...) {
     va_list args;
@@ -35,16 +17,18 @@ void print_as_built(const char *format, ...) {
     va_end(args);
 }
 
-// The writes and flushes of the library while the body runs, in order.
+// The pieces that reach an unbuffered stream while the body runs, and the flushes.
 std::string recorded(const std::function<void()> &body) {
     return run_messages([&body] {
-               std::string text;
+               std::string events;
+               msg_clear_streams(MSG_INFO);
+               msg_add_stream(MSG_INFO,
+                              open_own_stream([&events](const std::string &piece) { events += "{" + piece + "}"; }));
                {
-                   const Recorded record;
+                   const Interposed flush(hook::fflush, [&events](FILE *) { return events += "<flush>", 0; });
                    body();
-                   text = record.text();
                }
-               fputs(text.c_str(), stdout);
+               fputs(events.c_str(), stdout);
            })
         .out;
 }
@@ -105,7 +89,7 @@ TEST(MsgOutput, EachPieceIsWrittenByItselfAndALineIsFlushedOnce) {
         msg_set_print_prefix("ab: ");
         msg_print("one two three four five");
     });
-    EXPECT_EQ(text, "out{#}out{ab: }out{one two three}out{\n}out{#}out{    }out{four five}out{\n}out{<flush>}");
+    EXPECT_EQ(text, "{#}{ab: }{one two three}{\n}{#}{    }{four five}{\n}<flush>");
 }
 
 TEST(MsgOutput, ALineLeftOpenIsEndedAndFlushedAtTheStartOfTheNextMessage) {
@@ -113,7 +97,7 @@ TEST(MsgOutput, ALineLeftOpenIsEndedAndFlushedAtTheStartOfTheNextMessage) {
         msg_print_wrap("open");
         msg_print_wrap("next");
     });
-    EXPECT_EQ(text, "out{}out{}out{open}out{\n}out{<flush>}out{}out{}out{next}");
+    EXPECT_EQ(text, "{open}{\n}<flush>{next}");
 }
 
 TEST(MsgOutput, ALineLeftOpenIsEndedOnTheStreamsOfTheNextMessage) {
@@ -257,6 +241,15 @@ TEST(MsgOutput, AnUnknownLayoutEndsTheProcessWhereItWouldBeApplied) {
         EXPECT_EQ(outcome.err, "\nError: Internal error: Bad MSG_FMT_TYPE: " + std::to_string(fmt_type) + "\n");
         EXPECT_EQ(outcome.status, 1);
     }
+}
+
+TEST(MsgOutput, AnUnknownLayoutOfALaterMessageEndsTheProcessToo) {
+    const Outcome outcome = run_messages([] {
+        msg_print("first");
+        output(MSG_INFO, 3, 0, 0, "p: ", "text");
+    });
+    EXPECT_EQ(outcome.out, "first\np: ");
+    EXPECT_EQ(outcome.status, 1);
 }
 
 TEST(MsgOutput, AnUnknownLayoutOfAPrimaryMessageIsReportedAsAPrimaryMessage) {

@@ -3,6 +3,7 @@
 #include "msg_support.h"
 
 #include <array>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdlib>
 #include <list>
@@ -17,6 +18,20 @@ using Write = std::function<void(const std::string &piece)>;
 ssize_t write_piece(void *cookie, const char *text, size_t size) {
     (*static_cast<Write *>(cookie))(std::string(text, size));
     return static_cast<ssize_t>(size);
+}
+
+struct FailingWrites {
+    int left; // until they fail
+    int error;
+};
+
+ssize_t write_or_fail(void *cookie, const char *text, size_t size) {
+    auto *writes = static_cast<FailingWrites *>(cookie);
+    if (writes->left-- > 0) {
+        return write(STDOUT_FILENO, text, size);
+    }
+    errno = writes->error == 0 ? errno : writes->error;
+    return 0;
 }
 
 // The actions of own streams. They live as long as the process: exit handlers may write.
@@ -89,6 +104,14 @@ void on_first_piece(int type, const std::function<void()> &action) {
 FILE *open_full_stream(int mode) {
     FILE *stream = fopen("/dev/full", "w");
     setvbuf(stream, nullptr, mode, 0);
+    return stream;
+}
+
+FILE *open_failing_stream(int writes, int error) {
+    static std::list<FailingWrites> kept;
+    const cookie_io_functions_t calls = {.read = nullptr, .write = write_or_fail, .seek = nullptr, .close = nullptr};
+    FILE *stream = fopencookie(&kept.emplace_back(FailingWrites{.left = writes, .error = error}), "w", calls);
+    setvbuf(stream, nullptr, _IONBF, 0);
     return stream;
 }
 

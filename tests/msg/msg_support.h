@@ -40,6 +40,10 @@ void on_first_piece(int type, const std::function<void()> &action);
 // unbuffered, else each flush that has text to write. mode: as for setvbuf.
 FILE *open_full_stream(int mode);
 
+// An unbuffered stream to standard output that takes so many writes. Later ones fail with
+// the error; 0 leaves errno as it is.
+FILE *open_failing_stream(int writes, int error);
+
 } // namespace zel::test
 
 #endif
