@@ -8,6 +8,8 @@
 #include <msg/internal/format.h>
 #include <msg/internal/prefix.h>
 #include <msg/internal/state.h>
+#include <msg/internal/streams.h>
+#include <msg/internal/width.h>
 #include <msg/internal/write.h>
 
 #include <algorithm>
@@ -31,49 +33,60 @@ constinit State state = {
 
 namespace {
 
-using Indentation = std::array<char, kIndentationSize>;
-
 // One message on its way out.
 struct Message {
     Channel channel;
     int fmt_type;
-    const char *lead_text; // of the next line: the prefix, then the indentation
-    size_t lead_length;    // of the prefix, with the mp prefix
-    Indentation indentation;
+    std::string_view lead_text;   // of the next line: the prefix, then the indentation
+    std::string_view indentation; // of the lines behind the first
+    size_t lead_length;           // of the prefix, with the mp prefix
 };
 
-Indentation indentation_under(std::string_view prefix) {
-    Indentation spaces = {};
-    std::fill_n(spaces.begin(), std::min(prefix.size(), spaces.size() - 1), ' ');
+constexpr std::array<char, kIndentationSize> kSpaces = [] {
+    std::array<char, kIndentationSize> spaces = {};
+    std::fill_n(spaces.begin(), spaces.size() - 1, ' ');
     return spaces;
+}();
+
+std::string_view indentation_under(std::string_view prefix) {
+    const std::string_view longest(kSpaces.data(), kSpaces.size() - 1);
+    return part_from(longest, longest.size() - std::min(prefix.size(), longest.size()));
 }
 
 const char *chars_of(const LeadText &lead) {
+    if (lead.indentation != nullptr) {
+        return lead.indentation;
+    }
     return lead.longer == nullptr ? lead.fixed.data() : lead.longer;
 }
 
-// Copies a lead text: a setter may release the prefix, and the indentation ends with its
-// message. A long text that finds no memory is cut.
-LeadText copy_lead_text(std::string_view text) {
-    LeadText lead = {};
-    if (text.size() >= lead.fixed.size()) {
-        lead.longer = static_cast<char *>(malloc(text.size() + 1));
+// Copies a prefix. A long one that finds no memory is cut.
+void copy_prefix(LeadText &lead, std::string_view prefix) {
+    if (prefix.size() >= lead.fixed.size()) {
+        lead.longer = static_cast<char *>(malloc(prefix.size() + 1));
     }
     if (lead.longer != nullptr) {
-        memcpy(lead.longer, text.data(), text.size());
-        lead.longer[text.size()] = '\0';
+        memcpy(lead.longer, prefix.data(), prefix.size());
+        lead.longer[prefix.size()] = '\0';
     }
-    copy_part(std::span(lead.fixed).first<kIndentationSize - 1>(), text);
-    return lead;
+    const size_t length = copy_part(std::span(lead.fixed).first<kIndentationSize - 1>(), prefix);
+    lead.fixed[length] = '\0';
 }
 
 void record(const Message &message) {
-    const LeadText copy = copy_lead_text(message.lead_text);
-    free(state.last.lead_text.longer);
-    state.last = {.type = message.channel.type,
-                  .fmt_type = message.fmt_type,
-                  .primary_only = message.channel.primary_only ? 1 : 0,
-                  .lead_text = copy};
+    LastMessage &last = state.last;
+    last.type = message.channel.type;
+    last.fmt_type = message.fmt_type;
+    last.primary_only = message.channel.primary_only ? 1 : 0;
+    if (last.lead_text.longer != nullptr) {
+        free(last.lead_text.longer);
+        last.lead_text.longer = nullptr;
+    }
+    const bool indented = message.lead_text.data() == message.indentation.data();
+    last.lead_text.indentation = indented ? message.indentation.data() : nullptr;
+    if (!indented) {
+        copy_prefix(last.lead_text, message.lead_text);
+    }
 }
 
 void end_line(const Channel &channel) {
@@ -92,13 +105,12 @@ void advance_column(size_t length) {
 // MsgWrap.UnderALongPrefixTheLaterLinesBreakEarly.
 void open_line(Message &message) {
     if (!message.channel.primary_only) {
-        const char *mp = prefix_text(PrefixKind::mp);
-        const PrefixInUse in_use(mp);
-        write_streams(message.channel, mp);
+        const PrefixInUse mp(PrefixKind::mp);
+        write_streams(message.channel, mp.text.data());
     }
-    write_streams(message.channel, message.lead_text);
+    write_streams(message.channel, message.lead_text.data());
     advance_column(message.lead_length);
-    message.lead_text = message.indentation.data();
+    message.lead_text = message.indentation;
 }
 
 // Writes the first characters of the text. fputs takes whole strings, so a NUL ends the
@@ -157,7 +169,7 @@ void require_known_layout(const Message &message) {
 
 // Writes the next piece of the text on the current line. Returns the rest of the text.
 char *write_next(const Message &message, char *text, char *end, bool line_just_opened) {
-    const int32_t width = msg_get_width_limit();
+    const int32_t width = width_limit();
     if (width == 0) {
         return write_raw(message.channel, text);
     }
@@ -225,9 +237,8 @@ void report_lost_message() {
     [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, text.data(), text.size());
 }
 
-size_t lead_length_of(const Channel &channel, std::string_view prefix) {
-    const std::string_view mp = channel.primary_only ? "" : prefix_text(PrefixKind::mp);
-    return prefix.size() + mp.size();
+size_t lead_length_of(std::string_view prefix, bool primary_only) {
+    return prefix.size() + (primary_only ? 0 : prefix_of(PrefixKind::mp).text.size());
 }
 
 } // namespace
@@ -241,15 +252,13 @@ void _msg_output(int type, int fmt_type, int primary_only, int continuation, con
     if (primary_only != 0 && state.primary == 0) {
         return;
     }
-    const char *given = prefix == nullptr ? "" : prefix;
-    const PrefixInUse in_use(given); // until the message has been written and recorded
-    const Channel channel = {.type = type, .primary_only = primary_only != 0, .streams = _msg_get_stream_desc(type)};
-    Message message = {.channel = channel,
+    const PrefixInUse given(prefix == nullptr ? "" : prefix); // until the message has been written and recorded
+    Message message = {.channel = {.type = type, .primary_only = primary_only != 0, .streams = streams_of(type)},
                        .fmt_type = fmt_type,
-                       .lead_text = given,
-                       .lead_length = lead_length_of(channel, given),
-                       .indentation = indentation_under(given)};
-    char *text = format_message(checked_format(channel, format), args);
+                       .lead_text = given.text,
+                       .indentation = indentation_under(given.text),
+                       .lead_length = lead_length_of(given.text, primary_only != 0)};
+    char *text = format_message(checked_format(message.channel, format), args);
     if (text == nullptr) {
         report_lost_message();
         record(message);
@@ -258,8 +267,8 @@ void _msg_output(int type, int fmt_type, int primary_only, int continuation, con
     write_text(message, text, continuation != 0);
     release_message(text);
     if (fmt_type == MSG_FMT_LINE) {
-        end_line(channel);
-        flush_streams(channel);
+        end_line(message.channel);
+        flush_streams(message.channel);
     }
     record(message);
 }
@@ -271,8 +280,11 @@ void msg_vcont(const char *format, va_list args) {
         msg_fatal("MSG_CONT called before any other message function.");
     }
     // A copy: a report within this message replaces the record.
-    const LastMessage last = state.last;
-    const LeadText lead = copy_lead_text(chars_of(last.lead_text));
-    _msg_output(last.type, last.fmt_type, last.primary_only, 1, chars_of(lead), format, args);
-    free(lead.longer);
+    LastMessage last = state.last;
+    last.lead_text.longer = nullptr;
+    if (last.lead_text.indentation == nullptr) {
+        copy_prefix(last.lead_text, chars_of(state.last.lead_text));
+    }
+    _msg_output(last.type, last.fmt_type, last.primary_only, 1, chars_of(last.lead_text), format, args);
+    free(last.lead_text.longer);
 }

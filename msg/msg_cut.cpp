@@ -39,7 +39,11 @@ size_t rightmost_blank(std::string_view text, size_t first) {
 } // namespace
 
 size_t leading_blanks(std::string_view text) {
-    return static_cast<size_t>(std::find_if_not(text.begin(), text.end(), is_blank) - text.begin());
+    size_t count = 0;
+    while (count < text.size() && is_blank(text[count])) {
+        ++count;
+    }
+    return count;
 }
 
 size_t break_point(std::string_view rest, ptrdiff_t room) {

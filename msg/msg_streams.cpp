@@ -1,8 +1,9 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // The stream lists of the message types.
+#include <msg/internal/streams.h>
+
 #include <msg/base/limits.h>
 #include <msg/base/memory_report.h>
-#include <msg/internal/state.h>
 #include <msg/internal/write.h>
 #include <msg/msg.h>
 
@@ -10,6 +11,7 @@
 #include <cstdlib>
 
 using zel::msg::state;
+using zel::msg::type_index;
 
 namespace {
 
@@ -27,13 +29,6 @@ constexpr std::array<TypeEntry, zel::msg::kTypeCount> kTypes = {{
 }};
 static_assert(MSG_INFO == 1 && MSG_DEBUG == 2 && MSG_WARNING == 4 && MSG_ERROR == 8 && MSG_DIAG == 16);
 static_assert(MSG_FMT_RAW == 0 && MSG_FMT_WRAP == 1 && MSG_FMT_LINE == 2);
-
-// Returns the index of the type in the table, or kTypeCount for an unknown type.
-size_t type_index(int type) {
-    const auto *entry =
-        std::find_if(kTypes.begin(), kTypes.end(), [type](const TypeEntry &e) { return e.type == type; });
-    return static_cast<size_t>(entry - kTypes.begin());
-}
 
 // DELIBERATE: the reported text is fixed and has no newline.
 // Test: MsgMemory.WithoutTheFirstSlotsOfAListTheProcessEnds.

@@ -1,7 +1,8 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // The width limit.
+#include <msg/internal/width.h>
+
 #include <msg/base/errno_kept.h>
-#include <msg/internal/state.h>
 #include <msg/msg.h>
 
 #include <algorithm>
@@ -14,11 +15,13 @@ namespace {
 // The largest number that the variable may set.
 constexpr long kWidestFromEnvironment = 32766;
 
+} // namespace
+
 // DELIBERATE: a number in the variable widens the limit and never narrows it.
 // Test: MsgWidth.TheVariableWidensTheDefaultButNeverNarrowsIt.
 // DELIBERATE: a number out of range turns wrapping off.
 // Test: MsgWidth.ANumberOutOfRangeTurnsWrappingOff.
-void settle_width() {
+void zel::msg::settle_width() {
     const zel::ErrnoKept kept;
     state.width_settled = true;
     const char *text = getenv("ZEL_MSGERR_WRAP");
@@ -34,8 +37,6 @@ void settle_width() {
     state.width = usable ? std::max(state.width, static_cast<int32_t>(number)) : 0;
 }
 
-} // namespace
-
 // DELIBERATE: the reported text is fixed. Test: MsgWidth.ANegativeWidthEndsTheProcess.
 void msg_set_width_limit(int32_t width) {
     if (width < 0) {
@@ -46,8 +47,5 @@ void msg_set_width_limit(int32_t width) {
 }
 
 int32_t msg_get_width_limit() {
-    if (!state.width_settled) {
-        settle_width();
-    }
-    return state.width;
+    return zel::msg::width_limit();
 }

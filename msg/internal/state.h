@@ -8,6 +8,10 @@
 #include <msg/msg.h>
 
 #include <array>
+#include <string_view>
+
+// Hidden: code for 32-bit x86 reaches the variables of other files without a table then.
+#pragma GCC visibility push(hidden)
 
 namespace zel::msg {
 
@@ -16,19 +20,20 @@ enum class PrefixKind : int { print = 1, warn = 2, mp = 3, error = 4, internal_e
 inline constexpr size_t kPrefixCount = 5;
 
 struct Prefix {
-    const char *text; // the text in force
-    char *owned;      // the same text if a setter allocated it, else null
-    int32_t readers;  // messages under way that read the owned text
+    std::string_view text; // the text in force; a NUL follows it
+    char *owned;           // the same text if a setter allocated it, else null
+    int32_t readers;       // messages under way that read the text
 };
 
-// The size of an indentation with its NUL: at most 49 spaces.
+// The size of the longest indentation with its NUL: 49 spaces.
 inline constexpr size_t kIndentationSize = 50;
 
-// A copy of a lead text. An indentation fits the array. A longer text is the prefix of a
-// message that opened no line.
+// The text with which the next line of a message begins: an indentation, or the prefix of
+// a message that opened no line. A prefix is copied, since a setter may release it.
 struct LeadText {
-    std::array<char, kIndentationSize> fixed;
-    char *longer; // used instead of fixed when not null; from malloc
+    const char *indentation;                  // spaces that live for ever; null: a prefix
+    std::array<char, kIndentationSize> fixed; // a prefix that fits, or what fits of it
+    char *longer;                             // a whole prefix that does not fit, or null; from malloc
 };
 
 // The message that a continuation continues. Type 0: no message has been written yet.
@@ -57,5 +62,7 @@ struct State {
 extern State state;
 
 } // namespace zel::msg
+
+#pragma GCC visibility pop
 
 #endif
