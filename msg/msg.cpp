@@ -106,9 +106,9 @@ void advance_column(size_t length) {
 void open_line(Message &message) {
     if (!message.channel.primary_only) {
         const PrefixInUse mp(PrefixKind::mp);
-        write_streams(message.channel, mp.text.data());
+        write_streams(message.channel, mp.text);
     }
-    write_streams(message.channel, message.lead_text.data());
+    write_streams(message.channel, message.lead_text);
     advance_column(message.lead_length);
     message.lead_text = message.indentation;
 }
@@ -118,7 +118,7 @@ void open_line(Message &message) {
 void write_piece(const Channel &channel, char *text, size_t length) {
     const char kept = text[length];
     text[length] = '\0';
-    write_streams(channel, text);
+    write_streams(channel, {text, length});
     text[length] = kept;
 }
 
@@ -130,7 +130,7 @@ char *write_raw(const Channel &channel, char *text) {
         return newline + 1;
     }
     const size_t length = strlen(text);
-    write_streams(channel, text);
+    write_streams(channel, {text, length});
     advance_column(length);
     return text + length;
 }
@@ -163,6 +163,7 @@ void require_known_layout(const Message &message) {
     if (message.fmt_type >= MSG_FMT_RAW && message.fmt_type <= MSG_FMT_LINE) {
         return;
     }
+    hand_over(message.channel);
     const auto fatal = message.channel.primary_only ? msg_primary_fatal : msg_fatal;
     fatal("Internal error: Bad MSG_FMT_TYPE: %d", message.fmt_type);
 }
@@ -253,7 +254,11 @@ void _msg_output(int type, int fmt_type, int primary_only, int continuation, con
         return;
     }
     const PrefixInUse given(prefix == nullptr ? "" : prefix); // until the message has been written and recorded
-    Message message = {.channel = {.type = type, .primary_only = primary_only != 0, .streams = streams_of(type)},
+    Gathered gathered;
+    Message message = {.channel = {.type = type,
+                                   .primary_only = primary_only != 0,
+                                   .streams = streams_of(type),
+                                   .gathered = &gathered},
                        .fmt_type = fmt_type,
                        .lead_text = given.text,
                        .indentation = indentation_under(given.text),
@@ -264,11 +269,14 @@ void _msg_output(int type, int fmt_type, int primary_only, int continuation, con
         record(message);
         return;
     }
+    start_gathering(message.channel);
     write_text(message, text, continuation != 0);
     release_message(text);
     if (fmt_type == MSG_FMT_LINE) {
         end_line(message.channel);
         flush_streams(message.channel);
+    } else {
+        hand_over(message.channel);
     }
     record(message);
 }

@@ -3,8 +3,12 @@
 #include <msg/internal/write.h>
 #include <msg/msg.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <cwchar>
+#include <stdio_ext.h>
+#include <sys/single_threaded.h>
 #include <unistd.h>
 
 namespace {
@@ -41,15 +45,62 @@ void for_each_stream(const zel::msg::Channel &channel, const char *word, Operati
     }
 }
 
+// For a smaller buffer the C library divides texts in another way.
+constexpr size_t kLeastBuffer = 128;
+
+// Returns how many characters the stream takes into its buffer without a system call, if
+// that can be told, else 0. A stream that is also read may begin in the middle of its
+// buffer. A stream of wide characters takes no text, and one that is still for both is
+// settled by its first piece.
+size_t room_of(FILE *stream) {
+    const size_t size = __fbufsize(stream);
+    if (size < kLeastBuffer || __flbf(stream) != 0 || __freadable(stream) != 0 || fwide(stream, 0) >= 0) {
+        return 0;
+    }
+    return size - __fpending(stream);
+}
+
+// Returns how many characters can be gathered. Another thread could fill the buffer
+// meanwhile.
+size_t room_to_gather(const MsgStreamDesc &streams) {
+    if (streams.count != 1 || __libc_single_threaded == 0) {
+        return 0;
+    }
+    return std::min(room_of(streams.streams[0]), zel::kGatheredSize);
+}
+
 } // namespace
 
 namespace zel::msg {
 
-void write_streams(const Channel &channel, const char *text) {
-    for_each_stream(channel, "output", [text](FILE *stream) { return fputs(text, stream) >= 0; });
+void start_gathering(const Channel &channel) {
+    channel.gathered->used = 0;
+    channel.gathered->room = room_to_gather(*channel.streams);
+}
+
+void hand_over(const Channel &channel) {
+    Gathered &gathered = *channel.gathered;
+    const size_t length = gathered.used;
+    gathered.used = 0;
+    gathered.room = 0;
+    if (length == 0) {
+        return;
+    }
+    FILE *stream = channel.streams->streams[0];
+    if (fwrite_unlocked(gathered.text.data(), 1, length, stream) != length) {
+        drop_stream(channel, stream, "output");
+    }
+}
+
+// fputs: fwrite reports success when the flush of a line-buffered stream failed.
+void write_through(const Channel &channel, const char *piece) {
+    hand_over(channel);
+    for_each_stream(channel, "output", [piece](FILE *stream) { return fputs(piece, stream) >= 0; });
+    start_gathering(channel);
 }
 
 void flush_streams(const Channel &channel) {
+    hand_over(channel);
     for_each_stream(channel, "flush", [](FILE *stream) { return fflush(stream) == 0; });
 }
 

@@ -18,6 +18,9 @@ inline constexpr bool kSmall = false;
 // First size of the text of a message, and the size of the fixed area for it.
 inline constexpr size_t kFirstTextSize = kSmall ? 8 : 10000;
 
+// Characters of a message that are gathered before its stream gets them.
+inline constexpr size_t kGatheredSize = kSmall ? 8 : 1024;
+
 // Slots by which a stream list grows.
 inline constexpr int32_t kStreamListStep = kSmall ? 1 : 5;
 

@@ -22,6 +22,9 @@ void MsgReference::message(int type, int fmt_type, bool primary_only, bool conti
         if (!keeps_line && column_ != 0) {
             write("\n");
             column_ = 0;
+            if (first) {
+                pieces.emplace_back(std::nullopt);
+            }
         }
         first = false;
         const bool opens = column_ == 0;
@@ -37,6 +40,7 @@ void MsgReference::message(int type, int fmt_type, bool primary_only, bool conti
     if (fmt_type == 2) {
         write("\n");
         column_ = 0;
+        pieces.emplace_back(std::nullopt);
     }
     last_ = {type, fmt_type, primary_only, lead_};
 }
@@ -47,11 +51,18 @@ void MsgReference::cont(const std::string &text) {
 }
 
 void MsgReference::write(const std::string &piece) {
+    pieces.emplace_back(piece);
     if (type_ == 1 || type_ == 2) {
         out += piece;
     } else {
         err += piece;
     }
+}
+
+void MsgReference::write_up_to(size_t end) {
+    write(text_.substr(position_, end - position_));
+    column_ += static_cast<long>(end - position_);
+    position_ = end;
 }
 
 void MsgReference::open_line() {
@@ -64,15 +75,13 @@ void MsgReference::open_line() {
 }
 
 void MsgReference::cut_raw() {
-    while (position_ < text_.size()) {
-        const char c = text_[position_++];
-        write(std::string(1, c));
-        ++column_;
-        if (c == '\n') {
-            column_ = 0;
-            return;
-        }
+    const size_t end = line_end();
+    if (end == text_.size()) {
+        write_up_to(end);
+        return;
     }
+    write_up_to(end + 1);
+    column_ = 0;
 }
 
 void MsgReference::cut_wrapped(bool just_opened) {
@@ -81,11 +90,7 @@ void MsgReference::cut_wrapped(bool just_opened) {
     if (just_opened && room < 0) {
         room = 0;
     }
-    const size_t end = break_point(room);
-    while (position_ < end) {
-        write(std::string(1, text_[position_++]));
-        ++column_;
-    }
+    write_up_to(break_point(room));
     while (position_ < text_.size() && is_blank(position_)) {
         ++position_;
     }

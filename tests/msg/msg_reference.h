@@ -4,7 +4,9 @@
 #ifndef ZEL_TESTS_MSG_MSG_REFERENCE_H
 #define ZEL_TESTS_MSG_MSG_REFERENCE_H
 
+#include <optional>
 #include <string>
+#include <vector>
 
 namespace zel::test {
 
@@ -27,6 +29,9 @@ public:
     std::string out;
     std::string err;
 
+    // The pieces of the messages so far, in order. No text: a flush.
+    std::vector<std::optional<std::string>> pieces;
+
 private:
     struct Last {
         int type = 0;
@@ -36,6 +41,7 @@ private:
     };
 
     void write(const std::string &piece);
+    void write_up_to(size_t end);
     void open_line();
     void cut_raw();
     void cut_wrapped(bool just_opened);
