@@ -195,8 +195,9 @@ void break_line(const Channel &channel, bool at_start) {
     }
 }
 
-void write_text(Message &message, char *text, bool continuation) {
-    char *const end = text + strlen(text);
+void write_text(Message &message, std::span<char> whole, bool continuation) {
+    char *text = whole.data();
+    char *const end = text + whole.size();
     bool first = true;
     do {
         if (!first || !continuation) {
@@ -263,15 +264,15 @@ void _msg_output(int type, int fmt_type, int primary_only, int continuation, con
                        .lead_text = given.text,
                        .indentation = indentation_under(given.text),
                        .lead_length = lead_length_of(given.text, primary_only != 0)};
-    char *text = format_message(checked_format(message.channel, format), args);
-    if (text == nullptr) {
+    const std::span<char> text = format_message(checked_format(message.channel, format), args);
+    if (text.data() == nullptr) {
         report_lost_message();
         record(message);
         return;
     }
     start_gathering(message.channel);
     write_text(message, text, continuation != 0);
-    release_message(text);
+    release_message(text.data());
     if (fmt_type == MSG_FMT_LINE) {
         end_line(message.channel);
         flush_streams(message.channel);

@@ -4,11 +4,13 @@
 #include <msg/base/limits.h>
 #include <msg/base/memory_report.h>
 #include <msg/internal/format.h>
+#include <msg/internal/plain.h>
 #include <msg/msg.h>
 
 #include <array>
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 
 namespace {
 
@@ -33,32 +35,41 @@ struct HeapStorage {
 };
 
 struct Attempt {
-    char *text;         // null: not formatted here
-    size_t size_needed; // to be allocated; 0: the text is there, or lost
+    std::span<char> text; // without data: not formatted here
+    size_t size_needed;   // to be allocated; 0: the text is there, or lost
 };
+
+// The text up to its first NUL: a conversion may have written one.
+std::span<char> shown_part(char *text) {
+    return {text, text == nullptr ? 0 : strlen(text)};
+}
 
 // Formats in the area if it is free. It counts as taken meanwhile: a message that a
 // conversion of the program writes is formatted elsewhere.
 __attribute__((format(printf, 2, 0))) Attempt format_in(TextArea &area, const char *format, va_list args) {
     if (area.taken) {
-        return {.text = nullptr, .size_needed = zel::kFirstTextSize};
+        return {.text = {}, .size_needed = zel::kFirstTextSize};
     }
     area.taken = true;
     errno = 0;
+    const int plain_length = zel::msg::format_plain(area.text, format, args);
+    if (plain_length != zel::msg::kNotPlain) {
+        return {.text = std::span(area.text).first(static_cast<size_t>(plain_length)), .size_needed = 0};
+    }
     const int length = zel::format_attempt(area.text.data(), area.text.size(), format, args);
     if (zel::text_fits(length, area.text.size())) {
-        return {.text = area.text.data(), .size_needed = 0};
+        return {.text = shown_part(area.text.data()), .size_needed = 0};
     }
     area.taken = false;
     const bool lost = zel::text_is_lost(length);
-    return {.text = nullptr, .size_needed = lost ? 0 : zel::next_text_size(length, area.text.size())};
+    return {.text = {}, .size_needed = lost ? 0 : zel::next_text_size(length, area.text.size())};
 }
 
 } // namespace
 
 namespace zel::msg {
 
-char *format_message(const char *format, va_list args) {
+std::span<char> format_message(const char *format, va_list args) {
     const Attempt attempt = format_in(areas.message, format, args);
     if (attempt.size_needed == 0) {
         return attempt.text;
@@ -67,7 +78,7 @@ char *format_message(const char *format, va_list args) {
     if (text == nullptr && memory_report_under_way()) {
         return format_in(areas.report, format, args).text;
     }
-    return text;
+    return shown_part(text);
 }
 
 void release_message(char *text) {
