@@ -3,8 +3,8 @@
 // time than all other work on a short message.
 #include <msg/internal/plain.h>
 
-#include <charconv>
 #include <cstring>
+#include <string_view>
 
 namespace zel::msg {
 
@@ -15,22 +15,47 @@ struct Output {
     char *end; // of the text at the latest
 };
 
-bool put_text(Output &out, const char *text) {
-    const auto room = static_cast<size_t>(out.end - out.next);
-    const size_t length = text == nullptr ? room : strnlen(text, room);
-    if (length == room) {
+bool put_part(Output &out, std::string_view part) {
+    if (part.size() >= static_cast<size_t>(out.end - out.next)) {
         return false;
     }
-    memcpy(out.next, text, length);
-    out.next += length;
+    memcpy(out.next, part.data(), part.size());
+    out.next += part.size();
     return true;
 }
 
-template <typename Number>
-bool put_number(Output &out, Number number) {
-    const std::to_chars_result result = std::to_chars(out.next, out.end, number);
-    out.next = result.ptr;
-    return result.ec == std::errc();
+// Looks no further into the text than there is room.
+bool put_text(Output &out, const char *text) {
+    return text != nullptr && put_part(out, {text, strnlen(text, static_cast<size_t>(out.end - out.next))});
+}
+
+size_t digits_of(unsigned number) {
+    size_t count = 1;
+    for (; number >= 10; number /= 10) {
+        ++count;
+    }
+    return count;
+}
+
+// std::to_chars would export a table of the C++ library.
+bool put_unsigned(Output &out, unsigned number) {
+    const size_t length = digits_of(number);
+    if (length >= static_cast<size_t>(out.end - out.next)) {
+        return false;
+    }
+    out.next += length;
+    char *digit = out.next;
+    do {
+        *--digit = static_cast<char>('0' + number % 10);
+        number /= 10;
+    } while (number != 0);
+    return true;
+}
+
+// The smallest number has no positive one of its type.
+bool put_signed(Output &out, int number) {
+    const auto bits = static_cast<unsigned>(number);
+    return number < 0 ? put_part(out, "-") && put_unsigned(out, 0U - bits) : put_unsigned(out, bits);
 }
 
 bool put_conversion(Output &out, char conversion, va_list *args) {
@@ -38,11 +63,11 @@ bool put_conversion(Output &out, char conversion, va_list *args) {
     case 's':
         return put_text(out, va_arg(*args, const char *));
     case 'd':
-        return put_number(out, va_arg(*args, int));
+        return put_signed(out, va_arg(*args, int));
     case 'u':
-        return put_number(out, va_arg(*args, unsigned));
+        return put_unsigned(out, va_arg(*args, unsigned));
     case '%':
-        return put_text(out, "%");
+        return put_part(out, "%");
     default:
         return false;
     }
