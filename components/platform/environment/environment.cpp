@@ -18,15 +18,15 @@ char *platform_getenv(const char *name) {
 int platform_setenv(const char *name, const char *value) {
     const std::string_view key = name;
     const std::string_view text = value;
-    const size_t length = key.size() + 1 + text.size();
-    char *entry = static_cast<char *>(malloc(length + 1));
+    const size_t size = key.size() + 1 + text.size() + 1;
+    char *entry = static_cast<char *>(malloc(size));
     if (entry == nullptr) {
         return 0;
     }
-    memcpy(entry, key.data(), key.size());
+    zel::copy_part({entry, size}, key);
     entry[key.size()] = '=';
-    memcpy(entry + key.size() + 1, text.data(), text.size());
-    entry[length] = '\0';
+    zel::copy_part({entry + key.size() + 1, text.size()}, text);
+    entry[size - 1] = '\0';
     putenv(entry); // the environment keeps the storage
     return 0;
 }
