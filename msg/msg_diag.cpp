@@ -69,7 +69,8 @@ void write_line(FILE *stream, const char *text, int error) {
 }
 
 // Kept out of line: a text that no stream takes does not touch the stack of its area.
-[[gnu::noinline]] void write_to_all(const MsgStreamDesc &desc, const char *format, va_list args, int error) {
+[[gnu::noinline]] __attribute__((format(printf, 2, 0))) void write_to_all(const MsgStreamDesc &desc, const char *format,
+                                                                          va_list args, int error) {
     DiagnosticText text;
     zel::vformat_text(text, format, args);
     for (int32_t index = 0; index < desc.count; ++index) {
