@@ -28,7 +28,8 @@ def unmarked_objects(archive):
 
 def probes_large_frames(file):
     """Whether a frame of more than a page is entered page by page, each of which is touched."""
-    return re.search(r"\bor[ql]\s+\$0x0,(0x0)?\(%[er]sp(,1)?\)", repo.run(["objdump", "-d", file])) is not None
+    touched_page = r"\bsubq?\s+\$0x1000,%[er]sp\n.*\b(or|mov)[ql]\s+\$0x0,(0x0)?\(%[er]sp(,1)?\)"
+    return re.search(touched_page, repo.run(["objdump", "-d", file])) is not None
 
 
 def commands_without(option, folder):
