@@ -155,12 +155,14 @@ Received receive_text(PairHandle *pair, Counts &counts) {
 }
 
 std::string first_line_of(const Counts &counts) {
-    std::string line = kCounted;
-    for (const uint64_t number : {counts.lines, counts.words, counts.bytes}) {
-        line += " " + std::to_string(number);
-    }
+    std::vector<uint64_t> numbers = {counts.lines, counts.words, counts.bytes};
     if (counts.too_long != 0 || counts.no_room != 0) {
-        line += " " + std::to_string(counts.too_long) + " " + std::to_string(counts.no_room);
+        numbers.insert(numbers.end(), {counts.too_long, counts.no_room});
+    }
+    std::string line = kCounted;
+    for (const uint64_t number : numbers) {
+        line += ' ';
+        line += std::to_string(number);
     }
     return line;
 }
