@@ -102,8 +102,7 @@ Work work(const char *series, const char *unit, int x, int64_t most) {
             .x = static_cast<double>(x)};
 }
 
-// ---- The size of a message of one line
-// --------------------------------------------------------------------------------
+// ---- The size of a message of one line ------------------------------------------------------------------------------
 
 int send_long_line(int fd) {
     return platform_send_message(fd, long_line, static_cast<char *>(nullptr));
@@ -123,8 +122,7 @@ void add_sizes() {
     }
 }
 
-// ---- The lines of a message
-// -------------------------------------------------------------------------------------------
+// ---- The lines of a message -----------------------------------------------------------------------------------------
 
 Send hand_sends(int lines) {
     return [lines](int fd) { return by_hand_send_large(fd, kLine, static_cast<size_t>(lines)); };
@@ -160,8 +158,7 @@ void add_lines_received() {
     }
 }
 
-// ---- The number of the descriptor
-// -------------------------------------------------------------------------------------
+// ---- The number of the descriptor -----------------------------------------------------------------------------------
 
 // The highest number that this process may use, up to the wanted one.
 int highest_number(int wanted) {

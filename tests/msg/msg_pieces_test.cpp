@@ -26,8 +26,7 @@ void use_stream(FILE *stream) {
     msg_add_stream(MSG_INFO, stream);
 }
 
-// ---- A stream that records what reaches it
-// ---------------------------------------------------------------------------
+// ---- A stream that records what reaches it --------------------------------------------------------------------------
 
 struct Buffering {
     const char *name;
@@ -151,8 +150,7 @@ TEST_P(MsgPieces, AStreamSeesTheSameWritesAndFailures) {
 INSTANTIATE_TEST_SUITE_P(, MsgPieces, testing::ValuesIn(kBufferings),
                          [](const testing::TestParamInfo<Buffering> &buffering) { return buffering.param.name; });
 
-// ---- Streams whose pieces are not gathered
-// ---------------------------------------------------------------------------
+// ---- Streams whose pieces are not gathered --------------------------------------------------------------------------
 
 TEST(MsgPiece, AStreamOfWideCharactersFailsOnTheFirstPiece) {
     const Outcome outcome = run_messages([] {
@@ -239,8 +237,7 @@ TEST(MsgPiece, AStreamThatWasReadFailsOnThePieceThatDoesNotFit) {
     EXPECT_EQ(outcome.out, "\nWarning: Error during output ");
 }
 
-// ---- Threads of the program
-// ------------------------------------------------------------------------------------------
+// ---- Threads of the program -----------------------------------------------------------------------------------------
 
 namespace {
 

@@ -11,6 +11,7 @@ BUILD_LISTS = ("CMakeLists.txt", ".cmake")
 LICENCE = "Copyright the zel authors. SPDX-License-Identifier: Apache-2.0"
 # In pieces, so that this file does not hold what it looks for.
 UNFINISHED = re.compile(r"\b(" + "|".join(("TO" + "DO", "FIX" + "ME", "XX" + "X", "HA" + "CK", "GTEST" + "_SKIP")) + r")\b")
+BROKEN_BANNER = re.compile(r"^\s*(?://|#) ?-{20,}$", re.MULTILINE)
 ONE_MACHINE = re.compile(r"/(home/(?!guest\b)|root/|Users/|work/)\w")
 
 
@@ -81,6 +82,10 @@ class Files(unittest.TestCase):
             with self.subTest(str(path)):
                 self.assertEqual(unfinished_or_local((repo.ROOT / path).read_text(encoding="utf-8", errors="replace")), [])
 
+    def test_no_banner_of_the_repository_is_broken_in_two(self):
+        paths = repo.files(".cpp", ".c", ".h", ".py", ".cmake", ".txt") + [repo.Path("dev")]
+        self.assertEqual([str(path) for path in paths if BROKEN_BANNER.search(repo.read(path))], [])
+
     def test_a_dead_source_is_caught(self):
         lists = {repo.Path("msg/CMakeLists.txt"): "add_library(a used.cpp not_unused.cpp)"}
         sources = [repo.Path("msg/used.cpp"), repo.Path("msg/unused.cpp"), repo.Path("malloc/compiled.cpp")]
@@ -94,6 +99,10 @@ class Files(unittest.TestCase):
     def test_a_missing_licence_line_is_caught(self):
         self.assertTrue(without_licence("a.cpp", "// A file.\n"))
         self.assertFalse(without_licence("a.sh", f"#!/bin/sh\n# {LICENCE}\n"))
+
+    def test_a_broken_banner_is_caught(self):
+        self.assertTrue(BROKEN_BANNER.search("// ---- Steps\n// " + 40 * "-" + "\n"))
+        self.assertFalse(BROKEN_BANNER.search("// ---- Steps " + 40 * "-" + "\n"))
 
     def test_an_unfinished_or_local_text_is_caught(self):
         samples = ("// TO" + "DO: later", "see /ho" + "me/someone/notes", "/wo" + "rk/tree", "/ro" + "ot/x")
