@@ -2,28 +2,16 @@
 // The record table of the debug heap.
 #include <malloc/internal/debug_records.h>
 
+#include <malloc/internal/table_storage.h>
 #include <msg/base/limits.h>
 
 #include <algorithm>
-#include <cstdlib>
 
 namespace zel::memory {
 
 namespace {
 
 constexpr uint32_t kMostRecords = INT32_MAX; // every index fits an int32_t
-
-// Enlarges a table through the system's allocator: it is no allocation of the program.
-// Returns false without memory and leaves the table as it was.
-template <typename Entry>
-bool enlarge(Entry *&table, size_t count) {
-    auto *larger = static_cast<Entry *>(realloc(static_cast<void *>(table), count * sizeof(Entry)));
-    if (larger == nullptr) {
-        return false;
-    }
-    table = larger;
-    return true;
-}
 
 // Gives each level the words for the capacity. Once a level has enough words, so do all
 // above.

@@ -30,6 +30,9 @@ inline constexpr size_t kFirstFormattedSize = kSmall ? 1 : 16;
 // Records by which the table of the debug heap grows.
 inline constexpr uint32_t kRecordTableStep = kSmall ? 1 : 1024;
 
+// Owners for which a table of owners has room at first; a power of 2.
+inline constexpr uint32_t kFirstOwners = kSmall ? 1 : 64;
+
 // Bytes taken from a socket in one receive of the message loop.
 inline constexpr size_t kReceiveSize = kSmall ? 3 : 8192;
 
