@@ -6,6 +6,7 @@
  *   msg/msg.h                                  typed messages to lists of output streams
  *   malloc/zel_malloc.h                        allocation that names its caller
  *   malloc/debug_heap.h                        the debug heap
+ *   malloc/heap_report.h                       leaks, owners, failures on demand
  *   components/platform/environment.h          variables, reports of failed system calls,
  *                                              the diagnostics file
  *   components/platform/process_info.h         process numbers, existence, memory use
@@ -47,6 +48,7 @@
 #include <components/platform/socket.h>
 #include <components/platform/zel_pair_connection.h>
 #include <malloc/debug_heap.h>
+#include <malloc/heap_report.h>
 #include <malloc/zel_malloc.h>
 #include <msg/diag_log.h>
 #include <msg/msg.h>

@@ -2,9 +2,13 @@
 // The check of the whole heap.
 #include <malloc/internal/debug_check.h>
 
+#include <malloc/heap_report.h>
 #include <malloc/internal/debug_diagnosis.h>
+#include <malloc/internal/zel_malloc_core.h>
 #include <msg/base/memory_report.h>
 #include <msg/msg.h>
+
+using zel::memory::debug_heap;
 
 namespace zel::memory {
 
@@ -44,22 +48,29 @@ uint32_t next_unsound(uint32_t from) {
     return capacity;
 }
 
-// Checks every record in use, in the order of the indices. Each finding is a warning. A
-// stream that takes it may run the program's code: the table and the end of the heap may
-// move, and the program may switch to the mode that does not keep the set. The
-// verification goes on all the same.
-bool heap_is_sound() {
-    uint32_t index = next_unsound(0);
-    const bool sound = index == debug_heap.capacity;
-    while (index < debug_heap.capacity) {
-        const Record &record = debug_heap.records[index];
-        msg_warn("%s", diagnose(record.pointer, &record, false));
-        if (!keeps_in_use()) {
-            build_in_use();
-        }
-        index = next_unsound(index + 1);
+// Brings the set of the indices in use up to date in the mode that does not keep it.
+void make_sure_of_in_use() {
+    if (!keeps_in_use()) {
+        build_in_use();
     }
-    return sound;
+}
+
+// Checks every record in use, in the order of the indices. Each finding is a warning if
+// it is to be written. A stream that takes it may run the program's code: the table and
+// the end of the heap may move, and the program may switch to the mode that does not keep
+// the set. The verification goes on all the same. Returns how many findings there are.
+int32_t count_findings(bool written) {
+    int32_t findings = 0;
+    make_sure_of_in_use();
+    for (uint32_t index = next_unsound(0); index < debug_heap.capacity; index = next_unsound(index + 1)) {
+        ++findings;
+        if (written) {
+            const Record &record = debug_heap.records[index];
+            msg_warn("%s", diagnose(record.pointer, &record, false));
+            make_sure_of_in_use();
+        }
+    }
+    return findings;
 }
 
 } // namespace
@@ -68,10 +79,24 @@ void verify_heap(Method method, const char *name, Place place, const char *purpo
     const Caller caller = {.method = method, .name = name, .place = place, .purpose_or_file = purpose_or_file};
     debug_heap.verifying = true;
     const zel::MemoryReport under_way; // the findings are reports of the memory library
-    if (!heap_is_sound()) {
+    if (count_findings(true) > 0) {
         msg_fatal("%s: The heap was corrupted. %s", caller.name, context_text(caller));
     }
     debug_heap.verifying = false;
 }
 
 } // namespace zel::memory
+
+// A stream that verifies the heap at every write would be told the same finding without
+// end: while findings are written they are only counted.
+int32_t zel_malloc_verify() {
+    if (!zel::memory::debug_heap_on()) {
+        return -1;
+    }
+    const bool within_another = debug_heap.verifying;
+    const zel::MemoryReport under_way;
+    debug_heap.verifying = true;
+    const int32_t findings = zel::memory::count_findings(!within_another);
+    debug_heap.verifying = within_another;
+    return findings;
+}

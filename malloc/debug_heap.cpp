@@ -61,6 +61,7 @@ void zel_enable_malloc_debug(int mode) {
     }
     const bool was_kept = zel::memory::keeps_in_use();
     debug_heap.mode = mode;
+    zel::memory::state.watchers |= zel::memory::kDebugHeap;
     if (!was_kept && zel::memory::keeps_in_use()) {
         zel::memory::build_in_use();
     }

@@ -8,6 +8,7 @@
  *   1. Switch it on: zel_enable_malloc_debug(ZEL_MALLOC_CHECK_PTR).
  *   2. Run. A finding is an error message, and the process ends with status 1.
  *   3. At the end zel_malloc_debug_report(1) lists the storage that was not released.
+ *      heap_report.h tells what is live since a mark, and whose it is.
  *
  * Example:
  *

@@ -3,6 +3,7 @@
 #include <malloc/internal/debug_records.h>
 
 #include <malloc/internal/table_storage.h>
+#include <malloc/internal/trace.h>
 #include <msg/base/limits.h>
 
 #include <algorithm>
@@ -43,7 +44,7 @@ bool grow_table() {
     }
     const uint32_t capacity = before + kRecordTableStep;
     if (!enlarge(debug_heap.records, capacity) || !enlarge(debug_heap.callers, capacity) ||
-        !grow_index_set(before, capacity)) {
+        !grow_index_set(before, capacity) || !grow_trace(capacity)) {
         return false;
     }
     // The new records are the free list, in the order of their indices.

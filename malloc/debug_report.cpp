@@ -1,9 +1,11 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// The report of the debug heap.
+// The report of the debug heap, of all blocks or of those since a mark.
 #include <malloc/debug_heap.h>
+#include <malloc/heap_report.h>
 
 #include <malloc/internal/debug_check.h>
 #include <malloc/internal/pointer.h>
+#include <malloc/internal/trace.h>
 #include <msg/base/memory_report.h>
 #include <msg/msg.h>
 
@@ -58,10 +60,14 @@ void add(Totals &totals, const Record &record, bool valid) {
     totals.invalid += valid ? 0 : 1;
 }
 
-// Visits every record in use, in the order of the indices. verbose: also writes the rows.
-Totals walk_records(bool verbose) {
+// Visits every record in use that is later than the mark, in the order of the indices.
+// verbose: also writes the rows.
+Totals walk_records(bool verbose, uint64_t mark) {
     Totals totals = {};
     for (uint32_t index = next_in_use(0); index < debug_heap.capacity; index = next_in_use(index + 1)) {
+        if (!zel::memory::is_later(index, mark)) {
+            continue;
+        }
         const Record record = debug_heap.records[index]; // copies: a stream may make the tables move
         const Caller caller = debug_heap.callers[index];
         const bool valid = zel::memory::valid_record(record.pointer, zel::memory::heap_reach()) != nullptr;
@@ -76,14 +82,15 @@ Totals walk_records(bool verbose) {
     return totals;
 }
 
-void print_totals(const Totals &totals) {
+// call: whose totals they are.
+void print_totals(const char *call, const Totals &totals) {
     if (totals.pointers == 0) {
-        msg_print("zel_malloc_debug_report: No storage was allocated");
+        msg_print("%s: No storage was allocated", call);
     } else if (totals.invalid == 0) {
-        msg_print("zel_malloc_debug_report: %lu bytes allocated, %ld pointers", totals.bytes, totals.pointers);
+        msg_print("%s: %lu bytes allocated, %ld pointers", call, totals.bytes, totals.pointers);
     } else {
-        msg_print("zel_malloc_debug_report: %lu bytes allocated, %ld pointers (%ld invalid or corrupted!)",
-                  totals.bytes, totals.pointers, totals.invalid);
+        msg_print("%s: %lu bytes allocated, %ld pointers (%ld invalid or corrupted!)", call, totals.bytes,
+                  totals.pointers, totals.invalid);
     }
 }
 
@@ -92,6 +99,16 @@ void print_totals(const Totals &totals) {
 void zel_malloc_debug_report(int verbose) {
     const zel::MemoryReport under_way;
     if (!zel::memory::warn_while_off("zel_malloc_debug_report")) {
-        print_totals(walk_records(verbose != 0));
+        print_totals("zel_malloc_debug_report", walk_records(verbose != 0, 0));
     }
+}
+
+int32_t zel_malloc_report_since(uint64_t mark) {
+    if (!zel::memory::debug_heap_on()) {
+        return -1;
+    }
+    const zel::MemoryReport under_way;
+    const Totals totals = walk_records(true, mark);
+    print_totals("zel_malloc_report_since", totals);
+    return static_cast<int32_t>(totals.pointers);
 }

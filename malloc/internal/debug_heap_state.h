@@ -47,11 +47,6 @@ struct DebugHeap {
 
 extern DebugHeap debug_heap;
 
-// Whether the debug heap is on. Inline, because every allocation asks.
-inline bool debug_heap_on() {
-    return debug_heap.mode != 0;
-}
-
 // Whether the set of the indices in use is kept. Only a verification walks it: in the
 // other modes its words grow with the table and its members are not up to date.
 inline bool keeps_in_use() {

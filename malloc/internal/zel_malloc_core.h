@@ -1,26 +1,44 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // The core primitives under every entry of the memory library. They report no failure of
-// the system allocator. While the debug heap is off they are a few instructions around
+// the system allocator. While nothing special is on they are a few instructions around
 // the system's call, so they are inline; all else is out of line.
 #ifndef ZEL_MALLOC_INTERNAL_ZEL_MALLOC_CORE_H
 #define ZEL_MALLOC_INTERNAL_ZEL_MALLOC_CORE_H
 
-#include <malloc/internal/debug_heap_state.h>
+#include <malloc/internal/caller.h>
 #include <malloc/internal/pointer.h>
 
+#include <cstdint>
 #include <cstdlib>
 
 #pragma GCC visibility push(hidden)
 
 namespace zel::memory {
 
+// What is on and looks at the requests of the program: the bits of State::watchers.
+inline constexpr uint32_t kDebugHeap = 1;      // blocks are guarded and recorded
+inline constexpr uint32_t kAwaitedFailure = 2; // one of the next requests is to fail
+inline constexpr uint32_t kTrace = 4;          // a mark was taken; only with the debug heap
+
 // The state of the core.
 struct State {
     uint32_t total_requested; // the block sizes of all attempts, modulo 2 to the 32
     bool allocation_called;   // set by the first attempt; a debug heap that is off then stays off
+    uint32_t watchers;        // 0: nothing special is on
+    long requests_left;       // that succeed before the awaited failure
 };
 
 extern State state;
+
+// Whether the debug heap is on.
+inline bool debug_heap_on() {
+    return (state.watchers & kDebugHeap) != 0;
+}
+
+// Whether anything looks at the requests. Inline, because every request asks.
+inline bool is_watched() {
+    return state.watchers != 0;
+}
 
 // Asks the system for a block. An attempt that fails counts as well.
 inline void *request_block(size_t size) {
@@ -36,10 +54,12 @@ inline void *resize_block(void *block, size_t size) {
     return resized;
 }
 
-// The core primitives while the debug heap is on: each block has guards and a record.
-void *guarded_malloc(size_t size, Method method, const char *name, Place place, const char *purpose_or_file);
-void *guarded_realloc(void *pointer, size_t size, Method method, const char *name, Place place,
+// The core primitives while something looks at the requests. With the debug heap on each
+// block has guards and a record.
+void *watched_malloc(size_t size, Method method, const char *name, Place place, const char *purpose_or_file);
+void *watched_realloc(void *pointer, size_t size, Method method, const char *name, Place place,
                       const char *purpose_or_file);
+// With the debug heap on.
 void guarded_free(void *pointer);
 
 // Ends the process: the entry of that name was passed a pointer that is no multiple of 8.
@@ -49,8 +69,8 @@ void guarded_free(void *pointer);
 // the system provides no block, or no memory for the record of the debug heap.
 inline void *zel_malloc_core(size_t size, const Caller &caller) {
     state.allocation_called = true;
-    if (debug_heap_on()) [[unlikely]] {
-        return guarded_malloc(size, caller.method, caller.name, caller.place, caller.purpose_or_file);
+    if (is_watched()) [[unlikely]] {
+        return watched_malloc(size, caller.method, caller.name, caller.place, caller.purpose_or_file);
     }
     return request_block(size);
 }
@@ -61,8 +81,8 @@ inline void *zel_realloc_core(void *pointer, size_t size, const Caller &caller) 
     if (!is_aligned(pointer)) {
         refuse_unaligned(pointer, caller.name);
     }
-    if (debug_heap_on()) [[unlikely]] {
-        return guarded_realloc(pointer, size, caller.method, caller.name, caller.place, caller.purpose_or_file);
+    if (is_watched()) [[unlikely]] {
+        return watched_realloc(pointer, size, caller.method, caller.name, caller.place, caller.purpose_or_file);
     }
     return resize_block(pointer, size);
 }

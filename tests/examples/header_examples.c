@@ -39,6 +39,21 @@ void example_of_debug_heap(void) {
     zel_free(name);                // the same as an error; the process ends
 }
 
+void example_of_heap_report(void (*handle_request)(void)) {
+    uint64_t mark = zel_malloc_mark();
+    handle_request();
+    zel_malloc_report_since(mark); // a row for each block that the request left
+}
+
+void example_of_failures(void (*load)(const char *path), const char *path) {
+    long left = -1;
+    for (long n = 0; left < 0; ++n) { // ends when the operation makes no n-th request
+        zel_malloc_fail_after(n);
+        load(path);                       // one request fails: nothing must be lost
+        left = zel_malloc_fail_after(-1); // -1: the failure has come
+    }
+}
+
 int example_of_environment(const char *path) {
     int fd = open(path, O_RDONLY);
     if (fd == -1) {

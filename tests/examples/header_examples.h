@@ -15,6 +15,8 @@ void example_of_msg(void);
 void example_of_diag_log(void);
 void example_of_zel_malloc(void);
 void example_of_debug_heap(void);
+void example_of_heap_report(void (*handle_request)(void));
+void example_of_failures(void (*load)(const char *path), const char *path);
 int example_of_environment(const char *path);
 void example_of_file_control(void (*read_settings)(const char *path), void (*in_between)(void));
 void example_of_process_info(void);

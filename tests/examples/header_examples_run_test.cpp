@@ -4,6 +4,8 @@
 #include "header_examples.h"
 
 #include <components/platform/process_info.h>
+#include <malloc/debug_heap.h>
+#include <malloc/zel_malloc.h>
 #include <support/child.h>
 #include <support/files.h>
 
@@ -59,6 +61,36 @@ TEST(HeaderExampleOfDebugHeap, FindsTheWritePastTheEndTwice) {
     EXPECT_NE(said.find(finding), said.rfind(finding)) << said;
     EXPECT_NE(outcome.err.find("Error: "), std::string::npos);
     EXPECT_EQ(outcome.status, 1);
+}
+
+TEST(HeaderExampleOfHeapReport, ReportsTheBlocksThatTheRequestLeft) {
+    const Outcome outcome = run_in_child([] {
+        setenv("ZEL_MSGERR_WRAP", "0", 1);
+        zel_enable_malloc_debug(ZEL_MALLOC_CHECK_PTR);
+        zel_malloc(7, "before", nullptr);
+        example_of_heap_report([] {
+            zel_malloc(30, "handle_request", "answer");
+            zel_free(zel_malloc(4, "handle_request", "question"));
+        });
+    });
+    EXPECT_NE(outcome.out.find(" handle_request       answer\n"), std::string::npos) << outcome.out;
+    EXPECT_TRUE(outcome.out.ends_with("\nzel_malloc_report_since: 30 bytes allocated, 1 pointers\n")) << outcome.out;
+    EXPECT_EQ(outcome.err, "");
+}
+
+// A text and a copy of it, neither of which is lost.
+void load(const char *path) {
+    auto *text = static_cast<char *>(zel_malloc_if_room(100));
+    void *copy = text == nullptr ? nullptr : zel_malloc_if_room(100);
+    printf("%s: %d %d\n", path, text != nullptr, copy != nullptr);
+    zel_free(copy);
+    zel_free(text);
+}
+
+TEST(HeaderExampleOfHeapReport, SweepsTheFailuresOfAnOperation) {
+    const Outcome outcome = run_in_child([] { example_of_failures(load, "index"); });
+    EXPECT_EQ(outcome.out, "index: 0 0\nindex: 1 0\nindex: 1 1\n");
+    EXPECT_EQ(outcome.status, 0);
 }
 
 TEST(HeaderExampleOfEnvironment, ReportsWhatFailed) {
