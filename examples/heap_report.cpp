@@ -10,17 +10,20 @@
 //   double     releases a block twice
 //   stray      releases a pointer into the middle of a block
 //   leak       forgets what it has allocated, and asks for the report
+//   request    handles three requests, one of which keeps a block, and asks what each left
 //
 // Standard output gets the steps of the program, the descriptions and the report.
 // Standard error gets warnings and errors. Exit status: 0 when the mistake went unnoticed
-// until the end (leak), 1 when the heap ended the process, 2 when the arguments are
+// until the end (leak, request), 1 when the heap ended the process, 2 when the arguments are
 // wrong.
 //
 // The steps of a program that wants to be watched: switch the heap on before the first
 // allocation (main), say at each allocation who asks and for what (everywhere below), ask
-// for the report at the end (leak).
+// for the report at the end (leak). One that runs for long takes a mark now and then, and
+// asks what is live since (request).
 #include <components/platform/debug_hooks.h>
 #include <malloc/debug_heap.h>
+#include <malloc/heap_report.h>
 #include <malloc/zel_malloc.h>
 #include <msg/msg.h>
 
@@ -85,16 +88,43 @@ void leak() {
     zel_malloc_debug_report(1);
 }
 
+// Every second request keeps the page that it has read, in case somebody asks again.
+void handle_request(int32_t number) {
+    char *line = zel_strdup("get index", "handle_request", "line");
+    void *page = zel_malloc(400, "read_page", "page");
+    if (number % 2 == 1) {
+        zel_free(page);
+    }
+    zel_free(line);
+}
+
+// The settings live on, and are in no report of a request. The owners are those of all
+// that is live; the page of the last request stands in the peak of its owner.
+void keep_page_of_request() {
+    constexpr int32_t kRequests = 3;
+    zel_strdup("port=80", "read_settings", "settings");
+    for (int32_t number = 1; number <= kRequests; ++number) {
+        const uint64_t mark = zel_malloc_mark();
+        handle_request(number);
+        msg_print("Request %d:", number);
+        zel_malloc_report_since(mark);
+    }
+    zel_malloc_report_owners();
+}
+
 struct Mistake {
     std::string_view name;
     void (*make)();
 };
 
-constexpr std::array<Mistake, 4> kMistakes = {
-    {{"overrun", overrun}, {"double", release_twice}, {"stray", release_stray}, {"leak", leak}}};
+constexpr std::array<Mistake, 5> kMistakes = {{{"overrun", overrun},
+                                               {"double", release_twice},
+                                               {"stray", release_stray},
+                                               {"leak", leak},
+                                               {"request", keep_page_of_request}}};
 
 [[noreturn]] void refuse() {
-    msg_error("Usage: heap_report [--verify] overrun|double|stray|leak");
+    msg_error("Usage: heap_report [--verify] overrun|double|stray|leak|request");
     exit(kUsageStatus);
 }
 

@@ -148,12 +148,37 @@ TEST(HeapReport, ALeakIsInTheReport) {
     }
 }
 
+TEST(HeapReport, WhatARequestKeepsIsInItsReportAndUnderItsOwner) {
+    const std::string pointer = padded("Pointer", 2 * sizeof(void *));
+    const std::string nothing = "zel_malloc_report_since: No storage was allocated\n";
+    const std::string expected = "Request 1:\n" + nothing +
+                                 "Request 2:\n"
+                                 "Note: a `*' in the first column indicates an invalid or corrupted pointer.\n"
+                                 "X  ID    " +
+                                 pointer +
+                                 "  Length Method               Function/Line        Purpose/File\n"
+                                 "     2 <A>     400 zel_malloc           read_page            page\n"
+                                 "zel_malloc_report_since: 400 bytes allocated, 1 pointers\n"
+                                 "Request 3:\n" +
+                                 nothing +
+                                 "  Blocks      Bytes       Peak  Function or File:Line\n"
+                                 "       1        400        800  read_page\n"
+                                 "       1          8          8  read_settings\n"
+                                 "zel_malloc_report_owners: 408 bytes allocated, 2 pointers, 2 owners\n";
+    for (const std::vector<std::string> &arguments : {std::vector<std::string>{"request"}, {"--verify", "request"}}) {
+        const Outcome outcome = run_example(arguments);
+        EXPECT_EQ(outcome.out, expected);
+        EXPECT_EQ(outcome.err, "");
+        EXPECT_EQ(outcome.status, 0);
+    }
+}
+
 TEST(HeapReport, WrongArgumentsAreAnsweredWithTheUsage) {
     for (const std::vector<std::string> &arguments :
          {std::vector<std::string>{}, {"--verify"}, {"none"}, {"leak", "stray"}, {"--verify", "leak", "stray"}}) {
         const Outcome outcome = run_example(arguments);
         EXPECT_EQ(outcome.out, "");
-        EXPECT_EQ(outcome.err, "Error: Usage: heap_report [--verify] overrun|double|stray|leak\n");
+        EXPECT_EQ(outcome.err, "Error: Usage: heap_report [--verify] overrun|double|stray|leak|request\n");
         EXPECT_EQ(outcome.status, 2);
     }
 }
