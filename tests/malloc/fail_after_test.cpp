@@ -100,7 +100,9 @@ TEST(FailAfter, TheFailureHandlerDecidesAndMayAllocate) {
                 return zel_malloc(1, "handler", "spare");
             });
             zel_malloc_fail_after(0);
-            printf("%d\n", zel_strdup("guest", nullptr, nullptr) != nullptr);
+            char *spare = zel_strdup("guest", nullptr, nullptr);
+            printf("%d\n", spare != nullptr);
+            zel_free(spare);
         },
         "6 zel_strdup: Not enough memory to allocate 6 bytes.\n1\n");
 }
