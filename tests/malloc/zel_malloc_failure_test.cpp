@@ -2,6 +2,7 @@
 // Requests that fail: the text of the report, the failure handler, the entry's result.
 #include "malloc_support.h"
 
+#include <malloc/heap_report.h>
 #include <msg/msg.h>
 
 #include <cstring>
@@ -190,7 +191,7 @@ TEST(MallocFailure, EachPieceOfAJoinedTextIsReportedWithItsOwnSize) {
     const std::vector<unsigned long> sizes = {4, 6, 9};
     for (int nth = 0; nth < 3; ++nth) {
         const CaughtFailures caught;
-        const FailingRequest no_memory(nth);
+        zel_malloc_fail_after(nth);
         const unsigned long size = sizes[static_cast<size_t>(nth)];
         EXPECT_EQ(zel_strdup2(text_a, text_b, "read", "a page"), nullptr);
         EXPECT_EQ(CaughtFailures::list,

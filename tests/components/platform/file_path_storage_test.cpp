@@ -4,6 +4,7 @@
 #include <components/platform/file_control.h>
 
 #include "file_support.h"
+#include <malloc/heap_report.h>
 #include <malloc/zel_malloc.h>
 #include <msg/msg.h>
 #include <support/child.h>
@@ -112,7 +113,7 @@ std::string report_of(Service service) {
             printf("%s", message);
             return nullptr;
         });
-        const Interposed failing(hook::malloc, fail_always(hook::malloc, ENOMEM, nullptr));
+        zel_malloc_fail_after(0);
         printf("%s", service() == nullptr ? "" : " and a result");
     });
     EXPECT_EQ(outcome.status, 0);

@@ -3,6 +3,7 @@
 #include <components/platform/file_control.h>
 
 #include "file_support.h"
+#include <malloc/heap_report.h>
 #include <malloc/zel_malloc.h>
 #include <support/child.h>
 #include <support/files.h>
@@ -96,13 +97,7 @@ TEST_F(Glob, TheRecordIsAskedForUnderItsOwnName) {
             fflush(nullptr);
             _exit(0);
         });
-        const Interposed failing(hook::malloc, [](size_t size) -> void * {
-            if (size == sizeof(glob_t)) {
-                errno = ENOMEM;
-                return nullptr;
-            }
-            return hook::malloc.real(size);
-        });
+        zel_malloc_fail_after(0);
         PlatformFileList list = {};
         platform_glob(folder.path.c_str(), nullptr, &list);
     });
