@@ -31,6 +31,7 @@ bool enter_live_blocks(Trace &started) {
             return false;
         }
         started.blocks[index] = {.serial = 0, .owner = owner};
+        started.peak += debug_heap.records[index].length;
     }
     return true;
 }
@@ -38,7 +39,7 @@ bool enter_live_blocks(Trace &started) {
 } // namespace
 
 bool start_trace() {
-    Trace started = {.last_serial = 0, .blocks = nullptr, .owners = {}, .peak = debug_heap.bytes_in_use};
+    Trace started = {.last_serial = 0, .blocks = nullptr, .owners = {}, .peak = 0};
     if (!enlarge(started.blocks, std::max(debug_heap.capacity, uint32_t{1})) || !enter_live_blocks(started)) {
         clear_owners(started.owners);
         free(started.blocks);

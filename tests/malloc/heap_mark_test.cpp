@@ -226,7 +226,7 @@ TEST(HeapMark, AMarkThatAReleasesNoteTakesIsExact) {
             free(json);
         });
         // The block that is released counts once at the mark, and no more behind it.
-        EXPECT_EQ(outcome.out, "{\"blocks\":1,\"bytes\":30,\"peak\":30,\"owners\":[{\"owner\":\"noted\",\"line\":0,"
+        EXPECT_EQ(outcome.out, "{\"blocks\":1,\"bytes\":30,\"peak\":100,\"owners\":[{\"owner\":\"noted\",\"line\":0,"
                                "\"blocks\":1,\"bytes\":30,\"peak\":100}]}");
     }
 }

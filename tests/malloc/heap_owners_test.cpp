@@ -157,6 +157,19 @@ TEST(HeapPeak, ThePeakIsTheMostSinceTheFirstMark) {
         "{\"owner\":\"f\",\"line\":0,\"blocks\":1,\"bytes\":30,\"peak\":80}]}\n");
 }
 
+TEST(HeapPeak, BlocksFromBeforeTheMarkCountFromTheMarkOn) {
+    expect_in_each_mode(
+        [] {
+            void *old = allocate(500, "f");
+            zel_malloc_mark();
+            zel_free(old);
+            allocate(5, "f");
+            print_json();
+        },
+        "{\"blocks\":1,\"bytes\":5,\"peak\":500,\"owners\":["
+        "{\"owner\":\"f\",\"line\":0,\"blocks\":1,\"bytes\":5,\"peak\":500}]}\n");
+}
+
 TEST(HeapPeak, WithoutAMarkThePeakIsThePresentSum) {
     expect_in_each_mode(
         [] {
