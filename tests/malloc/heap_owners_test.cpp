@@ -300,3 +300,79 @@ TEST(HeapJson, WithoutMemoryTheResultIsNullAndNothingIsLost) {
     EXPECT_EQ(outcome.out, "1 1 1 1 {\"blocks\":1,\"bytes\":5,\"peak\":5,\"owners\":["
                            "{\"owner\":\"f\",\"line\":0,\"blocks\":1,\"bytes\":5,\"peak\":5}]}");
 }
+
+// ---- Failures -------------------------------------------------------------------------------------------------------
+
+namespace {
+
+// In its scope the n-th request to the system (from 0) fails, and the blocks are counted
+// that were not given back.
+class SystemWithoutMemory {
+public:
+    explicit SystemWithoutMemory(int nth) : left_(nth) {}
+    long kept = 0;
+
+private:
+    void *provide(void *before, size_t size) {
+        if (left_-- == 0) {
+            return nullptr;
+        }
+        kept += before == nullptr ? 1 : 0;
+        return hook::realloc.real(before, size);
+    }
+
+    int left_;
+    Interposed<void *(size_t)> malloc_{hook::malloc, [this](size_t size) { return provide(nullptr, size); }};
+    Interposed<void *(void *, size_t)> realloc_{hook::realloc,
+                                                [this](void *before, size_t size) { return provide(before, size); }};
+    Interposed<void(void *)> free_{hook::free, [this](void *block) {
+                                       kept -= block == nullptr ? 0 : 1;
+                                       hook::free.real(block);
+                                   }};
+};
+
+// Lets each request of the call fail until the call succeeds. Says how many failed, and
+// how many blocks they kept.
+std::string sweep(bool (*call)()) {
+    int failures = 0;
+    long kept = 0;
+    for (bool done = false; !done; ++failures) {
+        const SystemWithoutMemory system(failures);
+        done = call();
+        kept += done ? 0 : system.kept;
+    }
+    return std::to_string(failures - 1) + " failures keep " + std::to_string(kept) + " blocks\n";
+}
+
+} // namespace
+
+TEST(HeapReports, WithoutMemoryNoCallKeepsABlock) {
+    const Outcome outcome = run_heap(ZEL_MALLOC_CHECK_PTR, [] {
+        msg_clear_streams(MSG_INFO);
+        allocate(5, "f");
+        const auto write_json = [] {
+            char *json = zel_malloc_report_json();
+            free(json);
+            return json != nullptr;
+        };
+        printf("%s", sweep([] { return zel_malloc_report_owners() > 0; }).c_str());
+        printf("%s", sweep(write_json).c_str());
+        printf("%s", sweep([] { return zel_malloc_mark() > 0; }).c_str());
+    });
+    EXPECT_EQ(outcome.out, "2 failures keep 0 blocks\n3 failures keep 0 blocks\n3 failures keep 0 blocks\n");
+}
+
+TEST(HeapReports, NoReportKeepsABlock) {
+    const Outcome outcome = run_heap(ZEL_MALLOC_CHECK_PTR, [] {
+        allocate(5, "f");
+        msg_clear_streams(MSG_INFO);
+        const SystemWithoutMemory system(-1); // there is memory
+        zel_malloc_report_owners();
+        free(zel_malloc_report_json());
+        zel_malloc_report_since(0);
+        zel_malloc_visit(0, nullptr, nullptr);
+        zel_malloc_verify();
+        printf("%ld", system.kept);
+    });
+    EXPECT_EQ(outcome.out, "0");
+}
