@@ -68,6 +68,18 @@ void get_message(int socket, PlatformMessageHandler handler = accept_message) {
     require(platform_get_one_message(socket, handler, nullptr, 1) == 1, "platform_get_one_message");
 }
 
+// What it costs to receive the first of so many messages that were sent.
+Cost cost_of_receiving(int sent, PlatformMessageHandler handler = accept_message) {
+    return cost_of([sent, handler] {
+        const Ends ends = connect_ends();
+        for (int message = 0; message < sent; ++message) {
+            send_six_lines(ends.sender);
+        }
+        const Counted counted;
+        get_message(ends.receiver, handler);
+    });
+}
+
 TEST(CountedMessages, AMessageOfSixLinesLeavesInOneSend) {
     const Cost cost = cost_of([] {
         const Ends ends = connect_ends();
@@ -94,25 +106,14 @@ TEST(CountedMessages, ALineBeyondTheAreaIsCopiedOnceIntoOneBlock) {
 }
 
 TEST(CountedMessages, AMessageIsReceivedByOneSelectAndOneRecv) {
-    const Cost cost = cost_of([] {
-        const Ends ends = connect_ends();
-        send_six_lines(ends.sender);
-        const Counted counted;
-        get_message(ends.receiver);
-    });
+    const Cost cost = cost_of_receiving(1);
     EXPECT_EQ(cost.calls, (Calls{"select", "recv"}));
     EXPECT_EQ(cost.allocations, 0U);
     EXPECT_EQ(cost.releases, 0U);
 }
 
 TEST(CountedMessages, AMessageThatIsConsumedWholeIsCopiedOnce) {
-    const Cost cost = cost_of([] {
-        const Ends ends = connect_ends();
-        send_six_lines(ends.sender);
-        const Counted counted;
-        get_message(ends.receiver);
-    });
-    EXPECT_LE(cost.copied, kMessageSize); // into the buffer
+    EXPECT_LE(cost_of_receiving(1).copied, kMessageSize); // into the buffer
 }
 
 TEST(CountedMessages, AMessageInTheBufferTakesNoSystemCall) {
@@ -130,24 +131,11 @@ TEST(CountedMessages, AMessageInTheBufferTakesNoSystemCall) {
 }
 
 TEST(CountedMessages, WhatFollowsAMessageMovesOnce) {
-    const Cost cost = cost_of([] {
-        const Ends ends = connect_ends();
-        send_six_lines(ends.sender);
-        send_six_lines(ends.sender);
-        const Counted counted;
-        get_message(ends.receiver);
-    });
-    EXPECT_LE(cost.copied, 3 * kMessageSize); // both into the buffer, the second to its start
+    EXPECT_LE(cost_of_receiving(2).copied, 3 * kMessageSize); // both into the buffer, the second to its start
 }
 
 TEST(CountedMessages, LinesAreHandedOverWhereTheyStandInTheBuffer) {
-    const Cost cost = cost_of([] {
-        const Ends ends = connect_ends();
-        send_six_lines(ends.sender);
-        const Counted counted;
-        get_message(ends.receiver, require_lines_in_buffer);
-    });
-    EXPECT_EQ(cost.allocations, 0U);
+    EXPECT_EQ(cost_of_receiving(1, require_lines_in_buffer).allocations, 0U);
 }
 
 TEST(CountedMessages, OnlyAMessageOfMoreThan63LinesTakesATable) {
