@@ -21,19 +21,14 @@ namespace {
 // ---- Live blocks ----------------------------------------------------------------------------------------------------
 
 void add_live_blocks() {
-    struct Kind {
-        const char *series;
-        const char *work;
-    };
-    for (const Kind &kind : {Kind{"live blocks, debug heap off", "off"}, Kind{"live blocks, mode 1", "on"},
-                             Kind{"live blocks, mode 2, one check", "check"}}) {
+    for (const HeapWork &heap_work : kHeapWorks) {
         for (const int64_t live : {10, 100, 1000, 10000, 100000, 1000000}) {
-            Work work = heap_row(kind.series, kind.work, live);
+            Work work = heap_row(heap_work.series, heap_work.word, live);
             work.every = 1;
-            work.series = kind.series;
+            work.series = heap_work.series;
             work.x = static_cast<double>(live);
             work.iterations = live == 1000000 ? std::min<int64_t>(work.iterations, 50000) : work.iterations;
-            add_row(work, heap_ways(kind.work, live));
+            add_row(work, heap_ways(heap_work.word, live));
         }
     }
 }

@@ -41,16 +41,10 @@ std::vector<Way> heap_ways(const std::string &work, int64_t live) {
 }
 
 void add_heap_rows() {
-    struct Kind {
-        const char *name;
-        const char *work;
-    };
-    for (const Kind &kind : {Kind{"debug heap off", "off"}, Kind{"debug heap, mode 1", "on"},
-                             Kind{"debug heap, mode 2, one check", "check"}}) {
+    for (const HeapWork &work : kHeapWorks) {
         for (const int64_t live : {1000, 10000, 100000}) {
-            const std::string arguments = std::string(kind.work) + " " + std::to_string(live);
-            add_row(heap_row(kind.name, kind.work, live),
-                    with_peers(arguments, Clock::own, heap_ways(kind.work, live)));
+            const std::string arguments = std::string(work.word) + " " + std::to_string(live);
+            add_row(heap_row(work.row, work.word, live), with_peers(arguments, Clock::own, heap_ways(work.word, live)));
         }
     }
 }
