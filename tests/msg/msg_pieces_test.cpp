@@ -191,6 +191,25 @@ TEST(MsgPiece, APieceThatDoesNotFitBehindTheProgramsOwnTextFailsByItself) {
     EXPECT_EQ(outcome.err.substr(0, 30), "\nWarning: Error during output ");
 }
 
+// The buffer takes 50 more characters. A text that fills it fails with its newline; one that is longer by one fails by
+// itself, while nothing stands on the line; one that is shorter by one fails when it is flushed.
+TEST(MsgPiece, TheLastCharacterThatTheBufferTakesIsNoFailure) {
+    const std::pair<size_t, std::string> reports[] = {{49, "Warning: Error during flush of"},
+                                                      {50, "\nWarning: Error during output "},
+                                                      {51, "Warning: Error during output of"}};
+    for (const auto &[length, report] : reports) {
+        const Outcome outcome = run_messages([length = length] {
+            std::array<char, 200> buffer;
+            FILE *full = fopen("/dev/full", "w");
+            setvbuf(full, buffer.data(), _IOFBF, buffer.size());
+            fputs(std::string(150, 'x').c_str(), full);
+            use_stream(full);
+            msg_print("%s", std::string(length, 't').c_str());
+        });
+        EXPECT_EQ(outcome.err.substr(0, report.size()), report) << length;
+    }
+}
+
 // A program that changes the buffering of a stream in use may leave text in it that goes
 // out with the next piece.
 TEST(MsgPiece, AStreamThatFailsOnWhatWasGatheredIsDropped) {
