@@ -15,6 +15,7 @@ void add_file_rows();
 void add_removal_rows();
 void add_start_rows();
 void add_hook_rows();
+void add_word_rows();
 
 } // namespace bench
 

@@ -91,6 +91,7 @@ void add_rows() {
     bench::add_removal_rows();
     bench::add_start_rows();
     bench::add_hook_rows();
+    bench::add_word_rows();
 }
 
 } // namespace
