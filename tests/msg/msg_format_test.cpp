@@ -154,12 +154,15 @@ TEST(MsgFormatSize, AMessageThatTenThousandBytesHoldAsksForNone) {
                    _msg_get_stream_desc(MSG_ERROR);
                    const std::string text(length, 'x');
                    fputs(sizes_asked_for([&text] { msg_error("%s", text.c_str()); }).c_str(), stdout);
+                   putchar('|');
+                   fputs(sizes_asked_for([&text] { msg_error("%s.", text.c_str()); }).c_str(), stdout);
                })
             .out;
     };
-    EXPECT_EQ(sizes(0), "");
-    EXPECT_EQ(sizes(9998), "");
-    EXPECT_EQ(sizes(9999), "20000 ");
-    EXPECT_EQ(sizes(20000), "20002 ");
+    EXPECT_EQ(sizes(0), "|");
+    EXPECT_EQ(sizes(9997), "|");
+    EXPECT_EQ(sizes(9998), "|20000 ");
+    EXPECT_EQ(sizes(9999), "20000 |10002 ");
+    EXPECT_EQ(sizes(20000), "20002 |20003 ");
 }
 #endif
