@@ -10,7 +10,7 @@
 #include <array>
 #include <string_view>
 
-// Hidden: code for 32-bit x86 reaches the variables of other files without a table then.
+// Hidden: the variable is reached by its place, and its address is not read from a table.
 #pragma GCC visibility push(hidden)
 
 namespace zel::msg {

@@ -12,12 +12,23 @@ import repo
 
 DECISIONS = repo.Path("docs/decisions.md")
 DEFINITION = re.compile(r"\bTEST(?:_[FP])?\(\s*(\w+),\s*(\w+)\s*\)")
-NAME = re.compile(r"\b([A-Z]\w+\.[A-Z]\w+)\b")
-REFERENCE = re.compile(r"\b[Tt]ests?:?\*?\s+((?:(?:and|[\s,`])*[A-Z]\w+\.[A-Z]\w+`?)+)")
+CHECK = re.compile(r"^class (\w+)\(unittest\.TestCase\)|^    def (test_\w+)\(", re.MULTILINE)
+NAME = re.compile(r"\b([A-Z]\w+\.(?:[A-Z]|test_)\w+)\b")
+REFERENCE = re.compile(r"\b[Tt]ests?:?\*?\s+((?:(?:and|[\s,`])*[A-Z]\w+\.(?:[A-Z]|test_)\w+`?)+)")
 
 
 def defined_tests(texts):
     return {".".join(match.groups()) for text in texts for match in DEFINITION.finditer(text)}
+
+
+def defined_checks(text):
+    """The tests of a check on the repository, named like the others: Class.test_name."""
+    names, owner = set(), ""
+    for match in CHECK.finditer(text):
+        owner = match.group(1) or owner
+        if match.group(2):
+            names.add(f"{owner}.{match.group(2)}")
+    return names
 
 
 def comments_in_one_line(code):
@@ -91,7 +102,8 @@ class NamedTests(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         sources = [repo.read(path) for path in repo.files(".cpp", ".c") if path.parts[0] == "tests"]
-        cls.tests = defined_tests(sources)
+        checks = [repo.read(path) for path in repo.files(".py") if path.match("tests/repo/*_test.py")]
+        cls.tests = defined_tests(sources).union(*map(defined_checks, checks))
 
     def test_each_deliberate_oddity_names_a_test_that_is_there(self):
         library = [path for path in repo.code_files() if path.parts[0] in ("msg", "malloc", "components")]
@@ -133,6 +145,12 @@ class NamedTests(unittest.TestCase):
         texts = decisions("# D\n\n### One? x\n- *Test:* `Aa.IsThere`\n\n### Two? no\n\n## H\n\n"
                           "### Three? - *Tests:* `Aa.IsThere`,\n  `Bb.IsNot`\n")
         self.assertEqual([text[:3] for text in missing(texts, tests)], ["Two", "Thr"])
+
+    def test_a_check_is_a_test_that_can_be_named(self):
+        tests = defined_checks("class Aa(unittest.TestCase):\n    def test_one(self):\n        pass\n\n    def two(self):\n")
+        self.assertEqual(tests, {"Aa.test_one"})
+        texts = decisions("### One? - *Tests:* `Aa.test_one`\n\n### Two? - *Tests:* `Aa.test_one`,\n  `Aa.test_two`\n")
+        self.assertEqual([text[:3] for text in missing(texts, tests)], ["Two"])
 
     def test_an_incomplete_decision_is_caught(self):
         whole = ["Why so?", "- *Choice:* so.", "- *Why:* thus.", "- *Test:* `A.B`"]
