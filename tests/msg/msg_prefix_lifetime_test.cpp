@@ -28,7 +28,7 @@ struct WatchedTexts {
         for (size_t index = 0; index < count; ++index) {
             if (texts[index] != nullptr && texts[index] == pointer) {
                 events += std::string("[") + texts[index] + "]";
-                memset(pointer, '?', strlen(texts[index]));
+                memset(pointer, '?', strlen(texts[index]) + 1);
                 texts[index] = nullptr;
             }
         }
@@ -102,18 +102,22 @@ TEST_P(MsgPrefixInUse, ATextThatNobodyReadsIsReleasedAtOnce) {
 INSTANTIATE_TEST_SUITE_P(, MsgPrefixInUse, testing::ValuesIn(kPrefixesInUse),
                          [](const testing::TestParamInfo<PrefixInUse> &prefix) { return prefix.param.name; });
 
+// The last address is that of the NUL. It is written after the prefix has been replaced.
 TEST(MsgPrefixLifetime, ACallersPointerIntoAPrefixKeepsIt) {
-    for (const size_t offset : {0U, 2U, 5U}) {
-        const Outcome outcome = run_messages([offset] {
+    // So long that malloc keeps no notes of its own where the text ended.
+    const std::string old = "the prefix before it is replaced: ";
+    for (const size_t offset : {size_t{0}, size_t{2}, old.size()}) {
+        const Outcome outcome = run_messages([&old, offset] {
             WatchedTexts watched;
-            msg_set_warn_prefix("old: ");
+            msg_set_mp_prefix("[1] ");
+            msg_set_warn_prefix(old.c_str());
             watched.watch(msg_get_warn_prefix());
             on_first_piece(MSG_INFO, [] { msg_set_warn_prefix("new: "); });
             msg_print_with_prefix(msg_get_warn_prefix() + offset, "x");
             fputs(watched.events.c_str(), stderr);
         });
-        EXPECT_EQ(outcome.out, std::string("old: ").substr(offset) + "x\n");
-        EXPECT_EQ(outcome.err, "[old: ]");
+        EXPECT_EQ(outcome.out, "[1] " + old.substr(offset) + "x\n");
+        EXPECT_EQ(outcome.err, "[" + old + "]");
     }
 }
 
