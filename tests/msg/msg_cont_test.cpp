@@ -145,6 +145,30 @@ TEST(MsgCont, ALeadTextOfAnyLengthIsKept) {
     }
 }
 
+TEST(MsgCont, ALongLeadTextIsReleasedWhenAnotherMessageIsTheLast) {
+    const Outcome outcome = run_messages([] {
+        const std::string prefix(1000, 'P');
+        int held = 0;
+        msg_print_wrap("open");
+        {
+            const Interposed takes(hook::malloc, [&held](size_t size) {
+                ++held;
+                return hook::malloc.real(size);
+            });
+            const Interposed gives(hook::free, [&held](void *pointer) {
+                held -= pointer == nullptr ? 0 : 1;
+                hook::free.real(pointer);
+            });
+            output(MSG_INFO, MSG_FMT_WRAP, 0, 1, prefix.c_str(), "on");
+            output(MSG_INFO, MSG_FMT_WRAP, 0, 1, prefix.c_str(), "on");
+            MSG_CONT("on");
+            MSG_CONT("on");
+        }
+        fprintf(stderr, "%d", held);
+    });
+    EXPECT_EQ(outcome.err, "1");
+}
+
 TEST(MsgCont, ALongLeadTextOutlivesAContinuationThatIsNotWritten) {
     const std::string prefix(60, 'P');
     const Outcome outcome = run_messages([&prefix] {
