@@ -218,6 +218,20 @@ TEST(DebugHeapMode, ASwitchBackKnowsWhatCameAndWentMeanwhile) {
     EXPECT_EQ(outcome.status, 1);
 }
 
+TEST(DebugHeapMode, ASwitchBackForgetsWhatWasReleasedMeanwhile) {
+    const Outcome outcome = run_heap(2, [] {
+        void *goes = zel_malloc(4, "goes", "g");
+        zel_enable_malloc_debug(1);
+        zel_free(goes);
+        zel_enable_malloc_debug(2);
+        zel_malloc_debug_report(0);
+        zel_malloc(1, "late", nullptr);
+    });
+    EXPECT_EQ(outcome.out, "zel_malloc_debug_report: No storage was allocated\n");
+    EXPECT_EQ(outcome.err, "");
+    EXPECT_EQ(outcome.status, 0);
+}
+
 TEST(DebugHeapMode, ASwitchAsksTheSystemForNothing) {
     const Outcome outcome = run_heap(1, [] {
         for (int count = 0; count < 3000; ++count) {

@@ -208,17 +208,32 @@ TEST(DebugHeapVerify, ABlockThatTheSystemMisplacedIsAFinding) {
                            "Error: zel_malloc: The heap was corrupted. (Currently inside of G)\n");
 }
 
+// The trailer would stand in front of the heap, wrap around, or begin at the heap's end.
 TEST(DebugHeapVerify, ALengthThatWasOverwrittenIsAFinding) {
-    for (const size_t trailer : {size_t{0x1000}, size_t{0} - 8, size_t{0}}) {
-        const Outcome outcome = run_heap(kVerify, [trailer] {
+    const auto heap_end = reinterpret_cast<uintptr_t>(sbrk(0));
+    for (const size_t trailer : {size_t{0x1000}, size_t{0} - 8, size_t{0}, size_t{heap_end}}) {
+        const Outcome outcome = run_heap(kVerify, [trailer, heap_end] {
             const void *pointer = named('P', zel_malloc(4, "F", "p"));
-            zel::memory::debug_heap.records[0].length = trailer - reinterpret_cast<uintptr_t>(pointer);
+            const size_t end = trailer == heap_end ? reinterpret_cast<uintptr_t>(sbrk(0)) : trailer;
+            zel::memory::debug_heap.records[0].length = end - reinterpret_cast<uintptr_t>(pointer);
             zel_malloc(1, "G", nullptr);
         });
         EXPECT_EQ(outcome.err.find("Warning: The pointer <P> referenced data that was corrupted at the end.  "), 0U)
             << outcome.err;
         EXPECT_EQ(outcome.status, 1) << "signal " << outcome.signal;
     }
+}
+
+TEST(DebugHeapVerify, APointerThatWasOverwrittenIsAFinding) {
+    const Outcome outcome = run_heap(kVerify, [] {
+        zel_malloc(4, "F", "p");
+        void *start = reinterpret_cast<void *>(zel::memory::debug_heap.heap_start); // no header fits in front of it
+        zel::memory::debug_heap.records[0].pointer = named('P', start);
+        zel_malloc(1, "G", nullptr);
+    });
+    EXPECT_EQ(outcome.err.find("Warning: The pointer <P> referenced data that was corrupted at the beginning.  "), 0U)
+        << outcome.err;
+    EXPECT_EQ(outcome.status, 1) << "signal " << outcome.signal;
 }
 
 TEST(DebugHeapVerify, WorkOnASoundHeapDoesNotDisturbTheErrorNumber) {
