@@ -46,7 +46,7 @@ std::string some_line(std::mt19937 &dice) {
 }
 
 std::string make_text() {
-    const std::string path = scratch() + "/text";
+    std::string path = scratch() + "/text";
     std::ofstream file(path, std::ios::binary);
     std::mt19937 dice(1);
     for (size_t size = 0; size < kTextSize && file;) {
@@ -82,7 +82,7 @@ std::string count_by_wc(const std::string &path) {
 // The text, of which both say the same.
 const std::string &text() {
     static const std::string path = [] {
-        const std::string made = make_text();
+        std::string made = make_text();
         const long long words = words_by(count_by_wc(made));
         if (words <= 0 || words_by(count_by_library(made) + " | sed -n 's/^    words //p'") != words) {
             std::fprintf(stderr, "zel_bench: word_count and wc do not count the same words\n");
