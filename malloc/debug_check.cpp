@@ -15,8 +15,9 @@ namespace zel::memory {
 namespace {
 
 // Whether the block of a record in use is sound at first sight: aligned, all of it within
-// reach, both guards intact, and its header names that very record. The trailer does not
-// lie in front of the pointer, so that each needs one bound alone.
+// reach, both guards intact, and its header names that very record. The pointer is not
+// behind the trailer: the one is held against the start of the heap, the other against
+// its end.
 inline bool is_plainly_sound(const Record &record, uint32_t index, Reach reach) {
     const auto address = reinterpret_cast<uintptr_t>(record.pointer);
     const uintptr_t trailer = (address + record.length + (kWordSize - 1)) & ~(kWordSize - 1);

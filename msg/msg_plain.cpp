@@ -12,7 +12,7 @@ namespace {
 
 struct Output {
     char *next;
-    char *end; // of the text at the latest
+    char *end; // the text ends here at the latest
 };
 
 bool put_part(Output &out, std::string_view part) {
