@@ -35,8 +35,8 @@
  *
  *   - A format that begins with a single "$" ends the process with an error. "$$" at
  *     the start of a format stands for one "$".
- *   - %s, %d and %u have the C library's own meaning, even when the program gave them
- *     another by register_printf_specifier.
+ *   - In most messages %s, %d and %u have the C library's own meaning, even when the
+ *     program gave them another by register_printf_specifier. Do not rely on either.
  *   - A stream on which a write or a flush fails is dropped from the type for good. A
  *     warning reports it. The message goes on to the other streams.
  *   - A write that a signal interrupts has failed. Install handlers with SA_RESTART,

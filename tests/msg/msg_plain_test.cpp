@@ -5,6 +5,7 @@
 
 #include <climits>
 #include <cstring>
+#include <printf.h>
 #include <random>
 #include <vector>
 
@@ -117,4 +118,28 @@ TEST(MsgPlain, APercentSignAtTheEndLosesTheMessage) {
 
 TEST(MsgPlain, AnUnfinishedAttemptLeavesTheArgumentsAtTheFirst) {
     EXPECT_EQ(written([] { msg_print("%s %d %u %5.1f %s", "one", 2, 3U, 4.0, "five"); }), "one 2 3   4.0 five\n");
+}
+
+namespace {
+
+// A meaning of the program's own for a number.
+int print_own(FILE *stream, const printf_info * /*info*/, const void *const * /*arguments*/) {
+    return fprintf(stream, "own");
+}
+
+int take_unsigned(const printf_info * /*info*/, size_t /*count*/, int *types, int *size) {
+    *types = PA_INT;
+    *size = sizeof(unsigned);
+    return 1;
+}
+
+} // namespace
+
+TEST(MsgPlain, AMeaningOfTheProgramsOwnIsPassedOverInPlainFormatsAlone) {
+    EXPECT_EQ(written([] {
+                  register_printf_specifier('u', print_own, take_unsigned);
+                  msg_print("%u", 3U);
+                  msg_print("%u %c", 3U, 'c');
+              }),
+              "3\nown c\n");
 }
