@@ -2,9 +2,10 @@
 // Copying one file.
 #include <components/platform/file_control.h>
 
-#include <msg/base/errno_kept.h>
+#include <components/platform/base/open_file.h>
 
 #include <array>
+#include <cerrno>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -13,20 +14,6 @@ namespace {
 
 constexpr mode_t kCreationMode = 0666;
 using Chunk = std::array<char, 8192>;
-
-// A descriptor that is closed where its scope ends.
-struct OpenFile {
-    explicit OpenFile(int number) : fd(number) {}
-    OpenFile(const OpenFile &) = delete;
-    OpenFile &operator=(const OpenFile &) = delete;
-    ~OpenFile() {
-        const zel::ErrnoKept kept;
-        if (fd != -1) {
-            close(fd);
-        }
-    }
-    const int fd;
-};
 
 bool is_same_file(const struct stat &source, const struct stat &target) {
     return S_ISREG(source.st_mode) && source.st_dev == target.st_dev && source.st_ino == target.st_ino;
@@ -70,11 +57,11 @@ int platform_copy_file(const char *from, const char *to) {
     if (from == nullptr || to == nullptr) {
         return 0;
     }
-    const OpenFile source(open(from, O_RDONLY | O_CLOEXEC));
+    const zel::OpenFile source(open(from, O_RDONLY | O_CLOEXEC));
     if (source.fd == -1) {
         return 0;
     }
-    const OpenFile target(open(to, O_WRONLY | O_CREAT | O_CLOEXEC, kCreationMode));
+    const zel::OpenFile target(open(to, O_WRONLY | O_CREAT | O_CLOEXEC, kCreationMode));
     if (target.fd == -1 || !make_ready(source.fd, target.fd)) {
         return 0;
     }
