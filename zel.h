@@ -9,6 +9,7 @@
  *   malloc/heap_report.h                       leaks, owners, failures on demand
  *   components/platform/environment.h          variables, reports of failed system calls,
  *                                              the diagnostics file
+ *   components/platform/process_identity.h     a process that is known again
  *   components/platform/process_info.h         process numbers, existence, memory use
  *   components/platform/socket.h               sockets and the framed message loop
  *   components/platform/zel_pair_connection.h  a parent and its companion
@@ -44,6 +45,7 @@
 #include <components/platform/debug_hooks.h>
 #include <components/platform/environment.h>
 #include <components/platform/file_control.h>
+#include <components/platform/process_identity.h>
 #include <components/platform/process_info.h>
 #include <components/platform/socket.h>
 #include <components/platform/zel_pair_connection.h>

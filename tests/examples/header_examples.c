@@ -73,6 +73,16 @@ void example_of_file_control(void (*read_settings)(const char *path), void (*in_
     }
 }
 
+void example_of_process_identity(int32_t pid, void (*work)(void)) {
+    PlatformProcess server;
+    if (platform_process_identify(pid, &server)) {
+        work();
+        if (!platform_process_is_same(&server)) {
+            msg_warn("the server %s has gone", server.name);
+        }
+    }
+}
+
 void example_of_process_info(void) {
     uint64_t virtual_kb;
     uint64_t resident_kb;

@@ -118,6 +118,24 @@ TEST(HeaderExampleOfFileControl, ReadsAgainWhatHasChanged) {
     EXPECT_EQ(same.out, "read settings\n");
 }
 
+TEST(HeaderExampleOfProcessIdentity, WarnsOfAServerThatHasGone) {
+    static pid_t server; // the work of the example takes no argument
+    const Outcome outcome = run_in_child([] {
+        server = fork();
+        if (server == 0) {
+            for (;;) {
+                pause();
+            }
+        }
+        example_of_process_identity(server, [] {});
+        example_of_process_identity(server, [] {
+            kill(server, SIGKILL);
+            waitpid(server, nullptr, 0);
+        });
+    });
+    EXPECT_EQ(outcome.err, "Warning: the server header_examples has gone\n");
+}
+
 TEST(HeaderExampleOfProcessInfo, PrintsANumber) {
     const Outcome outcome = run_in_child(example_of_process_info);
     EXPECT_TRUE(outcome.out.ends_with(" KiB in use\n")) << outcome.out;

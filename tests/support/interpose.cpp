@@ -52,6 +52,7 @@ HOOK(int, ftruncate, "ftruncate64", (int fd, off_t length), (fd, length))
 HOOK(int, getaddrinfo, "getaddrinfo", (const char *host, const char *service, const addrinfo *hints, addrinfo **list),
      (host, service, hints, list))
 HOOK(unsigned long, getauxval, "getauxval", (unsigned long type), (type))
+HOOK(ssize_t, getdents64, "getdents64", (int fd, void *buffer, size_t size), (fd, buffer, size))
 HOOK(char *, getlogin, "getlogin", (), ())
 HOOK(passwd *, getpwuid, "getpwuid", (uid_t user), (user))
 HOOK(int, glob, TIME64("glob64", "__glob64_time64"),

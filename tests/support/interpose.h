@@ -106,6 +106,7 @@ extern Hook<int(int)> fsync;
 extern Hook<int(int, off_t)> ftruncate;
 extern Hook<int(const char *, const char *, const addrinfo *, addrinfo **)> getaddrinfo;
 extern Hook<unsigned long(unsigned long)> getauxval;
+extern Hook<ssize_t(int, void *, size_t)> getdents64;
 extern Hook<char *()> getlogin;
 extern Hook<passwd *(uid_t)> getpwuid;
 extern Hook<int(const char *, int, int (*)(const char *, int), glob_t *)> glob;
