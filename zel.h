@@ -15,6 +15,7 @@
  *   components/platform/zel_pair_connection.h  a parent and its companion
  *   components/platform/debug_hooks.h          pausing or re-launching a process
  *   components/platform/file_control.h         patterns, trees, paths, stamps
+ *   components/platform/file_services.h        checked copies, replaced contents, unique files
  *   msg/diag_log.h                             the diagnostic log file
  *
  * Conventions that hold everywhere, unless a declaration says otherwise:
@@ -45,6 +46,7 @@
 #include <components/platform/debug_hooks.h>
 #include <components/platform/environment.h>
 #include <components/platform/file_control.h>
+#include <components/platform/file_services.h>
 #include <components/platform/process_identity.h>
 #include <components/platform/process_info.h>
 #include <components/platform/socket.h>

@@ -44,6 +44,12 @@ inline constexpr int32_t kLineTableSize = kSmall ? 1 : 64;
 // is framed in storage of its own.
 inline constexpr size_t kFramingSize = kSmall ? 8 : 8192;
 
+// Bytes that the kernel copies from file to file in one call.
+inline constexpr size_t kCopyPart = kSmall ? 4096 : size_t{8} << 20;
+
+// Bytes of a file that are copied through the process at a time.
+inline constexpr size_t kCopyBufferSize = kSmall ? 512 : 65536;
+
 // Directories that the removal of a tree holds open at a time: the innermost ones. It
 // opens an outer one again on its way back.
 inline constexpr size_t kHeldLevels = kSmall ? 2 : 32;

@@ -73,6 +73,12 @@ void example_of_file_control(void (*read_settings)(const char *path), void (*in_
     }
 }
 
+void example_of_file_services(const char *text) {
+    if (!platform_replace_file("settings", text, strlen(text), 0600)) {
+        platform_perror("settings"); // the old settings stand as they were
+    }
+}
+
 void example_of_process_identity(int32_t pid, void (*work)(void)) {
     PlatformProcess server;
     if (platform_process_identify(pid, &server)) {

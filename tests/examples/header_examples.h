@@ -19,6 +19,7 @@ void example_of_heap_report(void (*handle_request)(void));
 void example_of_failures(void (*load)(const char *path), const char *path);
 int example_of_environment(const char *path);
 void example_of_file_control(void (*read_settings)(const char *path), void (*in_between)(void));
+void example_of_file_services(const char *text);
 void example_of_process_identity(int32_t pid, void (*work)(void));
 void example_of_process_info(void);
 void example_of_socket(int socket);

@@ -118,6 +118,19 @@ TEST(HeaderExampleOfFileControl, ReadsAgainWhatHasChanged) {
     EXPECT_EQ(same.out, "read settings\n");
 }
 
+TEST(HeaderExampleOfFileServices, ReplacesTheSettingsOrReportsWhyNot) {
+    const ScratchFolder folder;
+    const Outcome outcome = run_in_child([&folder] {
+        setenv("ZEL_PERROR", "1", 1);
+        EXPECT_EQ(chdir(folder.path.c_str()), 0);
+        example_of_file_services("new settings");
+        EXPECT_EQ(chdir("/proc"), 0); // where no file can be made
+        example_of_file_services("new settings");
+    });
+    EXPECT_EQ(read_file(folder.path + "/settings"), "new settings");
+    EXPECT_TRUE(outcome.out.starts_with("settings: ")) << outcome.out;
+}
+
 TEST(HeaderExampleOfProcessIdentity, WarnsOfAServerThatHasGone) {
     static pid_t server; // the work of the example takes no argument
     const Outcome outcome = run_in_child([] {

@@ -14,7 +14,7 @@ LAYERS = (
     r"components/platform/(base/\w+|environment(/\w+)?)",
     r"components/platform/(process_identity|process_info|socket(/\w+)?)",
     r"components/platform/(zel_pair_connection|pair/\w+)",
-    r"components/platform/(debug_hooks|file_control)(/\w+)?",
+    r"components/platform/(debug_hooks|file_control|file_services)(/\w+)?",
 )
 
 # The folders whose headers others may include as well: what several units use.

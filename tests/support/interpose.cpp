@@ -32,8 +32,12 @@ HOOK(int, bind, "bind", (int fd, const sockaddr *address, socklen_t length), (fd
 HOOK(int, clock_gettime, TIME64("clock_gettime", "__clock_gettime64"), (clockid_t clock, timespec *time), (clock, time))
 HOOK(int, close, "close", (int fd), (fd))
 HOOK(int, connect, "connect", (int fd, const sockaddr *address, socklen_t length), (fd, address, length))
+HOOK(ssize_t, copy_file_range, "copy_file_range",
+     (int from, off_t *from_offset, int to, off_t *to_offset, size_t length, unsigned flags),
+     (from, from_offset, to, to_offset, length, flags))
 HOOK(int, dup2, "dup2", (int from, int to), (from, to))
 HOOK(int, execvp, "execvp", (const char *file, char *const *argv), (file, argv))
+HOOK(int, fchmod, "fchmod", (int fd, mode_t mode), (fd, mode))
 // The third argument of fcntl is passed on whether there is one or not.
 HOOK(int, fcntl, TIME64("fcntl64", "__fcntl_time64"), (int fd, int command, long argument), (fd, command, argument))
 HOOK(FILE *, fdopen, "fdopen", (int fd, const char *mode), (fd, mode))
@@ -55,13 +59,18 @@ HOOK(unsigned long, getauxval, "getauxval", (unsigned long type), (type))
 HOOK(ssize_t, getdents64, "getdents64", (int fd, void *buffer, size_t size), (fd, buffer, size))
 HOOK(char *, getlogin, "getlogin", (), ())
 HOOK(passwd *, getpwuid, "getpwuid", (uid_t user), (user))
+HOOK(ssize_t, getrandom, "getrandom", (void *buffer, size_t size, unsigned flags), (buffer, size, flags))
 HOOK(int, glob, TIME64("glob64", "__glob64_time64"),
      (const char *pattern, int flags, int (*on_error)(const char *, int), glob_t *record),
      (pattern, flags, on_error, record))
+// The third argument of ioctl is passed on whether there is one or not.
+HOOK(int, ioctl, TIME64("ioctl", "__ioctl_time64"), (int fd, unsigned long request, void *argument),
+     (fd, request, argument))
 HOOK(int, kill, "kill", (pid_t pid, int signal), (pid, signal))
 HOOK(int, listen, "listen", (int fd, int backlog), (fd, backlog))
 HOOK(tm *, localtime_r, TIME64("localtime_r", "__localtime64_r"), (const time_t *now, tm *local), (now, local))
 HOOK(void *, malloc, "malloc", (size_t size), (size))
+HOOK(int, mkdir, "mkdir", (const char *path, mode_t mode), (path, mode))
 // The third argument of open is passed on whether there is one or not.
 HOOK(int, open, "open64", (const char *path, int flags, mode_t mode), (path, flags, mode))
 // The mode of openat is passed on whether there is one or not.
@@ -71,12 +80,16 @@ HOOK(int, ppoll, TIME64("ppoll", "__ppoll64"),
      (entries, count, timeout, blocked))
 HOOK(void *, realloc, "realloc", (void *pointer, size_t size), (pointer, size))
 HOOK(ssize_t, read, "read", (int fd, void *buffer, size_t size), (fd, buffer, size))
+HOOK(ssize_t, readlinkat, "readlinkat", (int fd, const char *path, char *text, size_t size), (fd, path, text, size))
 HOOK(ssize_t, recv, "recv", (int fd, void *buffer, size_t length, int flags), (fd, buffer, length, flags))
 HOOK(int, remove, "remove", (const char *path), (path))
+HOOK(int, renameat, "renameat", (int from_folder, const char *from, int to_folder, const char *to),
+     (from_folder, from, to_folder, to))
 HOOK(int, select, TIME64("select", "__select64"),
      (int count, fd_set *readable, fd_set *writable, fd_set *exceptional, timeval *timeout),
      (count, readable, writable, exceptional, timeout))
 HOOK(ssize_t, send, "send", (int fd, const void *buffer, size_t length, int flags), (fd, buffer, length, flags))
+HOOK(ssize_t, sendfile, "sendfile64", (int to, int from, off_t *offset, size_t length), (to, from, offset, length))
 HOOK(int, setsockopt, TIME64("setsockopt", "__setsockopt64"),
      (int fd, int level, int name, const void *value, socklen_t length), (fd, level, name, value, length))
 HOOK(int, shutdown, "shutdown", (int fd, int how), (fd, how))
@@ -85,6 +98,7 @@ HOOK(int, sigaction, "sigaction", (int signal, const struct sigaction *action, s
 HOOK(unsigned, sleep, "sleep", (unsigned seconds), (seconds))
 HOOK(int, socket, "socket", (int family, int type, int protocol), (family, type, protocol))
 HOOK(int, socketpair, "socketpair", (int family, int type, int protocol, int *fds), (family, type, protocol, fds))
+HOOK(int, stat, TIME64("stat64", "__stat64_time64"), (const char *path, struct stat *status), (path, status))
 HOOK(int, statvfs, "statvfs64", (const char *path, struct statvfs *status), (path, status))
 HOOK(long, sysconf, "sysconf", (int name), (name))
 HOOK(time_t, time, TIME64("time", "__time64"), (time_t * now), (now))

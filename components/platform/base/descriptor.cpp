@@ -113,6 +113,15 @@ int above_standard(int fd) {
     return moved;
 }
 
+int take_above_standard(int fd) {
+    if (fd == -1 || fd > STDERR_FILENO) {
+        return fd;
+    }
+    const int moved = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    close_keeping_errno(fd);
+    return moved;
+}
+
 Readiness wait_readable(int fd, long seconds, long microseconds) {
     if (fd < 0) {
         errno = EBADF;

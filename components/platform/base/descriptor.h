@@ -24,6 +24,11 @@ int dup_above_standard(int fd);
 // number. On failure -1 with errno, and the descriptor stays where it was.
 int above_standard(int fd);
 
+// Takes over a descriptor that is close-on-exec, or the -1 of an open that failed.
+// Returns it above the standard ones and close-on-exec. On failure it is closed, and the
+// result is -1 with errno.
+int take_above_standard(int fd);
+
 enum class Readiness { ready, timeout, failed };
 
 // Waits until the descriptor can be read, at most that long. A failure sets errno. An
