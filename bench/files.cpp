@@ -1,11 +1,12 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
-// Copying a file, taking its stamp and expanding a pattern, beside the system calls by hand.
+// Copying a file, checked or not, taking its stamp and expanding a pattern, beside the system calls by hand.
 #include "files_by_hand.h"
 #include "outside.h"
 #include "rows.h"
 #include "table.h"
 
 #include <components/platform/file_control.h>
+#include <components/platform/file_services.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -22,11 +23,13 @@ namespace bench {
 namespace {
 
 constexpr size_t kSourceSize = 1 << 20;
+constexpr int kSourcesInLarge = 64;
 constexpr int kNames = 1000;
 constexpr const char *kPattern = "file-*5.txt";
 
 // What both sides work on.
 std::string source;
+std::string large;
 std::string copy;
 std::string folder;
 
@@ -46,6 +49,7 @@ void write_file(const std::string &path, const std::string &text) {
 
 void make_files() {
     source = scratch() + "/source";
+    large = scratch() + "/large";
     copy = scratch() + "/copy";
     folder = scratch() + "/names";
     std::string text(kSourceSize, 'x');
@@ -53,13 +57,18 @@ void make_files() {
         text[i] = static_cast<char>('a' + i * 7919 % 26);
     }
     write_file(source, text);
+    std::ofstream file(large, std::ios::binary);
+    for (int i = 0; i < kSourcesInLarge; ++i) {
+        file << text;
+    }
+    file.close();
     std::filesystem::create_directory(folder);
     for (int i = 0; i < kNames; ++i) {
         write_file(folder + "/file-" + std::to_string(i) + ".txt", "");
     }
 }
 
-// ---- The three works, each in both ways -----------------------------------------------------------------------------
+// ---- The works, each in its ways ------------------------------------------------------------------------------------
 
 bool zel_copy() {
     return platform_copy_file(source.c_str(), copy.c_str()) != 0;
@@ -67,6 +76,22 @@ bool zel_copy() {
 
 bool bare_copy() {
     return copy_by_hand(source.c_str(), copy.c_str()) != 0;
+}
+
+bool checked_copy() {
+    return platform_copy_checked(source.c_str(), copy.c_str(), nullptr, nullptr) != 0;
+}
+
+bool checked_large_copy() {
+    return platform_copy_checked(large.c_str(), copy.c_str(), nullptr, nullptr) != 0;
+}
+
+bool unchecked_large_copy() {
+    return platform_copy_file(large.c_str(), copy.c_str()) != 0;
+}
+
+bool bare_large_copy() {
+    return copy_by_hand(large.c_str(), copy.c_str()) != 0;
 }
 
 bool zel_stamp() {
@@ -109,9 +134,33 @@ void require(bool same, const char *what) {
     }
 }
 
-bool copies_are_whole(bool (*make)()) {
+bool copies_are_whole(bool (*make)(), const std::string &from = source) {
     std::filesystem::remove(copy);
-    return make() && contents(copy) == contents(source);
+    return make() && contents(copy) == contents(from);
+}
+
+Way way(const char *name, bool (*action)()) {
+    return {name, [action](benchmark::State &state) {
+                while (state.KeepRunning()) {
+                    if (!action()) {
+                        state.SkipWithError("failed");
+                    }
+                }
+            }};
+}
+
+void add_checked_copy_rows() {
+    require(copies_are_whole(checked_copy), "the checked copy");
+    require(copies_are_whole(checked_large_copy, large), "the checked copy of a large file");
+    const std::string files = " '" + large + "' '" + copy + "'";
+    add_row({.name = "checked copy of a file of 1 MiB", .clock = Clock::own, .iterations = 40},
+            with_peers("cp '" + source + "' '" + copy + "'", Clock::own,
+                       {way("zel", checked_copy), way("platform_copy_file", zel_copy), way("floor", bare_copy)}));
+    add_row({.name = "checked copy of a file of 64 MiB", .clock = Clock::own, .iterations = 2, .every = 4},
+            with_peers("cp" + files, Clock::own,
+                       with_peers("copy" + files, Clock::own,
+                                  {way("zel", checked_large_copy), way("platform_copy_file", unchecked_large_copy),
+                                   way("floor", bare_large_copy)})));
 }
 
 bool stamps_are_equal() {
@@ -134,16 +183,6 @@ bool lists_are_equal() {
     return equal;
 }
 
-Way way(const char *name, bool (*action)()) {
-    return {name, [action](benchmark::State &state) {
-                while (state.KeepRunning()) {
-                    if (!action()) {
-                        state.SkipWithError("failed");
-                    }
-                }
-            }};
-}
-
 } // namespace
 
 void add_file_rows() {
@@ -154,6 +193,7 @@ void add_file_rows() {
     add_row({.name = "copy of a file of 1 MiB", .clock = Clock::own, .iterations = 40},
             with_peers("copy '" + source + "' '" + copy + "'", Clock::own,
                        {way("zel", zel_copy), way("floor", bare_copy)}));
+    add_checked_copy_rows();
     add_row({.name = "stamp of a file", .clock = Clock::own, .iterations = 20000},
             with_peers("stamp '" + source + "'", Clock::own, {way("zel", zel_stamp), way("floor", bare_stamp)}));
     add_row({.name = "pattern over 1000 names", .clock = Clock::own, .iterations = 30},

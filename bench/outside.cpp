@@ -32,6 +32,7 @@ constexpr Peer kPeers[] = {
     {"fold -s", "zel_peer_coreutils", "", " fold "},
     {"fmt", "zel_peer_coreutils", "", " fmt "},
     {"rm -rf", "zel_peer_coreutils", "", " rm "},
+    {"cp", "zel_peer_coreutils", "", " cp "},
     {"nftw", "zel_peer_nftw", "", " nftw "},
     {"talloc", "zel_peer_talloc", "", " off "},
     {"mcheck", "zel_peer_mcheck", "LD_PRELOAD=libc_malloc_debug.so.0 ", " on check "},

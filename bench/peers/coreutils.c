@@ -1,5 +1,5 @@
 /* Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
- * The system's tools: wrapping a file of texts, and removing a folder of files. */
+ * The system's tools: wrapping a file of texts, removing a folder of files, and copying a file. */
 #include "files_by_hand.h"
 #include "peers/peer.h"
 #include "sample.h"
@@ -56,4 +56,13 @@ static void rm(long iterations, char **arguments) {
     sample_end(iterations);
 }
 
-const struct peer_work peer_works[] = {{"fold", fold}, {"fmt", fmt}, {"rm", rm}, {NULL, NULL}};
+static void cp(long iterations, char **arguments) {
+    const char *const argv[] = {"cp", "--", arguments[0], arguments[1], NULL};
+    sample_begin();
+    for (long i = 0; i < iterations; ++i) {
+        run_tool(argv, NULL);
+    }
+    sample_end(iterations);
+}
+
+const struct peer_work peer_works[] = {{"fold", fold}, {"fmt", fmt}, {"rm", rm}, {"cp", cp}, {NULL, NULL}};
