@@ -47,7 +47,8 @@ bool put_in_place(const Standards &sources, size_t place) {
         clear_own_close_on_exec(target); // a socket made here may stand on a standard descriptor
         return true;
     }
-    if (dup2(sources[place], target) == -1) {
+    // A source that could not be lifted is -1, and errno tells why.
+    if (sources[place] == -1 || dup2(sources[place], target) == -1) {
         return false;
     }
     close_after_last_use(sources, place);
@@ -79,8 +80,20 @@ void take_pending(const sigset_t &signals) {
     }
 }
 
-// Flushes the output streams. SIGPIPE is blocked meanwhile, and one that the flush raised
-// is taken away. It is not ignored: an ignored signal would stay ignored in a child.
+} // namespace
+
+Standards choose_standards(const int descriptors[kStandardCount]) {
+    const ErrnoKept kept;
+    Standards standards;
+    for (int place = 0; place < kStandardCount; ++place) {
+        const int given = descriptors[place];
+        standards[static_cast<size_t>(place)] = given != place && is_open(given) ? given : place;
+    }
+    return standards;
+}
+
+// SIGPIPE is blocked meanwhile, and one that the flush raised is taken away. It is not
+// ignored: an ignored signal would stay ignored in a child.
 void flush_output() {
     const ErrnoKept kept;
     sigset_t sigpipe;
@@ -94,18 +107,6 @@ void flush_output() {
         take_pending(sigpipe);
     }
     sigprocmask(SIG_SETMASK, &mask, nullptr);
-}
-
-} // namespace
-
-Standards choose_standards(const int descriptors[kStandardCount]) {
-    const ErrnoKept kept;
-    Standards standards;
-    for (int place = 0; place < kStandardCount; ++place) {
-        const int given = descriptors[place];
-        standards[static_cast<size_t>(place)] = given != place && is_open(given) ? given : place;
-    }
-    return standards;
 }
 
 int32_t fork_flushed() {

@@ -15,9 +15,12 @@ using Standards = std::array<int, 3>;
 // One that is not open becomes the parent's own of its place. errno is kept.
 Standards choose_standards(const int descriptors[3]);
 
+// Flushes the output streams before a child is started. Flushing a stream that nobody
+// reads raises no SIGPIPE. errno is kept.
+void flush_output();
+
 // fork, with the output streams flushed first: a child that leaves by exit prints nothing
-// twice. Flushing a stream that nobody reads raises no SIGPIPE. errno is kept, unless the
-// fork fails.
+// twice. errno is kept, unless the fork fails.
 int32_t fork_flushed();
 
 // In the child: makes the descriptors its standard input, output and error. Closes each
