@@ -6,6 +6,7 @@
 #include <components/platform/base/descriptor.h>
 #include <components/platform/environment.h>
 #include <components/platform/pair/handle.h>
+#include <components/platform/pair/start.h>
 #include <components/platform/process_info.h>
 #include <msg/base/assertion.h>
 #include <msg/base/text.h>
@@ -22,14 +23,9 @@
 namespace {
 
 using zel::pair::kUnit;
+using zel::pair::SocketPair;
 
-constexpr int kForkRetries = 30;
 constexpr int kMaxArguments = 256;
-
-struct SocketPair {
-    int parent_end;
-    int child_end;
-};
 
 // The arguments of a start.
 struct Start {
@@ -41,62 +37,14 @@ struct Start {
     std::array<char, 64> child_address; // the value of the variable
 };
 
-void close_both(const SocketPair &ends) {
-    zel::close_keeping_errno(ends.parent_end);
-    zel::close_keeping_errno(ends.child_end);
-}
-
-// A parent whose standard descriptors are closed gets its sockets in their places. There
-// the redirection in the child would replace them.
-bool move_above_standard(SocketPair &ends) {
-    const int parent_end = zel::above_standard(ends.parent_end);
-    if (parent_end == -1) {
-        close_both(ends);
-        return false;
-    }
-    ends.parent_end = parent_end;
-    const int child_end = zel::above_standard(ends.child_end);
-    if (child_end == -1) {
-        close_both(ends);
-        return false;
-    }
-    ends.child_end = child_end;
-    return true;
-}
-
-// The parent's end is close-on-exec: a companion started later does not hold this pair
-// open.
-bool create_sockets(SocketPair &ends) {
-    int fds[2];
-    if (socketpair(AF_UNIX, SOCK_STREAM, 0, fds) == -1) {
-        return false;
-    }
-    ends = {.parent_end = fds[0], .child_end = fds[1]};
-    if (!move_above_standard(ends)) {
-        return false;
-    }
-    zel::set_close_on_exec(ends.parent_end);
-    return true;
-}
-
 // EAGAIN means that a limit of processes is reached. The fork is tried again without a
 // pause.
 int32_t fork_with_retries() {
     int32_t pid = zel::fork_flushed();
-    for (int retry = 0; retry < kForkRetries && pid == -1 && errno == EAGAIN; ++retry) {
+    for (int retry = 0; retry < zel::pair::kStartRetries && pid == -1 && errno == EAGAIN; ++retry) {
         pid = zel::fork_flushed();
     }
     return pid;
-}
-
-// Formatted before the fork: a child takes a fault for each page of code that it uses.
-void format_child_address(Start &start, int32_t parent_pid, int child_end) {
-    zel::format_text(start.child_address, "%d %d pid-rtx_fd_l", parent_pid, child_end);
-}
-
-void keep_failure(PairHandle *ph, const char *step) {
-    ph->error_number = errno;
-    ph->error_text = step;
 }
 
 // ---- Between fork and exec ------------------------------------------------------------------------------------------
@@ -116,8 +64,8 @@ bool redirect(const Start &start) {
     return start.standards != nullptr ? zel::redirect_standard(*start.standards) : zel::redirect_standard_to_null();
 }
 
-// DELIBERATE: a companion that cannot be executed leaves by exit(1), and its parent
-// learns that status alone. Test:
+// DELIBERATE: a companion that cannot be executed leaves by exit(1), and its parent's
+// handle stays healthy. Test:
 // PairParentOpen.AProgramThatCannotBeExecutedIsAChildThatExitsWithOne.
 //
 // A companion whose standard descriptors cannot be put in place leaves in the same way.
@@ -132,25 +80,8 @@ bool redirect(const Start &start) {
     }
     put_end_into_environment(start);
     execvp(start.file, start.argv);
-    ph->error_text = "execvp failed";
+    ph->error_text = zel::pair::kExecFailed;
     zel::exit_beside_parent(1);
-}
-
-// ---- In the parent --------------------------------------------------------------------------------------------------
-
-PairHandle *keep_companion(PairHandle *ph, int32_t pid, const SocketPair &ends, bool ignore_sigpipe) {
-    if (ignore_sigpipe) {
-        zel::pair::ignore_signal(SIGPIPE);
-    }
-    close(ends.child_end);
-    if (ph->blocking == 0) {
-        zel::set_blocking(ends.parent_end, false);
-    }
-    ph->companion_pid = pid;
-    ph->parent = 1;
-    ph->error_number = 0;
-    zel::pair::set_descriptor(ph, ends.parent_end);
-    return ph;
 }
 
 } // namespace
@@ -169,22 +100,23 @@ PairHandle *platform_pair_parent_open_vp(const char *env_name, int ignore_sigpip
                    .argv = argv,
                    .child_address = {}};
     SocketPair ends;
-    if (!create_sockets(ends)) {
-        keep_failure(ph, "socketpair create failed");
+    if (!zel::pair::create_sockets(ends)) {
+        zel::pair::keep_failure(ph, zel::pair::kSocketsFailed);
         return ph;
     }
-    format_child_address(start, parent_pid, ends.child_end);
+    // Formatted before the fork: a child takes a fault for each page of code that it uses.
+    zel::pair::format_address(start.child_address, parent_pid, ends.child_end);
     const int32_t pid = fork_with_retries();
     if (pid == -1) {
         // DELIBERATE: the two socket ends stay open in the parent. Test:
         // PairStartFailure.AFailedForkLeavesBothSocketEndsOpen.
-        keep_failure(ph, "fork failed");
+        zel::pair::keep_failure(ph, zel::pair::kForkFailed);
         return ph;
     }
     if (pid == 0) {
         become_companion(ph, start, ends);
     }
-    return keep_companion(ph, pid, ends, ignore_sigpipe != 0);
+    return zel::pair::keep_companion(ph, pid, ends, ignore_sigpipe != 0);
 }
 
 PairHandle *platform_pair_parent_open_lp(const char *env_name, int ignore_sigpipe, int blocking, const char *file,
