@@ -13,6 +13,7 @@
  *   components/platform/process_info.h         process numbers, existence, memory use
  *   components/platform/socket.h               sockets and the framed message loop
  *   components/platform/zel_pair_connection.h  a parent and its companion
+ *   components/platform/pair_control.h         the pair under control: start, wait, stop
  *   components/platform/debug_hooks.h          pausing or re-launching a process
  *   components/platform/file_control.h         patterns, trees, paths, stamps
  *   components/platform/file_services.h        checked copies, replaced contents, unique files
@@ -47,6 +48,7 @@
 #include <components/platform/environment.h>
 #include <components/platform/file_control.h>
 #include <components/platform/file_services.h>
+#include <components/platform/pair_control.h>
 #include <components/platform/process_identity.h>
 #include <components/platform/process_info.h>
 #include <components/platform/socket.h>

@@ -7,7 +7,8 @@
  *   1. platform_pair_parent_open_lp starts the companion. The companion finds its end in
  *      an environment variable whose name the parent chooses.
  *   2. platform_pair_ok tells whether that worked. A program that cannot be executed
- *      shows later, as a companion that ended with status 1.
+ *      shows later, as a companion that ended with status 1. platform_pair_exec_error of
+ *      pair_control.h has the reason then.
  *   3. platform_pair_send and platform_pair_recv carry values. The message calls of
  *      socket.h carry text, on platform_pair_tx_fd and platform_pair_rx_fd.
  *   4. platform_pair_companion_alive watches the companion and reaps it.
@@ -109,7 +110,8 @@
  * - The message loop reads ahead and swallows a value sent right after a message. Wait
  *   for an acknowledgement, as the example does, or send the value in a line.
  * - platform_pair_kill_child waits for ever for a companion that ignores SIGTERM or is
- *   stopped. End a companion as the example does.
+ *   stopped. End a companion as the example does, or by platform_pair_stop of
+ *   pair_control.h.
  * - On a non-blocking pair the end of the stream and EAGAIN are both the result 0. Set
  *   errno to 0 before platform_pair_recv. It stays 0 at the end of the stream.
  * - With no descriptor free, or without /proc, platform_pair_companion_alive is 0 for a

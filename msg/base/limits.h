@@ -58,6 +58,9 @@ inline constexpr size_t kHeldLevels = kSmall ? 2 : 32;
 // descriptor, and the customary limit of descriptors is 1024.
 inline constexpr size_t kKnownEnds = kSmall ? 2 : 1024;
 
+// Handles whose companions can leave the error with which they could not be executed.
+inline constexpr size_t kExecReports = kSmall ? 2 : 1024;
+
 } // namespace zel
 
 #endif

@@ -173,3 +173,18 @@ int example_of_text_and_values(const int32_t *values, int32_t count, int32_t *to
     end_companion(pair, 5);
     return done;
 }
+
+int32_t example_of_pair_control(void) {
+    char name[] = "square";
+    char *argv[] = {name, NULL};
+    PairHandle *pair = platform_pair_spawn("SQUARE_PAIR", "./square", argv, NULL);
+    if (!platform_pair_ok(pair)) { // execvp failed: No such file or directory
+        msg_fatal("%s: %s", pair->error_text, platform_pair_errstr(pair));
+    }
+    int32_t number = 12;
+    platform_pair_send(pair, &number, sizeof number);
+    platform_pair_recv(pair, &number, sizeof number);
+    platform_pair_stop(pair, 1000); // whatever the companion does, it has ended after this
+    platform_pair_close(pair);
+    return number;
+}

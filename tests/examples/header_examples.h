@@ -24,6 +24,7 @@ void example_of_process_identity(int32_t pid, void (*work)(void));
 void example_of_process_info(void);
 void example_of_socket(int socket);
 int32_t example_of_pair(void); /* the value received */
+int32_t example_of_pair_control(void); /* the square of 12 */
 void example_of_ending(PairHandle *pair, int seconds);
 
 /* Asks the companion for the sum of the values, in that many rounds. Returns the rounds that were answered. */

@@ -6,6 +6,7 @@
 #include <components/platform/process_info.h>
 #include <malloc/debug_heap.h>
 #include <malloc/zel_malloc.h>
+#include <support/census.h>
 #include <support/child.h>
 #include <support/files.h>
 
@@ -220,6 +221,24 @@ TEST(HeaderExampleOfPair, TextAndValuesGoOverOnePair) {
         printf(" %d", static_cast<int>(std::count(totals.begin(), totals.end(), 20100)));
     });
     EXPECT_EQ(outcome.out, "60 60");
+}
+
+TEST(HeaderExampleOfPairControl, ReceivesTheSquareAndEndsItsCompanion) {
+    const Outcome outcome = run_in_child([] {
+        EXPECT_EQ(chdir(ZEL_EXAMPLE_PARTS), 0);
+        printf("%d", example_of_pair_control());
+        printf(" %d", has_children() ? 1 : 0);
+    });
+    EXPECT_EQ(outcome.out, "144 0");
+}
+
+TEST(HeaderExampleOfPairControl, SaysWhyItsCompanionCannotBeExecuted) {
+    const Outcome outcome = run_in_child([] {
+        EXPECT_EQ(chdir("/"), 0);
+        example_of_pair_control();
+    });
+    EXPECT_EQ(outcome.err, "Error: execvp failed: No such file or directory\n");
+    EXPECT_EQ(outcome.status, 1);
 }
 
 TEST(HeaderExampleOfDebugHooks, SeesItsOwnArgumentsAlone) {

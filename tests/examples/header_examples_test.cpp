@@ -90,7 +90,7 @@ bool stands_in(const Fragments &fragments, const std::string &source) {
 std::string compiled_examples() {
     return read_file(ZEL_SOURCE_DIR "/tests/examples/header_examples.c") +
            read_file(ZEL_SOURCE_DIR "/tests/examples/header_example_hooks.c") +
-           read_file(ZEL_SOURCE_DIR "/tests/examples/adder.c");
+           read_file(ZEL_SOURCE_DIR "/tests/examples/adder.c") + read_file(ZEL_SOURCE_DIR "/tests/examples/square.c");
 }
 
 TEST(HeaderExamples, EachPublicHeaderShowsWhatIsCompiledHere) {

@@ -29,7 +29,10 @@
 HOOK(int, accept, "accept", (int fd, sockaddr *address, socklen_t *length), (fd, address, length))
 HOOK(int, access, "access", (const char *path, int mode), (path, mode))
 HOOK(int, bind, "bind", (int fd, const sockaddr *address, socklen_t length), (fd, address, length))
+HOOK(int, chdir, "chdir", (const char *path), (path))
 HOOK(int, clock_gettime, TIME64("clock_gettime", "__clock_gettime64"), (clockid_t clock, timespec *time), (clock, time))
+// The further arguments of clone are not passed on.
+HOOK(int, clone, "clone", (int (*body)(void *), void *stack, int flags, void *argument), (body, stack, flags, argument))
 HOOK(int, close, "close", (int fd), (fd))
 HOOK(int, connect, "connect", (int fd, const sockaddr *address, socklen_t length), (fd, address, length))
 HOOK(ssize_t, copy_file_range, "copy_file_range",
@@ -71,6 +74,9 @@ HOOK(int, listen, "listen", (int fd, int backlog), (fd, backlog))
 HOOK(tm *, localtime_r, TIME64("localtime_r", "__localtime64_r"), (const time_t *now, tm *local), (now, local))
 HOOK(void *, malloc, "malloc", (size_t size), (size))
 HOOK(int, mkdir, "mkdir", (const char *path, mode_t mode), (path, mode))
+HOOK(void *, mmap, "mmap64", (void *address, size_t length, int protection, int flags, int fd, off_t offset),
+     (address, length, protection, flags, fd, offset))
+HOOK(int, mprotect, "mprotect", (void *address, size_t length, int protection), (address, length, protection))
 // The third argument of open is passed on whether there is one or not.
 HOOK(int, open, "open64", (const char *path, int flags, mode_t mode), (path, flags, mode))
 // The mode of openat is passed on whether there is one or not.

@@ -86,7 +86,9 @@ namespace hook {
 extern Hook<int(int, sockaddr *, socklen_t *)> accept;
 extern Hook<int(const char *, int)> access;
 extern Hook<int(int, const sockaddr *, socklen_t)> bind;
+extern Hook<int(const char *)> chdir;
 extern Hook<int(clockid_t, timespec *)> clock_gettime;
+extern Hook<int(int (*)(void *), void *, int, void *)> clone;
 extern Hook<int(int)> close;
 extern Hook<int(int, const sockaddr *, socklen_t)> connect;
 extern Hook<ssize_t(int, off_t *, int, off_t *, size_t, unsigned)> copy_file_range;
@@ -119,6 +121,8 @@ extern Hook<int(int, int)> listen;
 extern Hook<tm *(const time_t *, tm *)> localtime_r;
 extern Hook<void *(size_t)> malloc;
 extern Hook<int(const char *, mode_t)> mkdir;
+extern Hook<void *(void *, size_t, int, int, int, off_t)> mmap;
+extern Hook<int(void *, size_t, int)> mprotect;
 extern Hook<int(const char *, int, mode_t)> open;
 extern Hook<int(int, const char *, int, mode_t)> openat;
 extern Hook<int(pollfd *, nfds_t, const timespec *, const sigset_t *)> ppoll;

@@ -4,6 +4,7 @@
 
 #include <components/platform/base/allocation.h>
 #include <components/platform/base/descriptor.h>
+#include <components/platform/pair/exec_error.h>
 #include <components/platform/pair/handle.h>
 #include <components/platform/process_info.h>
 #include <components/platform/socket.h>
@@ -173,6 +174,7 @@ int platform_pair_close(PairHandle *ph) {
     }
     invalidate(ph);
     zel::pair::forget_ends(ph);
+    zel::pair::give_back_exec_report(ph);
     free(ph);
     return 1;
 }

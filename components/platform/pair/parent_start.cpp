@@ -5,6 +5,7 @@
 #include <components/platform/base/child_start.h>
 #include <components/platform/base/descriptor.h>
 #include <components/platform/environment.h>
+#include <components/platform/pair/exec_error.h>
 #include <components/platform/pair/handle.h>
 #include <components/platform/pair/start.h>
 #include <components/platform/process_info.h>
@@ -35,6 +36,7 @@ struct Start {
     const zel::Standards *standards; // null: the null device
     char *const *argv;
     std::array<char, 64> child_address; // the value of the variable
+    zel::pair::ExecReport *exec_report; // where the child leaves the reason; may be null
 };
 
 // EAGAIN means that a limit of processes is reached. The fork is tried again without a
@@ -68,11 +70,13 @@ bool redirect(const Start &start) {
 // handle stays healthy. Test:
 // PairParentOpen.AProgramThatCannotBeExecutedIsAChildThatExitsWithOne.
 //
-// A companion whose standard descriptors cannot be put in place leaves in the same way.
+// The reason is left where platform_pair_exec_error finds it. A companion whose standard
+// descriptors cannot be put in place leaves in the same way.
 [[noreturn]] void become_companion(PairHandle *ph, const Start &start, const SocketPair &ends) {
     const bool redirected = redirect(start);
     close(ends.parent_end);
     if (!redirected) {
+        zel::pair::write_exec_report(start.exec_report, errno);
         zel::exit_beside_parent(1);
     }
     if (!start.blocking) {
@@ -80,6 +84,7 @@ bool redirect(const Start &start) {
     }
     put_end_into_environment(start);
     execvp(start.file, start.argv);
+    zel::pair::write_exec_report(start.exec_report, errno);
     ph->error_text = zel::pair::kExecFailed;
     zel::exit_beside_parent(1);
 }
@@ -98,7 +103,8 @@ PairHandle *platform_pair_parent_open_vp(const char *env_name, int ignore_sigpip
                    .file = file,
                    .standards = stdio_fds != nullptr ? &standards : nullptr,
                    .argv = argv,
-                   .child_address = {}};
+                   .child_address = {},
+                   .exec_report = nullptr};
     SocketPair ends;
     if (!zel::pair::create_sockets(ends)) {
         zel::pair::keep_failure(ph, zel::pair::kSocketsFailed);
@@ -106,6 +112,7 @@ PairHandle *platform_pair_parent_open_vp(const char *env_name, int ignore_sigpip
     }
     // Formatted before the fork: a child takes a fault for each page of code that it uses.
     zel::pair::format_address(start.child_address, parent_pid, ends.child_end);
+    start.exec_report = zel::pair::take_exec_report(ph);
     const int32_t pid = fork_with_retries();
     if (pid == -1) {
         // DELIBERATE: the two socket ends stay open in the parent. Test:
