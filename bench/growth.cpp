@@ -100,6 +100,14 @@ void add_parent_sizes() {
                  .x = static_cast<double>(mebibytes)},
                 {starting_from("zel", mebibytes, start_by_library), starting_from("floor", mebibytes, start_with_fork),
                  starting_from("vfork and exec alone", mebibytes, start_with_vfork)});
+        add_row({.name = "spawned by a parent of a size, " + std::to_string(mebibytes) + " MiB",
+                 .clock = Clock::wall,
+                 .iterations = 20,
+                 .series = "spawned by a parent of a size, MiB",
+                 .x = static_cast<double>(mebibytes)},
+                {starting_from("zel", mebibytes, start_by_spawn),
+                 starting_from("floor", mebibytes, start_pair_with_vfork),
+                 starting_from("posix_spawn", mebibytes, start_pair_with_posix_spawn)});
     }
 }
 

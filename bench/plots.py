@@ -21,9 +21,11 @@ GROWTH = {
     "companions at once": ("companions", "Starting, closing and reaping a companion, of so many at once", "companions"),
     "size of the parent, MiB": ("parent-size", "Starting and reaping a companion, by the size of its parent",
                                 "MiB that the parent has written to"),
+    "spawned by a parent of a size, MiB": ("spawn-parent-size", "Spawning and reaping a companion, by the size of its parent",
+                                           "MiB that the parent has written to"),
 }
 
-STYLES = {"zel": (ZEL, 3), "floor": (FLOOR, 2), "vfork and exec alone": (OTHER, 2)}
+STYLES = {"zel": (ZEL, 3), "floor": (FLOOR, 2), "vfork and exec alone": (OTHER, 2), "posix_spawn": (OTHER, 2)}
 MARKS = {"x86": (6, "(10,5)"), "x86_64": (7, "solid")}
 
 

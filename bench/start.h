@@ -8,8 +8,12 @@
 namespace bench {
 
 // Each returns the status of the companion as wait gives it: 0 when all went well.
-int start_by_library();
-int start_with_fork();  // with all that the library's interface promises
+int start_by_library(); // platform_pair_parent_open_lp
+int start_by_spawn();   // platform_pair_spawn
+// The next three have all that the library's interface promises.
+int start_with_fork();
+int start_pair_with_vfork();
+int start_pair_with_posix_spawn();
 int start_alone();      // fork and exec, and nothing else
 int start_with_vfork(); // the same by vfork
 
