@@ -1,8 +1,7 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // A first parent: it starts its companion, sends a number, prints the answer. Usage: first_parent [COMPANION]
-#include <components/platform/debug_hooks.h>
-#include <components/platform/zel_pair_connection.h>
-#include <msg/msg.h>
+#include <string.h>
+#include <zel.h>
 
 // A stream may bring a value in pieces.
 static int receive(PairHandle *pair, uint32_t *value) {
@@ -27,12 +26,13 @@ int main(int argc, char **argv) {
     }
     uint32_t value = 21;
     int answered = platform_pair_send(pair, &value, sizeof value) == sizeof value && receive(pair, &value);
+    int32_t error = platform_pair_exec_error(pair); // known once the stream has ended without an answer
     int32_t pid = platform_pair_companion_pid(pair);
     int32_t status = 0;
     platform_pair_close(pair);         // the companion sees the end of the stream and ends,
     platform_wait_child(pid, &status); // and is reaped
     if (!answered) {
-        msg_fatal("%s gave no answer; its wait status is %d.", companion, status);
+        msg_fatal("%s gave no answer: %s.", companion, error != 0 ? strerror(error) : "it ended early");
     }
     msg_print("The companion answered %u; its wait status is %d.", value, status);
     return 0;

@@ -127,7 +127,6 @@ Result request(Companion &companion, const Text &text) {
     if (!send_message(companion.pair, {kCount, text.name}) || !receive_value(companion.pair, ready)) {
         return Result::companion_lost;
     }
-    companion.spoke = true;
     return ready == kReady ? Result::counted : Result::not_understood;
 }
 

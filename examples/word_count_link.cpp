@@ -5,33 +5,26 @@
 #include "word_count_protocol.h"
 
 #include <components/platform/environment.h>
+#include <components/platform/pair_control.h>
 #include <components/platform/process_info.h>
 #include <components/platform/socket.h>
 #include <msg/msg.h>
 
-#include <cerrno>
-#include <chrono>
 #include <csignal>
 #include <cstring>
-#include <sys/stat.h>
 #include <system_error>
-#include <thread>
 #include <unistd.h>
 
 namespace word_count {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-using std::chrono::milliseconds;
-using std::chrono::seconds;
-
 // The ports that the hybrid arrangement may listen on; the first free one is taken.
 constexpr int kFirstPort = 20300;
 constexpr int kEndPort = 21300;
 
-constexpr auto kEndTime = seconds(5);     // from "quit" to the companion's end
-constexpr auto kPause = milliseconds(10); // between two looks at a companion that is ending
+constexpr int32_t kEndTime = 5000; // milliseconds from "quit" to the companion's end
+constexpr int32_t kNoLimit = -1;
 
 // Starts the program with its end of a new pair under that name. SIGPIPE is ignored:
 // sending to a companion that has died is an error to report. The companion shares our
@@ -98,7 +91,6 @@ bool connect_companion(Companion &companion, int listening) {
         return false;
     }
     use_connection(companion.pair, fd);
-    companion.spoke = true;
     return true;
 }
 
@@ -119,36 +111,21 @@ bool start_hybrid(Companion &companion) {
 
 // ---- The end ------------------------------------------------------------------------------------------------------
 
-// Whether the companion has ended. It has been reaped then, and the handle holds its exit
-// status. After that the process is not looked for again: its number may be another's.
-bool has_ended(PairHandle *pair) {
-    return platform_pair_child_exit_status(pair) != PLATFORM_PAIR_STATUS_UNKNOWN ||
-           !platform_pair_companion_alive(pair);
-}
-
 // A companion under a debugger ends when the developer lets it.
-Clock::time_point end_deadline() {
+int32_t end_time() {
     const char *request = platform_getenv("ZEL_DEBUG");
     const bool debugged = request != nullptr && *request != '\0';
-    return debugged ? Clock::time_point::max() : Clock::now() + kEndTime;
-}
-
-void wait_for_end(PairHandle *pair, Clock::time_point deadline) {
-    while (!has_ended(pair) && Clock::now() < deadline) {
-        std::this_thread::sleep_for(kPause);
-    }
+    return debugged ? kNoLimit : kEndTime;
 }
 
 // Waits for the end, and sends SIGKILL when it takes too long. True when no signal was
-// needed. platform_pair_kill_child would wait for ever for a companion that ignores
-// SIGTERM, and does not tell how it ended.
+// needed.
 bool wait_or_kill(PairHandle *pair) {
-    wait_for_end(pair, end_deadline());
-    if (has_ended(pair)) {
+    if (platform_pair_wait(pair, end_time()) == 1) {
         return true;
     }
     kill(platform_pair_companion_pid(pair), SIGKILL);
-    wait_for_end(pair, Clock::time_point::max());
+    platform_pair_wait(pair, kNoLimit);
     return false;
 }
 
@@ -161,31 +138,13 @@ std::string describe_ending(const PairHandle *pair) {
     return "signal " + std::to_string(signal) + " (" + (name == nullptr ? "unnamed" : name) + ")";
 }
 
-// Why a program can have ended without a word. 0 when the file is one that can be
-// executed.
-int execution_error(const char *path) {
-    struct stat status;
-    if (access(path, X_OK) != 0 || stat(path, &status) != 0) {
-        return errno;
-    }
-    return S_ISDIR(status.st_mode) ? EISDIR : 0;
-}
-
-// A program that could not be executed leaves exit status 1 and no reason. The system is
-// asked for the reason here. A name without a slash was searched along PATH, and no more
-// is known of it.
+// A program that could not be executed leaves exit status 1, and its reason with the
+// handle.
 void explain_failed_start(const Companion &companion) {
-    if (companion.spoke || platform_pair_child_exit_status(companion.pair) != 1) {
-        return;
-    }
-    const std::string name = visible(companion.program, kVisibleName);
-    if (companion.program.find('/') == std::string::npos) {
-        MSG_CONT("A program that cannot be executed ends like this: %s.", name.c_str());
-        return;
-    }
-    const int error = execution_error(companion.program.c_str());
+    const int32_t error = platform_pair_exec_error(companion.pair);
     if (error != 0) {
-        MSG_CONT("%s: %s.", name.c_str(), std::generic_category().message(error).c_str());
+        MSG_CONT("%s: %s.", visible(companion.program, kVisibleName).c_str(),
+                 std::generic_category().message(error).c_str());
     }
 }
 

@@ -13,7 +13,6 @@ namespace word_count {
 struct Companion {
     std::string program;        // a path, or a name that is searched along PATH
     PairHandle *pair = nullptr; // our end; null before the start and after the end
-    bool spoke = false;         // it has connected or answered: the program could be executed
 };
 
 // Starts companion.program, in the hybrid arrangement or not. False after an error

@@ -79,7 +79,7 @@ TEST(FirstPrograms, TheShortestParentPrintsTheAnswerOfItsCompanion) {
 TEST(FirstPrograms, TheShortestParentSaysWhenItGetsNoAnswer) {
     const Outcome outcome = run_with({"--chdir=/"}, {kHello});
     EXPECT_EQ(outcome.out, "");
-    EXPECT_EQ(outcome.err, "Error: The companion gave no answer.\n");
+    EXPECT_EQ(outcome.err, "Error: The companion gave no answer: No such file or directory.\n");
     EXPECT_EQ(outcome.status, 1);
 }
 
@@ -99,7 +99,13 @@ TEST(FirstPrograms, TheParentTakesACompanionAsItsArgument) {
 TEST(FirstPrograms, ACompanionThatDoesNotAnswerIsReported) {
     const Outcome outcome = run_with({}, {kParent, "/nowhere"});
     EXPECT_EQ(outcome.out, "");
-    EXPECT_EQ(outcome.err, "Error: /nowhere gave no answer; its wait status is 256.\n");
+    EXPECT_EQ(outcome.err, "Error: /nowhere gave no answer: No such file or directory.\n");
+    EXPECT_EQ(outcome.status, 1);
+}
+
+TEST(FirstPrograms, ACompanionThatEndsWithoutAnAnswerIsReported) {
+    const Outcome outcome = run_with({}, {kParent, "/bin/true"});
+    EXPECT_EQ(outcome.err, "Error: /bin/true gave no answer: it ended early.\n");
     EXPECT_EQ(outcome.status, 1);
 }
 
