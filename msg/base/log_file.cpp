@@ -30,22 +30,6 @@ struct State {
 
 constinit State state = {};
 
-// Moves the descriptor above the standard ones. At 0, 1 or 2 the log would be taken for
-// the program's own input or output.
-int above_standard(int fd) {
-    if (fd > STDERR_FILENO || fd == kNoDescriptor) {
-        return fd;
-    }
-    const int moved = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-    close(fd);
-    return moved;
-}
-
-bool is_own_file(int fd) {
-    struct stat status;
-    return fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == geteuid() && status.st_nlink == 1;
-}
-
 // Text that cannot be written is discarded. A stream of another process is left alone: a
 // forked child inherits the buffer, but the text in it is the parent's.
 void write_out(const LogStream &log) {
@@ -66,7 +50,7 @@ void write_out_earlier_streams() {
 // Opens and empties a log that is there. O_NONBLOCK: opening a FIFO without a reader
 // would wait.
 int open_older(const char *path) {
-    const int fd = above_standard(open(path, O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
+    const int fd = log_above_standard(open(path, O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
     if (fd == kNoDescriptor) {
         return kNoDescriptor;
     }
@@ -85,7 +69,7 @@ int open_older(const char *path) {
 
 int open_empty(const char *path) {
     const int fd = open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kMode);
-    return fd == kNoDescriptor && errno == EEXIST ? open_older(path) : above_standard(fd);
+    return fd == kNoDescriptor && errno == EEXIST ? open_older(path) : log_above_standard(fd);
 }
 
 // Writes the earlier streams out first: the older one leaves the record.
@@ -95,6 +79,20 @@ void remember(FILE *stream) {
 }
 
 } // namespace
+
+int log_above_standard(int fd) {
+    if (fd > STDERR_FILENO || fd == kNoDescriptor) {
+        return fd;
+    }
+    const int moved = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    close(fd);
+    return moved;
+}
+
+bool is_own_file(int fd) {
+    struct stat status;
+    return fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == geteuid() && status.st_nlink == 1;
+}
 
 FILE *open_log_file(const char *path) {
     const int fd = open_empty(path);

@@ -16,6 +16,14 @@ namespace zel {
 // discarded.
 FILE *open_log_file(const char *path);
 
+// Moves the descriptor of a log above the standard ones; -1 stays. At 0, 1 or 2 the log
+// would be taken for the program's own input or output. Returns its number, or -1 with
+// errno: the descriptor is closed then.
+int log_above_standard(int fd);
+
+// Whether the descriptor leads to a regular file of the effective user with one link.
+bool is_own_file(int fd);
+
 } // namespace zel
 
 #endif
