@@ -34,6 +34,7 @@ HOOK(int, clock_gettime, TIME64("clock_gettime", "__clock_gettime64"), (clockid_
 // The further arguments of clone are not passed on.
 HOOK(int, clone, "clone", (int (*body)(void *), void *stack, int flags, void *argument), (body, stack, flags, argument))
 HOOK(int, close, "close", (int fd), (fd))
+HOOK(void, closelog, "closelog", (), ())
 HOOK(int, connect, "connect", (int fd, const sockaddr *address, socklen_t length), (fd, address, length))
 HOOK(ssize_t, copy_file_range, "copy_file_range",
      (int from, off_t *from_offset, int to, off_t *to_offset, size_t length, unsigned flags),
@@ -47,6 +48,8 @@ HOOK(FILE *, fdopen, "fdopen", (int fd, const char *mode), (fd, mode))
 HOOK(int, fflush, "fflush", (FILE * stream), (stream))
 HOOK(char *, fgets, "fgets", (char *buffer, int size, FILE *stream), (buffer, size, stream))
 HOOK(FILE *, fopen, "fopen64", (const char *path, const char *mode), (path, mode))
+HOOK(FILE *, fopencookie, "fopencookie", (void *cookie, const char *mode, cookie_io_functions_t calls),
+     (cookie, mode, calls))
 HOOK(pid_t, fork, "fork", (), ())
 HOOK(int, fputs, "fputs", (const char *text, FILE *stream), (text, stream))
 HOOK(void, free, "free", (void *pointer), (pointer))
@@ -81,6 +84,7 @@ HOOK(int, mprotect, "mprotect", (void *address, size_t length, int protection), 
 HOOK(int, open, "open64", (const char *path, int flags, mode_t mode), (path, flags, mode))
 // The mode of openat is passed on whether there is one or not.
 HOOK(int, openat, "openat64", (int fd, const char *name, int flags, mode_t mode), (fd, name, flags, mode))
+HOOK(void, openlog, "openlog", (const char *ident, int options, int facility), (ident, options, facility))
 HOOK(int, ppoll, TIME64("ppoll", "__ppoll64"),
      (pollfd * entries, nfds_t count, const timespec *timeout, const sigset_t *blocked),
      (entries, count, timeout, blocked))
@@ -94,6 +98,8 @@ HOOK(int, renameat, "renameat", (int from_folder, const char *from, int to_folde
 HOOK(int, select, TIME64("select", "__select64"),
      (int count, fd_set *readable, fd_set *writable, fd_set *exceptional, timeval *timeout),
      (count, readable, writable, exceptional, timeout))
+HOOK(int, renameat, "renameat", (int from_directory, const char *from, int to_directory, const char *to),
+     (from_directory, from, to_directory, to))
 HOOK(ssize_t, send, "send", (int fd, const void *buffer, size_t length, int flags), (fd, buffer, length, flags))
 HOOK(ssize_t, sendfile, "sendfile64", (int to, int from, off_t *offset, size_t length), (to, from, offset, length))
 HOOK(int, setsockopt, TIME64("setsockopt", "__setsockopt64"),
@@ -107,6 +113,9 @@ HOOK(int, socketpair, "socketpair", (int family, int type, int protocol, int *fd
 HOOK(int, stat, TIME64("stat64", "__stat64_time64"), (const char *path, struct stat *status), (path, status))
 HOOK(int, statvfs, "statvfs64", (const char *path, struct statvfs *status), (path, status))
 HOOK(long, sysconf, "sysconf", (int name), (name))
+// The two arguments of its one format are passed on.
+HOOK(void, syslog, "syslog", (int priority, const char *format, int length, const char *text),
+     (priority, format, length, text))
 HOOK(time_t, time, TIME64("time", "__time64"), (time_t * now), (now))
 HOOK(int, unlinkat, "unlinkat", (int fd, const char *name, int flags), (fd, name, flags))
 HOOK(int, vsnprintf, "vsnprintf", (char *buffer, size_t size, const char *format, va_list args),
