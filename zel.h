@@ -4,6 +4,8 @@
  * The layers from the bottom. A header includes only headers of the layers below it:
  *
  *   msg/msg.h                                  typed messages to lists of output streams
+ *   msg/sinks.h                                streams to rotating files, rings, the
+ *                                              system log and functions
  *   malloc/zel_malloc.h                        allocation that names its caller
  *   malloc/debug_heap.h                        the debug heap
  *   malloc/heap_report.h                       leaks, owners, failures on demand
@@ -58,5 +60,6 @@
 #include <malloc/zel_malloc.h>
 #include <msg/diag_log.h>
 #include <msg/msg.h>
+#include <msg/sinks.h>
 
 #endif

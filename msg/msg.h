@@ -7,7 +7,7 @@
  *   type         name             streams at first   prefixes of its calls, at first
  *   -----------  ---------------  -----------------  ---------------------------------
  *   MSG_INFO     "informational"  standard output    print prefix ""
- *   MSG_DEBUG    "debug"          standard output    none; written by _msg_output alone
+ *   MSG_DEBUG    "debug"          standard output    none; written by msg_debug
  *   MSG_WARNING  "warning"        standard error     warn prefix "Warning: "
  *   MSG_ERROR    "error"          standard error     error prefix "Error: ",
  *                                                    internal-error "Internal error: "

@@ -1,5 +1,6 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // The output calls by name. Each fills in the arguments of the core writer.
+#include <msg/base/ring.h>
 #include <msg/internal/prefix.h>
 #include <msg/msg.h>
 
@@ -32,6 +33,11 @@ using zel::msg::state;
 
 namespace {
 
+[[noreturn]] void end_process() {
+    zel::write_out_rings();
+    exit(1);
+}
+
 // Continues the error that was just written. A primary-only error may be unwritten: its
 // continuation would continue another message.
 // DELIBERATE: the text before the system's is fixed. Test:
@@ -40,7 +46,7 @@ namespace {
     if (!primary_only || state.primary != 0) {
         MSG_CONT("System error message: %s", strerror(error));
     }
-    exit(1);
+    end_process();
 }
 
 } // namespace
@@ -141,12 +147,12 @@ void msg_error(const char *format, ...) {
 
 void msg_fatal(const char *format, ...) {
     ERROR(MSG_FMT_LINE, 0, format);
-    exit(1);
+    end_process();
 }
 
 void msg_internal_error(const char *format, ...) {
     INTERNAL_ERROR(MSG_FMT_LINE, 0, format);
-    exit(1);
+    end_process();
 }
 
 void msg_fatal_syserr(const char *format, ...) {
@@ -157,12 +163,12 @@ void msg_fatal_syserr(const char *format, ...) {
 
 void msg_primary_fatal(const char *format, ...) {
     ERROR(MSG_FMT_LINE, 1, format);
-    exit(1);
+    end_process();
 }
 
 void msg_primary_internal_error(const char *format, ...) {
     INTERNAL_ERROR(MSG_FMT_LINE, 1, format);
-    exit(1);
+    end_process();
 }
 
 void msg_primary_fatal_syserr(const char *format, ...) {

@@ -5,6 +5,7 @@
 #include <msg/internal/state.h>
 #include <msg/internal/write.h>
 #include <msg/msg.h>
+#include <msg/sinks.h>
 
 #include <array>
 
@@ -68,17 +69,22 @@ void write_line(FILE *stream, const char *text, int error) {
     write_second_pass(stream, text, error);
 }
 
+template <typename Write>
+void to_each_stream(const MsgStreamDesc &desc, Write write) {
+    for (int32_t index = 0; index < desc.count; ++index) {
+        write(desc.streams[index]);
+        if (desc.sync != 0) {
+            zel::msg::force_to_disk(desc.streams[index]);
+        }
+    }
+}
+
 // Kept out of line: a text that no stream takes does not touch the stack of its area.
 [[gnu::noinline]] __attribute__((format(printf, 2, 0))) void write_to_all(const MsgStreamDesc &desc, const char *format,
                                                                           va_list args, int error) {
     DiagnosticText text;
     zel::vformat_text(text, format, args);
-    for (int32_t index = 0; index < desc.count; ++index) {
-        write_line(desc.streams[index], text.data(), error);
-        if (desc.sync != 0) {
-            zel::msg::force_to_disk(desc.streams[index]);
-        }
-    }
+    to_each_stream(desc, [&text, error](FILE *stream) { write_line(stream, text.data(), error); });
 }
 
 } // namespace
@@ -98,4 +104,13 @@ void msg_diag(const char *format, ...) {
     va_start(args, format);
     write_to_all(*desc, format, args, kept.value);
     va_end(args);
+}
+
+void msg_diag_text(const char *text) {
+    if (!zel::msg::state.streams_ready) {
+        return;
+    }
+    const zel::ErrnoKept kept;
+    const char *shown = text == nullptr ? "" : text;
+    to_each_stream(*_msg_get_stream_desc(MSG_DIAG), [shown](FILE *stream) { fputs(shown, stream); });
 }

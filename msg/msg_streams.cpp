@@ -4,6 +4,7 @@
 
 #include <msg/base/limits.h>
 #include <msg/base/memory_report.h>
+#include <msg/base/ring.h>
 #include <msg/internal/write.h>
 #include <msg/msg.h>
 
@@ -34,6 +35,7 @@ static_assert(MSG_FMT_RAW == 0 && MSG_FMT_WRAP == 1 && MSG_FMT_LINE == 2);
 // Test: MsgMemory.WithoutTheFirstSlotsOfAListTheProcessEnds.
 [[noreturn]] void out_of_first_slots() {
     fputs("Couldn't allocate initial storage space for stream output array.", stderr);
+    zel::write_out_rings();
     exit(1);
 }
 

@@ -1,5 +1,6 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // Writing a piece to the streams of a type, and dropping a stream that fails.
+#include <msg/internal/rotating.h>
 #include <msg/internal/write.h>
 #include <msg/msg.h>
 
@@ -106,7 +107,8 @@ void flush_streams(const Channel &channel) {
 
 void force_to_disk(FILE *stream) {
     fflush(stream);
-    fsync(fileno(stream));
+    const int fd = fileno(stream);
+    fsync(fd == -1 ? rotating_descriptor(stream) : fd);
 }
 
 } // namespace zel::msg

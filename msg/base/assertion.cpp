@@ -1,6 +1,7 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // The report of a failed assertion.
 #include <msg/base/assertion.h>
+#include <msg/base/ring.h>
 #include <msg/base/text.h>
 
 #include <array>
@@ -16,6 +17,7 @@ void assertion_failed(const char *condition, const char *unit, const char *funct
     std::array<char, 1024> text;
     format_text(text, "%s: %s: Assertion `%s' failed.\n", unit, function, condition);
     [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, text.data(), strlen(text.data()));
+    write_out_rings();
     abort();
 }
 

@@ -21,6 +21,13 @@ inline constexpr size_t kFirstTextSize = kSmall ? 8 : 10000;
 // Characters of a message that are gathered before its stream gets them.
 inline constexpr size_t kGatheredSize = kSmall ? 8 : 1024;
 
+// Bytes that a log of limited size collects of a line. The C library collects nothing in
+// a buffer of less than 128.
+inline constexpr size_t kLogBufferSize = kSmall ? 128 : 8192;
+
+// Bytes of a line that reach a function or the system log at once.
+inline constexpr size_t kSinkLineSize = kSmall ? 512 : 16384;
+
 // Slots by which a stream list grows.
 inline constexpr int32_t kStreamListStep = kSmall ? 1 : 5;
 

@@ -18,6 +18,16 @@ void example_of_msg(void) {
     MSG_CONT("It was left out.");                   //          It was left out.
 }
 
+void example_of_sinks(void) {
+    FILE *log = msg_open_rotating_file("server.log", 1 << 20, 3); // older ones: server.log.1 to .3
+    if (log == NULL) {
+        msg_fatal_syserr("server.log");
+    }
+    msg_add_stream(MSG_WARNING | MSG_ERROR, log);
+    msg_add_stream(MSG_DEBUG | MSG_ERROR, msg_open_ring(65536, STDERR_FILENO)); // seen when it matters
+    msg_debug("%d clients", 12);
+}
+
 void example_of_diag_log(void) {
     msg_open_diag_log(NULL);    // the directory comes from the environment
     msg_sync_mode(MSG_DIAG, 1); // each line is on disk before the next begins

@@ -13,6 +13,7 @@ extern "C" {
 
 void example_of_msg(void);
 void example_of_diag_log(void);
+void example_of_sinks(void);
 void example_of_zel_malloc(void);
 void example_of_debug_heap(void);
 void example_of_heap_report(void (*handle_request)(void));

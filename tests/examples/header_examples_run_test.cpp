@@ -6,6 +6,7 @@
 #include <components/platform/process_info.h>
 #include <malloc/debug_heap.h>
 #include <malloc/zel_malloc.h>
+#include <msg/msg.h>
 #include <support/census.h>
 #include <support/child.h>
 #include <support/files.h>
@@ -32,6 +33,27 @@ TEST(HeaderExampleOfMsg, PrintsWhatItsRemarksSay) {
     const Outcome outcome = run_in_child(example_of_msg);
     EXPECT_EQ(outcome.out, "backup: 12 files in /home/guest\n");
     EXPECT_EQ(outcome.err, "Warning: core is not readable\n         It was left out.\n");
+}
+
+TEST(HeaderExampleOfSinks, TheRingIsSeenWhenTheProgramFails) {
+    const ScratchFolder folder;
+    const Outcome outcome = run_in_child([&folder] {
+        EXPECT_EQ(chdir(folder.path.c_str()), 0);
+        example_of_sinks();
+        msg_fatal("no more memory");
+    });
+    EXPECT_EQ(outcome.out, "12 clients\n");
+    EXPECT_EQ(outcome.err, "Error: no more memory\n12 clients\nError: no more memory\n");
+    EXPECT_EQ(read_file(folder.path + "/server.log"), "Error: no more memory\n");
+}
+
+TEST(HeaderExampleOfSinks, ALogThatCannotBeOpenedIsNamed) {
+    const Outcome outcome = run_in_child([] {
+        EXPECT_EQ(chdir("/proc"), 0);
+        example_of_sinks();
+    });
+    EXPECT_EQ(outcome.err.substr(0, 18), "Error: server.log\n");
+    EXPECT_EQ(outcome.status, 1);
 }
 
 TEST(HeaderExampleOfDiagLog, WritesItsLineIntoTheLog) {

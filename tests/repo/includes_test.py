@@ -9,7 +9,7 @@ import repo
 # From the bottom. A source may include what stands in its own layer and in those below it.
 LAYERS = (
     r"msg/base/\w+",
-    r"msg/(internal/)?\w+",
+    r"msg/(internal/|sinks/)?\w+",
     r"malloc/(internal/)?\w+",
     r"components/platform/(base/\w+|environment(/\w+)?)",
     r"components/platform/(process_identity|process_info|socket(/\w+)?)",
