@@ -68,6 +68,10 @@ inline constexpr size_t kKnownEnds = kSmall ? 2 : 1024;
 // Handles whose companions can leave the error with which they could not be executed.
 inline constexpr size_t kExecReports = kSmall ? 2 : 1024;
 
+// Receive buffers whose bytes are known to be of one descriptor. A program that has a
+// buffer for each of its connections has as many as descriptors.
+inline constexpr size_t kKnownBuffers = kSmall ? 4 : 1024;
+
 } // namespace zel
 
 #endif

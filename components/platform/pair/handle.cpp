@@ -4,6 +4,7 @@
 
 #include <components/platform/base/allocation.h>
 #include <components/platform/base/descriptor.h>
+#include <components/platform/base/read_ahead.h>
 #include <components/platform/pair/exec_error.h>
 #include <components/platform/pair/handle.h>
 #include <components/platform/process_info.h>
@@ -166,6 +167,7 @@ int platform_pair_kill_child(PairHandle *ph) {
 // PairClose.BothFieldsAreClosedThoughTheyHoldOneNumber.
 int platform_pair_close(PairHandle *ph) {
     ZEL_ASSERT(platform_pair_valid(ph));
+    zel::forget_read_ahead_of(ph->rx_fd);
     if (ph->kind == PLATFORM_PAIR_KIND_HYBRID) {
         platform_socket_close(ph->rx_fd);
     } else {

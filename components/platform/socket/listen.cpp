@@ -3,6 +3,7 @@
 #include <components/platform/socket.h>
 
 #include <components/platform/base/descriptor.h>
+#include <components/platform/base/read_ahead.h>
 #include <components/platform/environment.h>
 #include <components/platform/socket/connection.h>
 #include <msg/base/errno_kept.h>
@@ -87,6 +88,7 @@ int platform_accept_retry(int listening, struct sockaddr *address, socklen_t *ad
         const int fd = accept(listening, address, length);
         if (fd != -1) {
             zel::set_close_on_exec(fd);
+            zel::forget_read_ahead_of(fd);
             zel::socket::send_without_delay(fd);
             return fd;
         }

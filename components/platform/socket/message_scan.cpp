@@ -48,15 +48,6 @@ char *const *full_at(const MessageScan &scan) {
     return scan.line_table + std::min(scan.capacity - 1, PLATFORM_MAX_MESSAGE_LINES);
 }
 
-// A line more than PLATFORM_MAX_MESSAGE_LINES is an assertion. Its condition and its
-// function are promised texts.
-int32_t refuse_line(const MessageScan &scan) {
-    if (scan.lines >= PLATFORM_MAX_MESSAGE_LINES) {
-        assertion_failed("lines < PLATFORM_MAX_MESSAGE_LINES", kUnit, "platform_parse_message");
-    }
-    return kLineTableFull;
-}
-
 // The text of a line ends kLineEndSize bytes before the next line. The empty line follows
 // the last one.
 void cut_lines(const Search &found, char **first) {
@@ -105,10 +96,17 @@ int32_t scan_message(MessageScan &scan, int32_t length) {
     scan.line_start = static_cast<int32_t>(search.line - scan.data);
     scan.searched = static_cast<int32_t>(search.position - scan.data);
     if (stop != Stop::message) {
-        return stop == Stop::full ? refuse_line(scan) : 0;
+        return stop == Stop::full ? kLineTableFull : 0;
     }
     cut_lines(search, scan.line_table);
     return scan.line_start + kLineEndSize;
+}
+
+// The condition and the function are promised texts.
+void assert_line_limit(const MessageScan &scan) {
+    if (is_at_line_limit(scan)) {
+        assertion_failed("lines < PLATFORM_MAX_MESSAGE_LINES", kUnit, "platform_parse_message");
+    }
 }
 
 } // namespace zel::socket
@@ -120,5 +118,9 @@ int platform_parse_message(char *data, int32_t length, char **line_table) {
                                      .lines = 0,
                                      .line_start = 0,
                                      .searched = 0};
-    return zel::socket::scan_message(scan, length);
+    const int32_t found = zel::socket::scan_message(scan, length);
+    if (found == zel::socket::kLineTableFull) {
+        zel::socket::assert_line_limit(scan);
+    }
+    return found;
 }

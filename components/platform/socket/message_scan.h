@@ -3,6 +3,8 @@
 #ifndef ZEL_COMPONENTS_PLATFORM_SOCKET_MESSAGE_SCAN_H
 #define ZEL_COMPONENTS_PLATFORM_SOCKET_MESSAGE_SCAN_H
 
+#include <components/platform/socket.h>
+
 #include <cstdint>
 
 namespace zel::socket {
@@ -30,8 +32,15 @@ inline constexpr int32_t kLineTableFull = -1;
 //   kLineTableFull.
 // - In a complete message the CR of every line, the empty one too, becomes NUL. A null
 //   pointer closes the line table. Otherwise the data is untouched.
-// - More than PLATFORM_MAX_MESSAGE_LINES lines are an assertion that aborts.
 int32_t scan_message(MessageScan &scan, int32_t length);
+
+// Whether a full table holds as many lines as a message may have.
+inline bool is_at_line_limit(const MessageScan &scan) {
+    return scan.lines >= PLATFORM_MAX_MESSAGE_LINES;
+}
+
+// Aborts by an assertion at that limit.
+void assert_line_limit(const MessageScan &scan);
 
 } // namespace zel::socket
 

@@ -3,6 +3,7 @@
 #include <components/platform/socket.h>
 
 #include <components/platform/base/descriptor.h>
+#include <components/platform/base/read_ahead.h>
 #include <components/platform/socket/connection.h>
 #include <msg/base/errno_kept.h>
 
@@ -59,6 +60,7 @@ int platform_socket_open(const struct addrinfo *list, int server, int backlog) {
         return -1;
     }
     zel::set_close_on_exec(fd);
+    zel::forget_read_ahead_of(fd);
     const bool opened = server != 0 ? bind_and_listen(fd, *list, backlog) : connect_first(fd, list);
     if (opened) {
         return fd;
@@ -69,6 +71,7 @@ int platform_socket_open(const struct addrinfo *list, int server, int backlog) {
 }
 
 int platform_socket_close(int fd) {
+    zel::forget_read_ahead_of(fd);
     {
         const zel::ErrnoKept kept; // shutdown fails on a socket that is not connected
         shutdown(fd, SHUT_RDWR);
