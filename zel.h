@@ -14,6 +14,7 @@
  *   components/platform/process_identity.h     a process that is known again
  *   components/platform/process_info.h         process numbers, existence, memory use
  *   components/platform/socket.h               sockets and the framed message loop
+ *   components/platform/message_lines.h        messages of data, of peers not trusted
  *   components/platform/zel_pair_connection.h  a parent and its companion
  *   components/platform/pair_control.h         the pair under control: start, wait, stop
  *   components/platform/debug_hooks.h          pausing or re-launching a process
@@ -52,6 +53,7 @@
 #include <components/platform/file_services.h>
 #include <components/platform/pair_control.h>
 #include <components/platform/process_identity.h>
+#include <components/platform/message_lines.h>
 #include <components/platform/process_info.h>
 #include <components/platform/socket.h>
 #include <components/platform/zel_pair_connection.h>

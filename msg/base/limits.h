@@ -72,6 +72,10 @@ inline constexpr size_t kExecReports = kSmall ? 2 : 1024;
 // buffer for each of its connections has as many as descriptors.
 inline constexpr size_t kKnownBuffers = kSmall ? 4 : 1024;
 
+// Lines of a message that leave in one system call. Each is two pieces, its text and its
+// end, and the system takes 1024.
+inline constexpr int32_t kLinesAtOnce = kSmall ? 2 : 512;
+
 } // namespace zel
 
 #endif

@@ -12,7 +12,7 @@ LAYERS = (
     r"msg/(internal/|sinks/)?\w+",
     r"malloc/(internal/)?\w+",
     r"components/platform/(base/\w+|environment(/\w+)?)",
-    r"components/platform/(process_identity|process_info|socket(/\w+)?)",
+    r"components/platform/(process_identity|process_info|message_lines|socket(/\w+)?)",
     r"components/platform/(zel_pair_connection|pair_control|pair/\w+)",
     r"components/platform/(debug_hooks|file_control|file_services)(/\w+)?",
 )

@@ -64,8 +64,12 @@ HOOK(int, getaddrinfo, "getaddrinfo", (const char *host, const char *service, co
 HOOK(unsigned long, getauxval, "getauxval", (unsigned long type), (type))
 HOOK(ssize_t, getdents64, "getdents64", (int fd, void *buffer, size_t size), (fd, buffer, size))
 HOOK(char *, getlogin, "getlogin", (), ())
+HOOK(int, getpeername, "getpeername", (int fd, sockaddr *address, socklen_t *length), (fd, address, length))
 HOOK(passwd *, getpwuid, "getpwuid", (uid_t user), (user))
 HOOK(ssize_t, getrandom, "getrandom", (void *buffer, size_t size, unsigned flags), (buffer, size, flags))
+HOOK(int, getsockname, "getsockname", (int fd, sockaddr *address, socklen_t *length), (fd, address, length))
+HOOK(int, getsockopt, TIME64("getsockopt", "__getsockopt64"),
+     (int fd, int level, int name, void *value, socklen_t *length), (fd, level, name, value, length))
 HOOK(int, glob, TIME64("glob64", "__glob64_time64"),
      (const char *pattern, int flags, int (*on_error)(const char *, int), glob_t *record),
      (pattern, flags, on_error, record))
@@ -98,10 +102,10 @@ HOOK(int, renameat, "renameat", (int from_folder, const char *from, int to_folde
 HOOK(int, select, TIME64("select", "__select64"),
      (int count, fd_set *readable, fd_set *writable, fd_set *exceptional, timeval *timeout),
      (count, readable, writable, exceptional, timeout))
-HOOK(int, renameat, "renameat", (int from_directory, const char *from, int to_directory, const char *to),
-     (from_directory, from, to_directory, to))
 HOOK(ssize_t, send, "send", (int fd, const void *buffer, size_t length, int flags), (fd, buffer, length, flags))
 HOOK(ssize_t, sendfile, "sendfile64", (int to, int from, off_t *offset, size_t length), (to, from, offset, length))
+HOOK(ssize_t, sendmsg, TIME64("sendmsg", "__sendmsg64"), (int fd, const msghdr *message, int flags),
+     (fd, message, flags))
 HOOK(int, setsockopt, TIME64("setsockopt", "__setsockopt64"),
      (int fd, int level, int name, const void *value, socklen_t length), (fd, level, name, value, length))
 HOOK(int, shutdown, "shutdown", (int fd, int how), (fd, how))

@@ -24,7 +24,7 @@ bool is_longer_than_step(const struct timespec &time) {
 // again and again.
 const struct timespec *timeout_of(int fd, const Deadline &deadline, struct timespec &storage) {
     const struct timespec step = {.tv_sec = 0, .tv_nsec = kStepNanoseconds};
-    if (!deadline.limited) {
+    if (!is_limited(deadline)) {
         storage = step;
         return fd == -1 ? &storage : nullptr;
     }
