@@ -16,7 +16,7 @@
  *   components/platform/socket.h               sockets and the framed message loop
  *   components/platform/message_lines.h        messages of data, of peers not trusted
  *   components/platform/zel_pair_connection.h  a parent and its companion
- *   components/platform/pair_control.h         the pair under control: start, wait, stop
+ *   components/platform/pair_control.h         the pair under control: start, deadlines, stop
  *   components/platform/debug_hooks.h          pausing or re-launching a process
  *   components/platform/file_control.h         patterns, trees, paths, stamps
  *   components/platform/file_services.h        checked copies, replaced contents, unique files
@@ -51,9 +51,9 @@
 #include <components/platform/environment.h>
 #include <components/platform/file_control.h>
 #include <components/platform/file_services.h>
+#include <components/platform/message_lines.h>
 #include <components/platform/pair_control.h>
 #include <components/platform/process_identity.h>
-#include <components/platform/message_lines.h>
 #include <components/platform/process_info.h>
 #include <components/platform/socket.h>
 #include <components/platform/zel_pair_connection.h>

@@ -1,12 +1,14 @@
 /* Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
- * The process pair under control: a start that tells at once whether the program runs, and
- * an ending that cannot hang.
+ * The process pair under control: a start that tells at once whether the program runs,
+ * transfers with a deadline, and an ending that cannot hang.
  *
  * The calls work on the handles of zel_pair_connection.h, whichever call opened them.
  *
  *   need                                        call
  *   start, and know that the program runs       platform_pair_spawn
  *   why a companion of an older open never ran  platform_pair_exec_error
+ *   a whole value, or the reason why not        platform_pair_send_all, platform_pair_recv_all
+ *   a question and its answer of any size       platform_pair_exchange
  *   wait for the end, at most so long           platform_pair_wait
  *   end the companion, whatever it does         platform_pair_stop
  *   in the companion: keep the pair to itself   platform_pair_child_seal
@@ -21,8 +23,10 @@
  *       msg_fatal("%s: %s", pair->error_text, platform_pair_errstr(pair));
  *   }
  *   int32_t number = 12;
- *   platform_pair_send(pair, &number, sizeof number);
- *   platform_pair_recv(pair, &number, sizeof number);
+ *   int32_t square = 0;
+ *   if (platform_pair_exchange(pair, &number, sizeof number, &square, sizeof square, 5000) != PLATFORM_PAIR_DONE) {
+ *       msg_warn("no answer within five seconds");
+ *   }
  *   platform_pair_stop(pair, 1000); // whatever the companion does, it has ended after this
  *   platform_pair_close(pair);
  *
@@ -32,9 +36,23 @@
  *   int32_t number;
  *   platform_pair_follow_parent(pair, SIGKILL);
  *   platform_pair_child_seal(pair, "SQUARE_PAIR");
- *   while (platform_pair_recv(pair, &number, sizeof number) == sizeof number) {
+ *   while (platform_pair_recv_all(pair, &number, sizeof number, -1, NULL) == PLATFORM_PAIR_DONE) {
  *       number *= number;
- *       platform_pair_send(pair, &number, sizeof number);
+ *       platform_pair_send_all(pair, &number, sizeof number, -1, NULL);
+ *   }
+ *
+ * Example of text and values on one pair, in a companion whose message loop reads ahead:
+ *
+ *   static int on_values(int socket, char *first_line, char **lines) {
+ *       int32_t left = strcmp(first_line, "values") == 0 && lines[0] != NULL ? atoi(lines[0]) : 0;
+ *       int32_t total = 0;
+ *       for (int32_t value; left > 0; --left) { // the values came right behind the message
+ *           if (platform_pair_recv_all(values_pair, &value, sizeof value, 5000, NULL) != PLATFORM_PAIR_DONE) {
+ *               return 0;
+ *           }
+ *           total += value;
+ *       }
+ *       return platform_send_all(socket, &total, sizeof total) != -1;
  *   }
  *
  * Times are in milliseconds. A negative time sets no limit; 0 does what can be done at
@@ -106,6 +124,57 @@ PairHandle *platform_pair_spawn(const char *env_name, const char *file, char *co
  * - Limits: without memory for a shared area, or with more than 1024 handles open, the
  *   result stays 0. platform_pair_spawn has the error in error_number even then. */
 int32_t platform_pair_exec_error(const PairHandle *ph);
+
+/* ---- Transfers -----------------------------------------------------------------------------------------------------
+ *
+ *   - They work on a blocking pair as on a non-blocking one, and leave its mode as it is.
+ *   - No signal is raised: SIGPIPE stays away without ignore_sigpipe.
+ *   - What a message loop has read ahead on the same descriptor is received first, so that
+ *     text and values mix on one pair. This holds for the 1024 oldest buffers of
+ *     platform_msgbuf_create. Bytes of another descriptor stay where they are, and so do
+ *     bytes of two descriptors in one buffer.
+ *   - platform_pair_close, platform_socket_close and platform_msgbuf_reset end that. A
+ *     descriptor that is closed by other means leaves its bytes to the next pair with its
+ *     number: reset the buffer first.
+ */
+
+/* Results of the transfers. */
+typedef enum PlatformPairTransfer {
+    PLATFORM_PAIR_DONE = 1,      /* every byte went through */
+    PLATFORM_PAIR_ENDED = 0,     /* the peer closed before that */
+    PLATFORM_PAIR_FAILED = -1,   /* an error; errno and error_number hold it */
+    PLATFORM_PAIR_TIMED_OUT = -2 /* the time was over before that */
+} PlatformPairTransfer;
+
+/* Sends the whole buffer.
+ * - length: 0 is done at once.
+ * - milliseconds: the most time that it takes.
+ * - moved: gets the count of bytes sent, whatever the result; may be null.
+ * - Result: a PlatformPairTransfer. Bytes that were sent need not have been received.
+ * - Errors: PLATFORM_PAIR_FAILED. A negative length is EINVAL. The other results leave
+ *   error_number as it was. */
+int platform_pair_send_all(PairHandle *ph, const void *buffer, int32_t length, int32_t milliseconds, int32_t *moved);
+
+/* Receives the whole buffer.
+ * - length: 0 is done at once.
+ * - milliseconds: the most time that it takes.
+ * - moved: gets the count of bytes received, whatever the result; may be null. They stand
+ *   at the start of the buffer, and no other call receives them again.
+ * - Result: a PlatformPairTransfer. A peer that closed with our data unread has closed:
+ *   PLATFORM_PAIR_ENDED.
+ * - Errors: as platform_pair_send_all. */
+int platform_pair_recv_all(PairHandle *ph, void *buffer, int32_t length, int32_t milliseconds, int32_t *moved);
+
+/* Sends a question and receives its answer at the same time: neither side waits for the
+ * other, however long the two are.
+ * - out, out_length: the question.
+ * - in, in_length: storage for the answer, which has precisely that length.
+ * - milliseconds: the most time that both take together.
+ * - Result: a PlatformPairTransfer; PLATFORM_PAIR_DONE when both are whole. After another
+ *   result nobody knows how far either came: the pair is of no more use.
+ * - Errors: as platform_pair_send_all. */
+int platform_pair_exchange(PairHandle *ph, const void *out, int32_t out_length, void *in, int32_t in_length,
+                           int32_t milliseconds);
 
 /* ---- Ending ------------------------------------------------------------------------------------------------------ */
 

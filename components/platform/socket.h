@@ -36,11 +36,14 @@
  *
  * - The loop reads ahead, up to 8192 bytes at a time. Data that follows a message stays
  *   in the buffer: no recv on the socket finds it. Send a value as a line of the message,
- *   or after the receiver's acknowledgement (see the example in zel_pair_connection.h).
+ *   or after the receiver's acknowledgement (see the example in zel_pair_connection.h), or
+ *   receive it by platform_pair_recv_all.
  * - A peer can end its receiver. A message that does not fit into the buffer, or has more
  *   than PLATFORM_MAX_MESSAGE_LINES lines, is an assertion that aborts the receiver.
+ *   platform_message_wait returns an error instead.
  * - Sending checks no line. A text with CR LF in it, and an empty further line, make the
  *   receiver take the bytes after them for other lines or messages.
+ *   platform_send_message_lines refuses them.
  *
  * Invariants:
  *

@@ -192,9 +192,11 @@ int32_t example_of_pair_control(void) {
         msg_fatal("%s: %s", pair->error_text, platform_pair_errstr(pair));
     }
     int32_t number = 12;
-    platform_pair_send(pair, &number, sizeof number);
-    platform_pair_recv(pair, &number, sizeof number);
+    int32_t square = 0;
+    if (platform_pair_exchange(pair, &number, sizeof number, &square, sizeof square, 5000) != PLATFORM_PAIR_DONE) {
+        msg_warn("no answer within five seconds");
+    }
     platform_pair_stop(pair, 1000); // whatever the companion does, it has ended after this
     platform_pair_close(pair);
-    return number;
+    return square;
 }

@@ -5,6 +5,7 @@
 
 #include <components/platform/zel_pair_connection.h>
 
+#include <stddef.h>
 #include <stdint.h>
 
 #ifdef __cplusplus
@@ -30,6 +31,13 @@ void example_of_ending(PairHandle *pair, int seconds);
 
 /* Asks the companion for the sum of the values, in that many rounds. Returns the rounds that were answered. */
 int example_of_text_and_values(const int32_t *values, int32_t count, int32_t *totals, int rounds);
+
+
+/* Sends a message and the values right behind it. Returns their total. */
+int32_t example_of_values(const int32_t *values, int32_t count);
+
+int example_of_message_lines(int socket, const char *name, const char *text, size_t text_length);
+int example_of_message_wait(int client); /* the requests that were answered */
 
 #ifdef __cplusplus
 }

@@ -90,7 +90,9 @@ bool stands_in(const Fragments &fragments, const std::string &source) {
 std::string compiled_examples() {
     return read_file(ZEL_SOURCE_DIR "/tests/examples/header_examples.c") +
            read_file(ZEL_SOURCE_DIR "/tests/examples/header_example_hooks.c") +
-           read_file(ZEL_SOURCE_DIR "/tests/examples/adder.c") + read_file(ZEL_SOURCE_DIR "/tests/examples/square.c");
+           read_file(ZEL_SOURCE_DIR "/tests/examples/adder.c") +
+           read_file(ZEL_SOURCE_DIR "/tests/examples/header_examples_transfers.c") +
+           read_file(ZEL_SOURCE_DIR "/tests/examples/square.c") + read_file(ZEL_SOURCE_DIR "/tests/examples/totals.c");
 }
 
 TEST(HeaderExamples, EachPublicHeaderShowsWhatIsCompiledHere) {
