@@ -5,13 +5,17 @@
 #include "word_count_protocol.h"
 
 #include <components/platform/environment.h>
+#include <components/platform/message_lines.h>
 #include <components/platform/pair_control.h>
 #include <components/platform/process_info.h>
 #include <components/platform/socket.h>
 #include <msg/msg.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <poll.h>
+#include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
 
@@ -22,6 +26,8 @@ namespace {
 // The ports that the hybrid arrangement may listen on; the first free one is taken.
 constexpr int kFirstPort = 20300;
 constexpr int kEndPort = 21300;
+
+constexpr int kConnectStep = 1000; // milliseconds between two looks at a companion that has not connected
 
 constexpr int32_t kEndTime = 5000; // milliseconds from "quit" to the companion's end
 constexpr int32_t kNoLimit = -1;
@@ -60,20 +66,44 @@ void announce_port(int port) {
     platform_setenv(kHybridName, "1");
 }
 
-// Waits for the connection in steps of a second, as long as the companion lives: it may
-// stand in a debugger. Returns PLATFORM_SOCKET_FAILED when nobody connected. The
-// listening socket is closed.
+// A connection that comes within that time, or PLATFORM_SOCKET_NOT_READY.
+int accept_within(int listening, int time) {
+    pollfd entry = {.fd = listening, .events = POLLIN, .revents = 0};
+    return poll(&entry, 1, time) == 1 ? platform_accept_retry(listening, nullptr, nullptr) : PLATFORM_SOCKET_NOT_READY;
+}
+
+// Whoever knows the port can connect, and any user of the machine can find it. The
+// companion runs as our own user.
+bool is_of_own_user(int fd) {
+    const int64_t user = platform_peer_user(fd);
+    if (user == static_cast<int64_t>(geteuid())) {
+        return true;
+    }
+    if (user == -1) {
+        msg_warn("A connection was refused: its user cannot be told: %s.", strerror(errno));
+    } else {
+        msg_warn("A connection of user %d was refused: the companion runs as user %d.", static_cast<int>(user),
+                 static_cast<int>(geteuid()));
+    }
+    return false;
+}
+
+// Waits for the connection as long as the companion lives: it may stand in a debugger.
+// Strangers are refused, and the wait goes on. Returns PLATFORM_SOCKET_FAILED when the
+// companion did not connect.
 int accept_companion(PairHandle *pair, int listening) {
     int fd = PLATFORM_SOCKET_NOT_READY;
-    for (bool alive = true; fd == PLATFORM_SOCKET_NOT_READY && alive;) {
+    for (bool alive = true; fd != PLATFORM_SOCKET_FAILED && alive;) {
         alive = platform_pair_companion_alive(pair) == 1;
-        fd = platform_accept_timeout(listening, alive ? 1 : 0);
+        fd = accept_within(listening, alive ? kConnectStep : 0);
+        if (fd >= 0 && is_of_own_user(fd)) {
+            return fd;
+        }
+        if (fd >= 0) {
+            platform_socket_close(fd);
+        }
     }
-    if (fd ==
-        PLATFORM_SOCKET_NOT_READY) { // nobody came; an accepted connection has closed the listening socket already
-        platform_socket_close(listening);
-    }
-    return fd < 0 ? PLATFORM_SOCKET_FAILED : fd;
+    return PLATFORM_SOCKET_FAILED;
 }
 
 void use_connection(PairHandle *pair, int fd) {
@@ -86,6 +116,7 @@ void use_connection(PairHandle *pair, int fd) {
 
 bool connect_companion(Companion &companion, int listening) {
     const int fd = accept_companion(companion.pair, listening);
+    platform_socket_close(listening);
     if (fd == PLATFORM_SOCKET_FAILED) {
         give_up_companion(companion, "The companion did not connect.");
         return false;

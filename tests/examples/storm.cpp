@@ -1,6 +1,6 @@
 // Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
 // Replaces read, recv and send in a program: each moves a few bytes at a time, and signals interrupt it again and
-// again. STORM_READ_FAILS=N: the n-th read, from 1, fails with EIO instead.
+// again. STORM_READ_FAILS=N: the n-th read of a text, from 1, fails with EIO instead.
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
@@ -21,6 +21,9 @@ ssize_t wrap_send(int fd, const void *buffer, size_t length, int flags) __asm__(
 }
 
 namespace {
+
+// A text is read in chunks that are larger than any other read.
+constexpr size_t kChunkSize = 65536;
 
 // The lengths come round in this order; 0 is an interruption.
 constexpr size_t kLengths[] = {0, 1, 3, 0, 0, 700, 2};
@@ -53,7 +56,7 @@ ssize_t wrap_read(int fd, void *buffer, size_t length) {
     static size_t calls = 0;
     static size_t reads = 0;
     static const char *failing = getenv("STORM_READ_FAILS");
-    if (failing != nullptr && ++reads == strtoul(failing, nullptr, 10)) {
+    if (failing != nullptr && length == kChunkSize && ++reads == strtoul(failing, nullptr, 10)) {
         errno = EIO;
         return -1;
     }
