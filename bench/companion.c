@@ -45,6 +45,13 @@ static void bare_values(int fd) {
     }
 }
 
+/* Sends back what comes, whatever its length is. */
+static void bare_echo(int fd) {
+    ssize_t count;
+    while ((count = recv(fd, buffer, BUFFER, 0)) > 0 && by_hand_send_all(fd, buffer, (size_t) count)) {
+    }
+}
+
 /* Takes 256 MiB, says so with one byte, and begins again. */
 static void zel_sink(int fd) {
     (void) fd;
@@ -153,15 +160,11 @@ static const struct Service {
     const char *name;
     void (*serve)(int fd);
 } services[] = {
-    {"zel-values", zel_values},
-    {"bare-values", bare_values},
-    {"zel-sink", zel_sink},
-    {"bare-sink", bare_sink},
-    {"zel-messages", zel_messages},
-    {"bare-messages", bare_messages},
-    {"waiting-messages", waiting_messages},
-    {"zel-large", zel_large},
-    {"waiting-large", waiting_large},
+    {"zel-values", zel_values},       {"bare-values", bare_values},
+    {"bare-echo", bare_echo},         {"zel-sink", zel_sink},
+    {"bare-sink", bare_sink},         {"zel-messages", zel_messages},
+    {"bare-messages", bare_messages}, {"waiting-messages", waiting_messages},
+    {"zel-large", zel_large},         {"waiting-large", waiting_large},
 };
 
 /* ---- Ways to the parent ------------------------------------------------------------------------------------------ */

@@ -6,11 +6,16 @@
 #include "rows.h"
 #include "table.h"
 
+#include <components/platform/message_lines.h>
 #include <components/platform/socket.h>
 
 #include <array>
 #include <cstring>
+#include <string>
+#include <string_view>
+#include <sys/uio.h>
 #include <tuple>
+#include <vector>
 
 namespace bench {
 
@@ -100,6 +105,62 @@ void add_message_row(Route route) {
                          [route](benchmark::State &state) { message_by_hand<Count>(state, route, false); }}}));
 }
 
+// ---- Lines that come from data --------------------------------------------------------------------------------------
+//
+// Both ways have a companion and a receiving end by hand: the sends alone differ.
+
+using Lines = std::vector<std::string_view>;
+
+Lines lines_of_data(size_t count) {
+    static const std::array<std::string, kMostLines> texts = make_texts();
+    return {texts.begin(), texts.begin() + static_cast<std::ptrdiff_t>(count)};
+}
+
+bool send_checked(int fd, const Lines &lines) {
+    std::array<PlatformLine, kMostLines> table;
+    for (size_t i = 0; i < lines.size(); ++i) {
+        table[i] = {.text = lines[i].data(), .length = lines[i].size()};
+    }
+    return platform_send_message_lines(fd, table.data(), static_cast<int32_t>(lines.size())) == 1;
+}
+
+// Without a check of the lines, and without an answer to a partial send.
+bool send_by_writev(int fd, const Lines &lines) {
+    std::array<iovec, size_t{2} * kMostLines> pieces;
+    size_t length = 2;
+    for (size_t i = 0; i < lines.size(); ++i) {
+        const bool last = i + 1 == lines.size();
+        pieces[2 * i] = {.iov_base = const_cast<char *>(lines[i].data()), .iov_len = lines[i].size()};
+        pieces[2 * i + 1] = {.iov_base = const_cast<char *>("\r\n\r\n"), .iov_len = last ? 4U : 2U};
+        length += lines[i].size() + 2;
+    }
+    return writev(fd, pieces.data(), static_cast<int>(2 * lines.size())) == static_cast<ssize_t>(length);
+}
+
+void message_of_data(benchmark::State &state, size_t count, bool (*send)(int fd, const Lines &lines)) {
+    const Link link = Link::by_hand(Route::pair, "bare-messages");
+    ByHandEnd end;
+    if (by_hand_open(&end, link.fd(), 0, BY_HAND_AREA, BY_HAND_LINES) == 0) {
+        state.SkipWithError("no memory");
+    }
+    const Lines lines = lines_of_data(count);
+    expected = lines.back().data();
+    while (state.KeepRunning()) {
+        if (!send(link.fd(), lines) || by_hand_receive(&end, check_answer_by_hand) == 0) {
+            state.SkipWithError("wrong answer");
+        }
+    }
+    by_hand_close(&end);
+}
+
+void add_data_row(size_t count) {
+    add_row({.name = "message of " + std::to_string(count) + (count == 1 ? " line" : " lines") + " from data",
+             .clock = Clock::wall,
+             .iterations = 1000},
+            {{"zel", [count](benchmark::State &state) { message_of_data(state, count, send_checked); }},
+             {"floor", [count](benchmark::State &state) { message_of_data(state, count, send_by_writev); }}});
+}
+
 } // namespace
 
 void add_message_rows() {
@@ -107,6 +168,9 @@ void add_message_rows() {
         add_message_row<1>(route);
         add_message_row<6>(route);
         add_message_row<kMostLines>(route);
+    }
+    for (const int count : {1, 6, kMostLines}) {
+        add_data_row(static_cast<size_t>(count));
     }
 }
 

@@ -5,7 +5,11 @@
 #include "rows.h"
 #include "table.h"
 
+#include <components/platform/pair_control.h>
+
 #include <array>
+#include <poll.h>
+#include <string>
 #include <sys/socket.h>
 
 namespace bench {
@@ -81,6 +85,69 @@ void bare_bulk(benchmark::State &state) {
     }
 }
 
+// ---- A question and its answer, within five seconds -----------------------------------------------------------------
+
+constexpr int kFiveSeconds = 5000;
+constexpr int32_t kLarge = 1 << 20; // far more than the pair holds
+
+void zel_exchange(benchmark::State &state, const char *service, int32_t length) {
+    const Link link = Link::by_library(Route::pair, service);
+    std::string question(static_cast<size_t>(length), 'q');
+    std::string answer(static_cast<size_t>(length), ' ');
+    while (state.KeepRunning()) {
+        if (platform_pair_exchange(link.pair(), question.data(), length, answer.data(), length, kFiveSeconds) !=
+            PLATFORM_PAIR_DONE) {
+            state.SkipWithError("no answer");
+        }
+    }
+}
+
+bool is_ready(int fd, short events, short *ready) {
+    pollfd entry = {.fd = fd, .events = events, .revents = 0};
+    const bool waited = poll(&entry, 1, kFiveSeconds) == 1;
+    *ready = entry.revents;
+    return waited;
+}
+
+// As one would write it: what fits is sent, and then whatever is possible is done.
+bool exchange_by_hand(int fd, const std::string &question, std::string &answer) {
+    size_t sent = 0;
+    size_t received = 0;
+    short ready = POLLOUT;
+    while (received < answer.size()) {
+        if ((ready & POLLOUT) != 0 && sent < question.size()) {
+            const ssize_t count = send(fd, question.data() + sent, question.size() - sent, MSG_DONTWAIT | MSG_NOSIGNAL);
+            sent += count > 0 ? static_cast<size_t>(count) : 0;
+        }
+        if ((ready & POLLIN) != 0) {
+            const ssize_t count = recv(fd, answer.data() + received, answer.size() - received, MSG_DONTWAIT);
+            received += count > 0 ? static_cast<size_t>(count) : 0;
+        }
+        const short events = sent < question.size() ? POLLIN | POLLOUT : POLLIN;
+        if (received < answer.size() && !is_ready(fd, events, &ready)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+void bare_exchange(benchmark::State &state, const char *service, int32_t length) {
+    const Link link = Link::by_hand(Route::pair, service);
+    const std::string question(static_cast<size_t>(length), 'q');
+    std::string answer(static_cast<size_t>(length), ' ');
+    while (state.KeepRunning()) {
+        if (!exchange_by_hand(link.fd(), question, answer)) {
+            state.SkipWithError("no answer");
+        }
+    }
+}
+
+void add_exchange_row(const char *name, int64_t iterations, const char *service, int32_t length) {
+    add_row({.name = name, .clock = Clock::wall, .iterations = iterations},
+            {{"zel", [service, length](benchmark::State &state) { zel_exchange(state, service, length); }},
+             {"floor", [service, length](benchmark::State &state) { bare_exchange(state, service, length); }}});
+}
+
 } // namespace
 
 void add_value_rows() {
@@ -88,6 +155,8 @@ void add_value_rows() {
             with_peers("value", Clock::wall, {{"zel", zel_round_trip}, {"floor", bare_round_trip}}));
     add_row({.name = "256 MiB in calls of 64 KiB", .clock = Clock::wall, .iterations = 1},
             {{"zel", zel_bulk}, {"floor", bare_bulk}});
+    add_exchange_row("exchange of 4 bytes with a time limit", 4000, "bare-values", sizeof(int32_t));
+    add_exchange_row("exchange of 1 MiB each way at once", 20, "bare-echo", kLarge);
 }
 
 } // namespace bench
