@@ -234,7 +234,7 @@ TEST(PairRecvAll, ATimeOutKeepsWhatCame) {
 
 TEST(PairRecvAll, APeerThatNeverPausesDoesNotProlongTheTime) {
     const LocalPair pair;
-    int64_t now = 0;
+    long now = 0;
     const Interposed clock(hook::clock_gettime, [&now](clockid_t, timespec *time) {
         now += 10; // milliseconds pass at each look
         *time = {.tv_sec = now / 1000, .tv_nsec = now % 1000 * 1000000};

@@ -97,7 +97,7 @@ TEST(MessageWait, ATimeOutKeepsWhatCame) {
 TEST(MessageWait, APeerThatSendsByteByByteDoesNotProlongTheTime) {
     const SocketPair pair;
     const CurrentBuffer buffer;
-    int64_t now = 0;
+    long now = 0;
     const Interposed clock(hook::clock_gettime, [&now](clockid_t, timespec *time) {
         now += 10;
         *time = {.tv_sec = now / 1000, .tv_nsec = now % 1000 * 1000000};
