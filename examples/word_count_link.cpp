@@ -82,8 +82,8 @@ bool is_of_own_user(int fd) {
     if (user == -1) {
         msg_warn("A connection was refused: its user cannot be told: %s.", strerror(errno));
     } else {
-        msg_warn("A connection of user %d was refused: the companion runs as user %d.", static_cast<int>(user),
-                 static_cast<int>(geteuid()));
+        msg_warn("A connection of user %s was refused: the companion runs as user %s.", std::to_string(user).c_str(),
+                 std::to_string(geteuid()).c_str());
     }
     return false;
 }

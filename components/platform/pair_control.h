@@ -130,9 +130,9 @@ int32_t platform_pair_exec_error(const PairHandle *ph);
  *   - They work on a blocking pair as on a non-blocking one, and leave its mode as it is.
  *   - No signal is raised: SIGPIPE stays away without ignore_sigpipe.
  *   - What a message loop has read ahead on the same descriptor is received first, so that
- *     text and values mix on one pair. This holds for the 1024 oldest buffers of
- *     platform_msgbuf_create. Bytes of another descriptor stay where they are, and so do
- *     bytes of two descriptors in one buffer.
+ *     text and values mix on one pair. It must stand in a buffer of platform_msgbuf_create,
+ *     one of the first 1024 at a time. Bytes of another descriptor stay where they are, and
+ *     so do bytes of two descriptors in one buffer.
  *   - platform_pair_close, platform_socket_close and platform_msgbuf_reset end that. A
  *     descriptor that is closed by other means leaves its bytes to the next pair with its
  *     number: reset the buffer first.

@@ -245,14 +245,14 @@ TEST(SendMessageLines, ANonBlockingSocketThatIsFullIsAFailure) {
 
 TEST(SendMessageLines, TakesNoMemory) {
     const SocketPair pair;
-    const Message message = numbers(600);
+    const Message message = numbers(100);
     const std::vector<PlatformLine> lines = lines_of(message);
     int blocks = 0;
     const Interposed taking(hook::malloc, [&blocks](size_t size) {
         ++blocks;
         return hook::malloc.real(size);
     });
-    EXPECT_EQ(platform_send_message_lines(pair.ours.fd, lines.data(), 600), 1);
+    EXPECT_EQ(platform_send_message_lines(pair.ours.fd, lines.data(), 100), 1);
     EXPECT_EQ(blocks, 0);
 }
 
