@@ -108,6 +108,14 @@ TEST(SendMessageLines, TheTextNeedsNoNulBehindIt) {
     EXPECT_EQ(waiting_on(pair.theirs.fd), "abc\r\ndef\r\r\n\r\n");
 }
 
+TEST(SendMessageLines, WhatStandsInFrontOfALineIsNotLookedAt) {
+    const SocketPair pair;
+    const std::string text = "a\r\nb";
+    const PlatformLine line = {.text = text.data() + 2, .length = 2};
+    EXPECT_EQ(platform_send_message_lines(pair.ours.fd, &line, 1), 1);
+    EXPECT_EQ(waiting_on(pair.theirs.fd), "\nb\r\n\r\n");
+}
+
 // The message as the parser of the message loop finds it.
 Message parsed(std::string text) {
     std::vector<char *> table(PLATFORM_MAX_MESSAGE_LINES + 1);
