@@ -32,7 +32,8 @@ PairHandle *start_echo() {
 
 void stop_by_signal(const PairHandle *ph) {
     kill(ph->companion_pid, SIGSTOP);
-    waitid(P_PID, static_cast<id_t>(ph->companion_pid), nullptr, WSTOPPED | WNOWAIT);
+    siginfo_t info = {};
+    waitid(P_PID, static_cast<id_t>(ph->companion_pid), &info, WSTOPPED | WNOWAIT);
 }
 
 // The companion has ended by that signal, or with that status, and is closed.
