@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -40,8 +41,12 @@ void finish(PairHandle *ph) {
     require(waitpid(companion, nullptr, 0) == companion, "waitpid");
 }
 
-Cost cost_of_start(const int *stdio_fds) {
-    return cost_of([program = companion_path("pair_echo"), stdio_fds] {
+// What a start costs after so many others.
+Cost cost_of_start(const int *stdio_fds, int others = 0) {
+    return cost_of([program = companion_path("pair_echo"), stdio_fds, others] {
+        for (int other = 0; other < others; ++other) {
+            finish(start(program, stdio_fds));
+        }
         PairHandle *ph = nullptr;
         {
             const Counted counted;
@@ -74,11 +79,18 @@ TEST(CountedPair, AValueReceivedIsOneRecv) {
 }
 
 TEST(CountedPair, AStartIsNineSystemCallsOfTheParent) {
-    const Cost cost = cost_of_start(nullptr);
+    const Cost cost = cost_of_start(nullptr, 1);
     EXPECT_EQ(cost.calls, (Calls{"getpid", "socketpair", "fcntl",                            // the two ends
                                  "sigpending", "sigprocmask", "sigtimedwait", "sigprocmask", // around the flush
                                  "fork", "close"}));
     EXPECT_EQ(cost.allocations, 1U); // the handle
+}
+
+// The memory through which companions tell why they could not be executed.
+TEST(CountedPair, TheFirstStartAlsoMapsTheReportsOfFailures) {
+    const Calls calls = cost_of_start(nullptr).calls;
+    EXPECT_EQ(std::count(calls.begin(), calls.end(), "mmap"), 1);
+    EXPECT_EQ(calls.size(), 10U);
 }
 
 // set_robust_list belongs to the C library's fork.

@@ -36,11 +36,11 @@ def start_up_code(library):
 
 
 def stubs(library):
-    """The functions that the library calls through a stub, but for the end of a damaged stack: on 32-bit x86 the C
-    library itself adds the code that calls that."""
+    """The functions that the library calls through a stub, but for two that are called by code that the C library
+    itself adds: atexit calls __cxa_atexit, and on 32-bit x86 there is code for the end of a damaged stack."""
     relocations = repo.run(["readelf", "-rW", library]).splitlines()
     called = [line.split()[4] for line in relocations if "_JUMP_SLO" in line]
-    return [name for name in called if not name.startswith("__stack_chk_fail")]
+    return [name for name in called if not name.startswith(("__cxa_atexit", "__stack_chk_fail"))]
 
 
 def own_variables(archive):
