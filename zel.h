@@ -1,11 +1,11 @@
 /* Copyright the zel authors. SPDX-License-Identifier: Apache-2.0
  * The whole runtime in one include, and the conventions that hold in every header of it.
+ * msg/sinks.h is left out: it declares msg_debug, a name that programs may have taken for
+ * a call of their own.
  *
  * The layers from the bottom. A header includes only headers of the layers below it:
  *
  *   msg/msg.h                                  typed messages to lists of output streams
- *   msg/sinks.h                                streams to rotating files, rings, the
- *                                              system log and functions
  *   malloc/zel_malloc.h                        allocation that names its caller
  *   malloc/debug_heap.h                        the debug heap
  *   malloc/heap_report.h                       leaks, owners, failures on demand
@@ -62,6 +62,5 @@
 #include <malloc/zel_malloc.h>
 #include <msg/diag_log.h>
 #include <msg/msg.h>
-#include <msg/sinks.h>
 
 #endif

@@ -2,6 +2,7 @@
 // The examples of the public headers, as they stand there. A test compares them line by line.
 #include "header_examples.h"
 
+#include <msg/sinks.h>
 #include <zel.h>
 
 #include <fcntl.h>
