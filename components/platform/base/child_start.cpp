@@ -4,9 +4,9 @@
 
 #include <components/platform/base/descriptor.h>
 #include <msg/base/errno_kept.h>
+#include <msg/base/sigpipe.h>
 
 #include <algorithm>
-#include <csignal>
 #include <cstdio>
 #include <fcntl.h>
 #include <unistd.h>
@@ -67,19 +67,6 @@ bool duplicate_onto(FILE *stream, int place) {
     return stream != nullptr && dup2(fileno(stream), place) != -1;
 }
 
-bool is_pending(int signal) {
-    sigset_t pending;
-    sigemptyset(&pending);
-    sigpending(&pending);
-    return sigismember(&pending, signal) == 1;
-}
-
-void take_pending(const sigset_t &signals) {
-    const struct timespec at_once = {};
-    while (sigtimedwait(&signals, nullptr, &at_once) == -1 && errno == EINTR) {
-    }
-}
-
 } // namespace
 
 Standards choose_standards(const int descriptors[kStandardCount]) {
@@ -92,21 +79,11 @@ Standards choose_standards(const int descriptors[kStandardCount]) {
     return standards;
 }
 
-// SIGPIPE is blocked meanwhile, and one that the flush raised is taken away. It is not
-// ignored: an ignored signal would stay ignored in a child.
+// SIGPIPE is not ignored meanwhile: an ignored signal would stay ignored in a child.
 void flush_output() {
     const ErrnoKept kept;
-    sigset_t sigpipe;
-    sigset_t mask;
-    sigemptyset(&sigpipe);
-    sigaddset(&sigpipe, SIGPIPE);
-    const bool pending_before = is_pending(SIGPIPE);
-    sigprocmask(SIG_BLOCK, &sigpipe, &mask);
+    const SigpipeBlocked blocked;
     fflush(nullptr);
-    if (!pending_before) {
-        take_pending(sigpipe);
-    }
-    sigprocmask(SIG_SETMASK, &mask, nullptr);
 }
 
 int32_t fork_flushed() {
