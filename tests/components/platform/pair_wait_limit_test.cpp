@@ -240,7 +240,7 @@ TEST(PairWait, ADamagedHandleIsAnAssertion) {
     PairHandle record = sample_record(1);
     for (const auto &[call, name] :
          {std::pair{&platform_pair_wait, "platform_pair_wait"}, std::pair{&platform_pair_stop, "platform_pair_stop"}}) {
-        const Outcome outcome = run_in_child([&record, call] { call(&record, 0); });
+        const Outcome outcome = run_in_child([&record, tried = call] { tried(&record, 0); });
         EXPECT_EQ(outcome.signal, SIGABRT);
         EXPECT_NE(outcome.err.find(std::string(name) + ": Assertion `platform_pair_valid(ph)' failed."),
                   std::string::npos)
