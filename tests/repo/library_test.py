@@ -36,10 +36,11 @@ def start_up_code(library):
 
 
 def stubs(library):
-    """The functions that the library calls through a stub, but for two that are called by code that the C library
-    itself adds: atexit calls __cxa_atexit, and on 32-bit x86 there is code for the end of a damaged stack."""
-    relocations = repo.run(["readelf", "-rW", library]).splitlines()
-    called = [line.split()[4] for line in relocations if "_JUMP_SLO" in line]
+    """The functions of others that the library calls through a stub. One of its own has an address here. Two are left
+    out, which code that the C library itself adds may call: atexit calls __cxa_atexit, and on 32-bit x86 there is code
+    for the end of a damaged stack."""
+    relocations = [line.split() for line in repo.run(["readelf", "-rW", library]).splitlines() if "_JUMP_SLO" in line]
+    called = [name for _, _, _, address, name, *_ in relocations if int(address, 16) == 0]
     return [name for name in called if not name.startswith(("__cxa_atexit", "__stack_chk_fail"))]
 
 
