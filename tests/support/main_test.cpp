@@ -64,7 +64,9 @@ Outcome run_leaving() {
     std::string self(PATH_MAX, '\0');
     const ssize_t length = readlink("/proc/self/exe", self.data(), self.size());
     self.resize(length < 0 ? 0 : static_cast<size_t>(length));
-    return run_program({"env", std::string(kWanted) + "=1", self, "--gtest_filter=Leaving.*", "--gtest_color=no"});
+    // All of them, also where this program runs a part of its tests.
+    return run_program({"env", "-u", "GTEST_TOTAL_SHARDS", "-u", "GTEST_SHARD_INDEX", std::string(kWanted) + "=1", self,
+                        "--gtest_filter=Leaving.*", "--gtest_color=no"});
 }
 
 // Whether the printer writes the finding and then the failure in the test's own line.
