@@ -25,13 +25,12 @@ void example_of_file_services(const char *text);
 void example_of_process_identity(int32_t pid, void (*work)(void));
 void example_of_process_info(void);
 void example_of_socket(int socket);
-int32_t example_of_pair(void); /* the value received */
+int32_t example_of_pair(void);         /* the value received */
 int32_t example_of_pair_control(void); /* the square of 12 */
 void example_of_ending(PairHandle *pair, int seconds);
 
 /* Asks the companion for the sum of the values, in that many rounds. Returns the rounds that were answered. */
 int example_of_text_and_values(const int32_t *values, int32_t count, int32_t *totals, int rounds);
-
 
 /* Sends a message and the values right behind it. Returns their total. */
 int32_t example_of_values(const int32_t *values, int32_t count);
