@@ -13,7 +13,9 @@ namespace zel::pair {
 // The number of the process in the upper half, its error number in the lower one; 0 while
 // there is no report. One word, so that no half of it is ever seen.
 using ExecReport = std::atomic<uint64_t>;
-static_assert(sizeof(ExecReport) == 8 && alignof(ExecReport) == 8); // so aligned, both targets have it in one access
+// So aligned, both targets have it in one access.
+static_assert(sizeof(ExecReport) == 8);
+static_assert(alignof(ExecReport) == 8);
 
 // Takes the place for the report of the handle's companion, before the companion is
 // started. Returns null when all places are taken or there is no memory. errno is kept.

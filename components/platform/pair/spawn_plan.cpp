@@ -114,7 +114,7 @@ const char *put_candidate(Room &room, std::string_view directory, std::string_vi
     put(room, directory);
     put(room, directory.empty() ? "" : "/");
     put(room, file);
-    put(room, std::string_view("", 1));
+    put(room, std::string_view("\0", 1));
     return path;
 }
 

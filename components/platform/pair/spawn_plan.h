@@ -54,8 +54,9 @@ bool build_plan(const SpawnRequest &request, int child_end, SpawnPlan &plan, Spa
 // Releases the memory of a plan and keeps errno.
 void release(const SpawnMemory &memory);
 
-// Runs in the child, on the stack of the plan: carries the plan out and never returns.
-int run_spawned_child(void *plan);
+// Runs in the child, on the stack of the plan that is its argument: carries the plan out
+// and never returns.
+int run_spawned_child(void *argument);
 
 } // namespace zel::pair
 
