@@ -52,7 +52,7 @@ struct Supervisor : testing::Test {
     Outcome supervise_fault(const std::string &fault) const {
         write_file(file(), "");
         const bool stays = fault == "stop" || fault == "stubborn";
-        return supervise({"--companions", "2", "--time-out", stays ? "300" : "20000", "--grace", "200", "--log",
+        return supervise({"--companions", "2", "--time-out", stays ? "3000" : "30000", "--grace", "200", "--log",
                           log_path(), kSupervised},
                          "one\n" + fault + " " + file() + "\nthree\n");
     }
@@ -237,9 +237,9 @@ struct RunningSupervisor : Supervisor {
         requests = -1;
     }
 
-    // Waits for the end, reading what comes; -1 after twenty seconds.
+    // Waits for the end, reading what comes; -1 after a minute.
     int exit_status() {
-        const Clock::time_point end = Clock::now() + std::chrono::seconds(20);
+        const Clock::time_point end = Clock::now() + std::chrono::seconds(60);
         int status = -1;
         while (waitpid(pid, &status, WNOHANG) == 0 && Clock::now() < end) {
             pollfd entry = {.fd = answers, .events = POLLIN, .revents = 0};
